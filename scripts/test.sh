@@ -1,0 +1,28 @@
+#!/usr/bin/env bash
+# Installs what is missing (as root, with apt-get), builds, and runs the whole test suite.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+packages=(cmake ninja-build g++ pkg-config qtbase5-dev libssl-dev python3 xvfb xauth
+          fonts-dejavu-core strace)
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+if ((${#missing[@]})); then
+  if [ "$(id -u)" = 0 ]; then
+    echo "installing: ${missing[*]}"
+    apt-get update -qq
+    DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+  else
+    echo "missing packages: ${missing[*]} (run as root, or install them with apt-get)" >&2
+    exit 1
+  fi
+fi
+
+build=${BUILD_DIR:-build}
+cmake -S . -B "$build" -G Ninja ${CMAKE_ARGS:-}
+cmake --build "$build"
+cd "$build"
+# Many suites wait on real timers and processes rather than the CPU, so run more than one per core.
+ctest --output-on-failure -j "$(( $(nproc) * 2 ))" ${CTEST_ARGS:-}

@@ -1,0 +1,24 @@
+#pragma once
+#include <QByteArray>
+#include <QNetworkRequest>
+#include <QString>
+
+class QNetworkAccessManager;
+
+constexpr int kHttpInactivityTimeoutMs = 10000;
+constexpr qint64 kHttpReadChunkBytes = 262144;
+
+// The one request shape of the updater: tolerant URL parsing, redirects followed unless they
+// go from HTTPS to HTTP, never answered from a cache, no headers of its own.
+QNetworkRequest makeUpdateRequest(const QString& url);
+// Lifts Qt's own "network not accessible" refusal before a request is sent.
+void ensureNetworkAccessible(QNetworkAccessManager& network);
+
+// Blocking GETs: each runs a nested event loop until the reply finishes or 10 s pass without
+// progress.
+QByteArray httpGet(QNetworkAccessManager& network, const QString& url, bool& ok);
+QByteArray httpGetWithRetry(QNetworkAccessManager& network, const QString& url, bool& ok);
+// Streams the body into filePath. offset > 0 asks for "Range: bytes=offset-": a 206 answer
+// is appended, a 200 answer rewrites the file from byte 0.
+bool httpGetToFile(QNetworkAccessManager& network, const QString& url, const QString& filePath,
+                   qint64 offset);

@@ -1,0 +1,19 @@
+#pragma once
+#include "update/manifest.h"
+
+#include <QByteArray>
+#include <QString>
+
+class QNetworkAccessManager;
+
+// The publisher's P-256 public key, embedded at build time (CORV_PUBLIC_KEY_FILE).
+extern const char kEmbeddedPublicKeyPem[];
+
+// ECDSA P-256 / SHA-256 check of the exact manifest bytes against the embedded key.
+// signatureText is base64 of the DER signature; surrounding whitespace is ignored.
+bool verifyManifestSignature(const QByteArray& manifestBytes, const QByteArray& signatureText);
+
+// Fetch, verify, parse, check eligibility, in that order; each failure logs one line.
+// rawBytes receives the downloaded manifest bytes as soon as they arrive.
+bool fetchTrustedManifest(QNetworkAccessManager& network, const QString& manifestUrl,
+                          Manifest& manifest, QByteArray& rawBytes);
