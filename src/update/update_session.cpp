@@ -1,1 +1,98 @@
-// implementation pending
+#include "update/update_session.h"
+
+#include "apply/apply_transaction.h"
+#include "apply/interrupted_apply_repair.h"
+#include "apply/staging_download.h"
+#include "apply/update_cache.h"
+#include "update/manifest_signature.h"
+#include "update/sha256.h"
+#include "update/updater_config.h"
+
+#include <QDir>
+#include <QtDebug>
+
+namespace {
+
+void reportStatus(const UpdateSession& session, const QString& text)
+{
+    if (session.onStatus)
+        session.onStatus(text);
+}
+
+// The installed build is current when its build number is not lower than the published one
+// (never downgrade); without both build numbers the versions must match exactly.
+bool isUpToDate(const Manifest& local, const Manifest& remote)
+{
+    if (remote.buildNumber >= 0 && local.buildNumber >= 0)
+        return local.buildNumber >= remote.buildNumber;
+    return local.fullVersion == remote.fullVersion;
+}
+
+} // namespace
+
+UpdateOutcome runUpdateSession(UpdateSession& session)
+{
+    // A cut-short earlier apply is repaired even when this installation does not update itself.
+    repairInterruptedApply(session);
+
+    QString manifestUrl;
+    QString baseUrl;
+    if (!readUpdaterConfig(session.appDir, manifestUrl, baseUrl)) {
+        qInfo() << "[Update] khong co updater.conf -> bo qua update";
+        return NoConfig;
+    }
+    reportStatus(session, QString::fromUtf8("Đang kiểm tra cập nhật…"));
+
+    Manifest remote;
+    QByteArray rawBytes;
+    if (!fetchTrustedManifest(session.network, manifestUrl, remote, rawBytes))
+        return ManifestRejected;
+
+    const QString version = remote.fullVersion;
+    pruneCacheExcept(version);
+
+    Manifest local;
+    if (loadInstalledManifest(session.appDir, &local) && isUpToDate(local, remote)) {
+        qInfo() << "[Update] da moi nhat:" << version;
+        clearUpdateCache();
+        return UpToDate;
+    }
+
+    const QList<ManifestFile> plan = changedFiles(remote, session.appDir);
+    if (plan.isEmpty()) {
+        // Every file already has the published content: only the record is missing or stale.
+        writeInstalledManifest(session, rawBytes);
+        qInfo() << "[Update] hash khop het, dong bo manifest ->" << version;
+        clearUpdateCache();
+        return UpToDate;
+    }
+
+    reportStatus(session, QString::fromUtf8("Đang tải bản cập nhật (%1 tệp)…").arg(plan.size()));
+    QList<StagedFile> staged;
+    if (!downloadToStaging(session, plan, baseUrl, version, staged))
+        return Failed;
+
+    reportStatus(session, QString::fromUtf8("Đang áp bản cập nhật…"));
+    const bool applied = applyStagedFiles(session, staged);
+    QDir(stagingDir(session)).removeRecursively();
+    if (!applied)
+        return Failed;  // rolled back; the cache stays for the next attempt
+
+    writeInstalledManifest(session, rawBytes);
+    clearUpdateCache();
+    reportStatus(session, QString::fromUtf8("Cập nhật hoàn tất."));
+    qInfo() << "[Update] CAP NHAT THANH CONG ->" << version;
+    return Updated;
+}
+
+QList<ManifestFile> changedFiles(const Manifest& manifest, const QString& appDir)
+{
+    const QDir dir(appDir);
+    QList<ManifestFile> changed;
+    for (const ManifestFile& file : manifest.files) {
+        // An unreadable or missing file hashes to "" and therefore always lands in the plan.
+        if (sha256OfFile(dir.filePath(file.path)).toLower() != file.sha256)
+            changed.append(file);
+    }
+    return changed;
+}
