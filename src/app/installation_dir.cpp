@@ -1,1 +1,19 @@
-// implementation pending
+#include "app/installation_dir.h"
+
+#include <QCoreApplication>
+
+namespace {
+QString& installationDirOverride()
+{
+    static QString dir;
+    return dir;
+}
+} // namespace
+
+QString installationDir()
+{
+    const QString& overridden = installationDirOverride();
+    return overridden.isEmpty() ? QCoreApplication::applicationDirPath() : overridden;
+}
+
+void setInstallationDirForTesting(const QString& dir) { installationDirOverride() = dir; }

@@ -1,1 +1,101 @@
-int main(int, char**) { return 0; }
+#include "app/file_log.h"
+#include "app/instance_locks.h"
+#include "app/launch_options.h"
+#include "app/network_guard.h"
+#include "app/outcome_message.h"
+#include "prefetch/update_prefetcher.h"
+#include "ui/update_splash.h"
+#include "update/update_session.h"
+
+#include <QApplication>
+#include <QFileInfo>
+
+#include <utility>
+
+namespace {
+
+// Downloads the next build in the background; no window, no message box.
+int runPrefetchMode(const LaunchOptions& options)
+{
+    // An apply run is in progress: leave the installation to it.
+    if (namedMutexExists(QLatin1String(kUpdaterMutexName)))
+        return 0;
+
+    corv::UpdatePrefetcher prefetcher;
+    QObject::connect(&prefetcher, &corv::UpdatePrefetcher::finished, qApp, &QCoreApplication::quit);
+    if (options.waitPid > 0)
+        prefetcher.watchProcess(options.waitPid);
+    if (!prefetcher.start())
+        return 0;
+    return QApplication::exec();
+}
+
+// Brings the installation up to date now, synchronously: the session's network waits are
+// nested event loops, so the main event loop is never entered.
+int runApplyMode(const LaunchOptions& options)
+{
+    if (options.waitPid > 0)
+        waitForProcessToEnd(options.waitPid);
+
+    if (namedMutexExists(QLatin1String(kMainAppMutexName))) {
+        if (options.proactive)
+            showAppStillRunningMessage();
+        return 0;
+    }
+
+    bool alreadyExisted = false;
+    corv::platform::NamedMutex updaterLock = corv::platform::createNamedMutex(kUpdaterMutexName, &alreadyExisted);
+    if (updaterLock.isNull() || alreadyExisted) {
+        updaterLock.close();
+        if (options.proactive)
+            showAnotherUpdaterMessage();
+        return 0;
+    }
+
+    waitForRunningPrefetch();
+
+    UpdateOutcome outcome = Failed;
+    {
+        const QString selfFileName = QFileInfo(QCoreApplication::applicationFilePath()).fileName();
+        corv::UpdateSplash splash;  // hidden until the first status text
+        {
+            UpdateSession session;
+            session.appDir = QCoreApplication::applicationDirPath();
+            session.selfFileName = selfFileName;
+            std::function<void(const QString&)> onStatus = [window = &splash](const QString& text) {
+                window->showStatus(text);
+            };
+            session.onStatus = std::move(onStatus);
+            forceNetworkAccessible(&session.network);
+
+            outcome = runUpdateSession(session);
+            splash.hide();
+        }  // the session goes first (network manager, callback, strings), then the window
+    }
+
+    // Released before the closing box, so the application or a new update may start meanwhile.
+    updaterLock.releaseAndClose();
+    if (options.proactive)
+        showOutcomeMessage(outcome);
+    return 0;
+}
+
+// Closes the log on every way out of main, before the application object goes.
+struct FileLogCloser {
+    FileLogCloser() = default;
+    FileLogCloser(const FileLogCloser&) = delete;
+    FileLogCloser& operator=(const FileLogCloser&) = delete;
+    ~FileLogCloser() { shutdownFileLog(); }
+};
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    QApplication app(argc, argv);
+    // Qt has taken its own options out of argv by now.
+    const LaunchOptions options = parseLaunchOptions(argc, argv);
+    installFileLog(modeTag(options));
+    const FileLogCloser logCloser;
+    return options.prefetchOnly ? runPrefetchMode(options) : runApplyMode(options);
+}

@@ -1,1 +1,178 @@
-// implementation pending
+#include "platform/named_mutex.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+namespace corv::platform {
+
+namespace {
+
+// How often a waiter looks at the lock again: short enough that an apply run goes on almost
+// as soon as a prefetch lets go, long enough to cost nothing while it waits 15 s.
+constexpr int kPollIntervalMs = 20;
+
+// A descriptor may be 0, which the handle reserves for "null": store it shifted by one.
+std::intptr_t toHandle(int fd) { return static_cast<std::intptr_t>(fd) + 1; }
+int toFd(std::intptr_t handle) { return static_cast<int>(handle - 1); }
+
+// The per-user directory of the lock files, created on first use. Another user's directory,
+// a symlink or a non-directory is never trusted: the locks would be theirs to fake or hold.
+bool lockDirectory(std::string* dir)
+{
+    const char* runtimeDir = std::getenv("XDG_RUNTIME_DIR");
+    if (runtimeDir && runtimeDir[0] == '/')
+        *dir = std::string(runtimeDir) + "/corvanta";
+    else
+        *dir = "/tmp/corvanta-" + std::to_string(geteuid());
+
+    if (mkdir(dir->c_str(), 0700) != 0 && errno != EEXIST)
+        return false;
+    struct stat info {};
+    if (lstat(dir->c_str(), &info) != 0)
+        return false;
+    return S_ISDIR(info.st_mode) && info.st_uid == geteuid();
+}
+
+// "N.lock" in the lock directory; a name that could leave the directory has no lock file.
+bool lockFilePath(const std::string& name, std::string* path)
+{
+    if (name.empty() || name == "." || name == ".." || name.find('/') != std::string::npos
+        || name.find('\0') != std::string::npos)
+        return false;
+    std::string dir;
+    if (!lockDirectory(&dir))
+        return false;
+    *path = dir + "/" + name + ".lock";
+    return true;
+}
+
+struct flock wholeFile(short type)
+{
+    struct flock lock {};
+    lock.l_type = type;
+    lock.l_whence = SEEK_SET;
+    lock.l_start = 0;
+    lock.l_len = 0;
+    lock.l_pid = 0;  // must be 0 for open-file-description locks
+    return lock;
+}
+
+// True when any process holds a lock on the file, an OFD lock or a classic fcntl/lockf one.
+// A failed query counts as held: waiting a little longer is safer than running twice.
+bool isLockedByAnyone(int fd)
+{
+    struct flock probe = wholeFile(F_WRLCK);
+    if (fcntl(fd, F_OFD_GETLK, &probe) != 0)
+        return true;
+    return probe.l_type != F_UNLCK;
+}
+
+void sleepMs(int ms)
+{
+    struct timespec delay {};
+    delay.tv_sec = ms / 1000;
+    delay.tv_nsec = static_cast<long>(ms % 1000) * 1000000L;
+    while (nanosleep(&delay, &delay) != 0 && errno == EINTR) {
+    }
+}
+
+long long monotonicMs()
+{
+    struct timespec now {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<long long>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+} // namespace
+
+NamedMutex::~NamedMutex() { close(); }
+
+NamedMutex::NamedMutex(NamedMutex&& other) noexcept : handle_(other.handle_) { other.handle_ = 0; }
+
+NamedMutex& NamedMutex::operator=(NamedMutex&& other) noexcept
+{
+    if (this != &other) {
+        close();
+        handle_ = other.handle_;
+        other.handle_ = 0;
+    }
+    return *this;
+}
+
+void NamedMutex::close()
+{
+    if (handle_ == 0)
+        return;
+    // Closing the only descriptor of the open file description drops its lock.
+    ::close(toFd(handle_));
+    handle_ = 0;
+}
+
+void NamedMutex::releaseAndClose()
+{
+    if (handle_ == 0)
+        return;
+    struct flock unlock = wholeFile(F_UNLCK);
+    fcntl(toFd(handle_), F_OFD_SETLK, &unlock);
+    close();
+}
+
+NamedMutex createNamedMutex(const std::string& name, bool* alreadyExisted)
+{
+    *alreadyExisted = false;
+    std::string path;
+    if (!lockFilePath(name, &path))
+        return NamedMutex();
+    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+    if (fd < 0)
+        return NamedMutex();
+    struct flock lock = wholeFile(F_WRLCK);
+    if (fcntl(fd, F_OFD_SETLK, &lock) != 0) {
+        if (errno != EAGAIN && errno != EACCES) {
+            ::close(fd);
+            return NamedMutex();
+        }
+        // Held by someone else: like ERROR_ALREADY_EXISTS, the caller gets a handle it does
+        // not own and closes it.
+        *alreadyExisted = true;
+    }
+    return NamedMutex(toHandle(fd));
+}
+
+NamedMutex openNamedMutex(const std::string& name)
+{
+    std::string path;
+    if (!lockFilePath(name, &path))
+        return NamedMutex();
+    // Read-only and without O_CREAT: testing for a mutex must neither create nor take it.
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+    if (fd < 0)
+        return NamedMutex();
+    if (!isLockedByAnyone(fd)) {
+        ::close(fd);
+        return NamedMutex();
+    }
+    return NamedMutex(toHandle(fd));
+}
+
+bool waitForNamedMutex(NamedMutex& mutex, int timeoutMs)
+{
+    if (mutex.isNull())
+        return false;
+    const int fd = toFd(mutex.nativeHandle());
+    const long long deadline = monotonicMs() + (timeoutMs > 0 ? timeoutMs : 0);
+    for (;;) {
+        if (!isLockedByAnyone(fd))
+            return true;
+        const long long left = deadline - monotonicMs();
+        if (left <= 0)
+            return false;
+        sleepMs(static_cast<int>(left < kPollIntervalMs ? left : kPollIntervalMs));
+    }
+}
+
+} // namespace corv::platform
