@@ -1,1 +1,290 @@
-// implementation pending
+// The planned files, one at a time: a rate-limited, resumable download into "<path>.part",
+// then a length check, an incremental SHA-256 and the rename to the final cache name.
+#include "prefetch/update_prefetcher.h"
+
+#include "update/sha256.h"
+
+#include <QDebug>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QNetworkReply>
+#include <QTimer>
+
+namespace corv {
+
+void UpdatePrefetcher::startNextFile()
+{
+    // Deferred calls may arrive after the run has ended.
+    if (stopping || phase == Idle)
+        return;
+    ++currentIndex;
+    if (currentIndex != retryIndex) {
+        retryIndex = currentIndex;
+        retryCount = 0;
+    }
+    if (currentIndex >= plan.size()) {
+        finish(QStringLiteral("xong toan bo - %1 file ok, %2 bo lai cho updater")
+                   .arg(filesOk)
+                   .arg(filesLeft));
+        return;
+    }
+
+    const ManifestFile& file = plan.at(currentIndex);
+    const QString version = manifest.fullVersion;
+    const QString part = cachePartPath(version, file.path);
+    if (part.isEmpty()) {
+        qWarning() << "[UpdatePrefetch] duong dan khong an toan trong manifest:" << file.path;
+        ++filesLeft;
+        QTimer::singleShot(0, this, [this] { startNextFile(); });
+        return;
+    }
+    QDir().mkpath(QFileInfo(part).absolutePath());
+
+    qint64 have = cachePartSize(version, file.path);
+    phase = Downloading;
+    bytesHave = have;
+    bytesSinceSave = 0;
+    receiving = false;
+    writeBudget = 0;
+    if (file.size > 0) {
+        if (have == file.size) {
+            qInfo().noquote() << "[UpdatePrefetch]" << file.path << "da du byte tu luot truoc -> chi verify";
+            completeFile();
+            return;
+        }
+        if (have > file.size) {
+            QFile::remove(part);
+            have = 0;
+            bytesHave = 0;
+        }
+    }
+
+    if (have >= 1)
+        qInfo().noquote() << "[UpdatePrefetch]" << file.path << "resume tu" << have << "byte";
+    else
+        qInfo().noquote() << "[UpdatePrefetch]" << file.path << "tai tu dau" << file.size / 1024 << "KB";
+    sendGet(baseUrl + file.path, have);
+    reply->setReadBufferSize(kPrefetchReadBufferBytes);
+    connect(reply, &QNetworkReply::readyRead, this, &UpdatePrefetcher::onReadyRead);
+    connect(reply, &QNetworkReply::finished, this, &UpdatePrefetcher::onFileReplyFinished);
+    pumpTimer->start();
+}
+
+// Decides, once the status line is known, whether and how the body goes into the ".part"
+// file. False when the attempt has failed (advance(false) has then been called) or when the
+// response has not been received yet.
+bool UpdatePrefetcher::acceptResponse()
+{
+    const QVariant statusAttribute = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
+    if (!statusAttribute.isValid())
+        return false;
+    const ManifestFile& file = plan.at(currentIndex);
+    const int status = statusAttribute.toInt();
+    bool append = false;
+    if (status == 206) {
+        append = bytesHave > 0;
+    } else if (status != 200) {
+        qWarning() << "[UpdatePrefetch]" << file.path << "HTTP" << status << "-> bo file nay";
+        advance(false);
+        return false;
+    }
+
+    const QString part = cachePartPath(manifest.fullVersion, file.path);
+    const qint64 onDisk = cachePartSize(manifest.fullVersion, file.path);
+    if (!append)
+        bytesHave = 0;
+    delete partFile;
+    partFile = new QFile(part);
+    const QIODevice::OpenMode mode =
+        append ? QIODevice::WriteOnly | QIODevice::Append : QIODevice::WriteOnly | QIODevice::Truncate;
+    if (!partFile->open(mode)) {
+        qWarning() << "[UpdatePrefetch] khong mo duoc" << part;
+        delete partFile;
+        partFile = nullptr;
+        advance(false);
+        return false;
+    }
+    receiving = true;
+    if (!append && status == 200 && onDisk >= 1)
+        qWarning() << "[UpdatePrefetch] server tra 200 cho request Range -> BO" << onDisk
+                   << "byte da tai, ghi de tu dau";
+    return true;
+}
+
+void UpdatePrefetcher::onReadyRead()
+{
+    if (!reply || stopping)
+        return;
+    if (!receiving && !acceptResponse())
+        return;
+
+    while (writeBudget > 0 && reply && reply->bytesAvailable() > 0) {
+        const QByteArray chunk = reply->read(qMin(writeBudget, reply->bytesAvailable()));
+        if (chunk.isEmpty())
+            break;
+        if (partFile->write(chunk) < chunk.size()) {
+            qWarning() << "[UpdatePrefetch] ghi dia hong -> bo file nay";
+            advance(false);
+            return;
+        }
+        writeBudget -= chunk.size();
+        bytesHave += chunk.size();
+        bytesSinceSave += chunk.size();
+        stallTimer->start(kPrefetchStallTimeoutMs);
+    }
+    saveState(false);
+}
+
+void UpdatePrefetcher::onPumpTick()
+{
+    if (stopping)
+        return;
+    if (phase == Hashing) {
+        hashStep();
+    } else if (phase == Downloading) {
+        writeBudget = qMin(writeBudget + kPrefetchBudgetPerTick, kPrefetchBudgetCeiling);
+        onReadyRead();
+    }
+}
+
+void UpdatePrefetcher::onFileReplyFinished()
+{
+    if (!reply)
+        return;
+    // A response without a body never raised readyRead (a bodiless status, an empty file):
+    // its status is judged here. A failed judgement has already ended the attempt.
+    if (!receiving && !stopping
+        && reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).isValid()
+        && !acceptResponse())
+        return;
+    // What is left is bounded by the read buffer, so it is written regardless of the budget.
+    if (receiving && partFile && partFile->isOpen()) {
+        while (reply->bytesAvailable() > 0) {
+            const QByteArray chunk = reply->read(kPrefetchDrainChunkBytes);
+            if (chunk.isEmpty())
+                break;
+            partFile->write(chunk);
+            bytesHave += chunk.size();
+        }
+    }
+    QNetworkReply* finishedReply = reply;
+    reply = nullptr;
+    finishedReply->deleteLater();
+    stallTimer->stop();
+    if (stopping)
+        return;
+    if (finishedReply->error() == QNetworkReply::NoError) {
+        completeFile();
+        return;
+    }
+    qWarning().noquote() << "[UpdatePrefetch]" << plan.at(currentIndex).path << "dut o" << bytesHave
+                         << "byte:" << finishedReply->errorString();
+    advance(false);
+}
+
+void UpdatePrefetcher::completeFile()
+{
+    closePartFile();
+    const ManifestFile& file = plan.at(currentIndex);
+    const QString part = cachePartPath(manifest.fullVersion, file.path);
+    // A zero size in the manifest means "unknown": only the hash decides then.
+    if (file.size > 0 && QFileInfo(part).size() != file.size) {
+        qWarning() << "[UpdatePrefetch]" << file.path << "thieu byte sau khi tai xong -> bo";
+        advance(false);
+        return;
+    }
+    dropHashing();
+    hashFile = new QFile(part);
+    if (!hashFile->open(QIODevice::ReadOnly)) {
+        delete hashFile;
+        hashFile = nullptr;
+        advance(false);
+        return;
+    }
+    hash = new Sha256;
+    phase = Hashing;
+    pumpTimer->start();
+}
+
+void UpdatePrefetcher::hashStep()
+{
+    if (!hashFile || !hash)
+        return;
+    const QByteArray chunk = hashFile->read(kPrefetchHashChunkBytes);
+    if (!chunk.isEmpty())
+        hash->addData(chunk);
+    if (!hashFile->atEnd() && !chunk.isEmpty())
+        return;
+
+    const QString hex = hash->hexResult();
+    dropHashing();
+    const ManifestFile& file = plan.at(currentIndex);
+    const QString part = cachePartPath(manifest.fullVersion, file.path);
+    if (hex != file.sha256) {
+        qWarning().noquote() << "[UpdatePrefetch]" << file.path << "hash lech -> xoa, tai lai";
+        QFile::remove(part);
+        advance(false);
+        return;
+    }
+
+    const QString finalPath = cacheFilePath(manifest.fullVersion, file.path);
+    if (QFile::exists(finalPath))
+        QFile::remove(finalPath);
+    if (!QFile::rename(part, finalPath)) {
+        qWarning() << "[UpdatePrefetch] khong doi ten duoc" << part;
+        advance(false);
+        return;
+    }
+    ++filesOk;
+    qInfo().noquote() << "[UpdatePrefetch]" << file.path << "xong (" << currentIndex + 1 << "/"
+                      << plan.size() << ")";
+    for (CacheFileState& entry : state.files) {
+        if (entry.path == file.path) {
+            entry.got = file.size;
+            entry.done = true;
+        }
+    }
+    saveState(true);
+    advance(true);
+}
+
+void UpdatePrefetcher::advance(bool ok)
+{
+    pumpTimer->stop();
+    abortReply();
+    closePartFile();
+    if (!ok) {
+        if (retryCount < kPrefetchRetriesPerFile && !stopping) {
+            --currentIndex;
+            ++retryCount;
+            QTimer::singleShot(kPrefetchRetryDelayMs, this, [this] { startNextFile(); });
+            return;
+        }
+        ++filesLeft;  // left for the apply updater
+    }
+    if (!stopping)
+        QTimer::singleShot(0, this, [this] { startNextFile(); });
+}
+
+void UpdatePrefetcher::saveState(bool force)
+{
+    if (state.fullVersion.isEmpty())
+        return;
+    if (!force && bytesSinceSave < kPrefetchStateSaveBytes)
+        return;
+    bytesSinceSave = 0;
+    // The recorded count must already be on disk.
+    if (partFile && partFile->isOpen())
+        partFile->flush();
+    if (currentIndex >= 0 && currentIndex < plan.size()) {
+        const QString& path = plan.at(currentIndex).path;
+        for (CacheFileState& entry : state.files) {
+            if (entry.path == path && !entry.done)
+                entry.got = bytesHave;
+        }
+    }
+    writeCacheState(state);
+}
+
+} // namespace corv

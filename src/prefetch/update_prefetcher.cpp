@@ -1,1 +1,182 @@
-// implementation pending
+#include "prefetch/update_prefetcher.h"
+
+#include "app/installation_dir.h"
+#include "app/instance_locks.h"
+#include "app/network_guard.h"
+#include "update/http_fetch.h"
+#include "update/sha256.h"
+#include "update/updater_config.h"
+
+#include <QDebug>
+#include <QFile>
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
+#include <QTimer>
+
+namespace corv {
+
+UpdatePrefetcher::UpdatePrefetcher()
+{
+    network = new QNetworkAccessManager(this);
+    forceNetworkAccessible(network);
+
+    stallTimer = new QTimer(this);
+    stallTimer->setSingleShot(true);
+    stallTimer->setInterval(kPrefetchStallTimeoutMs);
+    connect(stallTimer, &QTimer::timeout, this, &UpdatePrefetcher::onStallTimeout);
+
+    // The pump is the rate limit: a precise timer keeps ten ticks a second on average, where a
+    // coarse one may fire a few milliseconds early and let more through.
+    pumpTimer = new QTimer(this);
+    pumpTimer->setTimerType(Qt::PreciseTimer);
+    pumpTimer->setInterval(kPrefetchPumpIntervalMs);
+    connect(pumpTimer, &QTimer::timeout, this, &UpdatePrefetcher::onPumpTick);
+}
+
+UpdatePrefetcher::~UpdatePrefetcher()
+{
+    stop();
+    if (!prefetchLock.isNull())
+        prefetchLock.releaseAndClose();
+    appProcess.close();
+}
+
+void UpdatePrefetcher::watchProcess(qint64 pid)
+{
+    appProcess = platform::openProcess(pid);
+    if (appProcess.isNull())
+        return;
+    appWatchTimer = new QTimer(this);
+    appWatchTimer->setInterval(kAppWatchIntervalMs);
+    connect(appWatchTimer, &QTimer::timeout, this, &UpdatePrefetcher::onAppWatchTick);
+    appWatchTimer->start();
+}
+
+bool UpdatePrefetcher::start()
+{
+    if (phase != Idle)
+        return false;
+    stopping = false;
+    if (!loadConfig())
+        return false;
+    if (!tryAcquirePrefetchLock(prefetchLock)) {
+        qInfo() << "[UpdatePrefetch] mot luot tai khac dang chay -> bo qua";
+        return false;
+    }
+    filesOk = 0;
+    filesLeft = 0;
+    state = CacheState();
+    // A reused prefetcher must not report the previous run's plan as remaining work.
+    plan.clear();
+    currentIndex = -1;
+    phase = FetchingManifest;
+    sendGet(manifestUrl, 0);
+    connect(reply, &QNetworkReply::finished, this, &UpdatePrefetcher::onManifestReplyFinished);
+    return true;
+}
+
+bool UpdatePrefetcher::loadConfig()
+{
+    return readUpdaterConfig(installationDir(), manifestUrl, baseUrl);
+}
+
+void UpdatePrefetcher::sendGet(const QString& url, qint64 rangeFrom)
+{
+    QNetworkRequest request = makeUpdateRequest(url);
+    if (rangeFrom > 0)
+        request.setRawHeader("Range", "bytes=" + QByteArray::number(rangeFrom) + '-');
+    ensureNetworkAccessible(*network);
+    reply = network->get(request);
+    stallTimer->start(kPrefetchStallTimeoutMs);
+}
+
+void UpdatePrefetcher::onStallTimeout()
+{
+    if (phase == Idle)
+        return;
+    qWarning() << "[UpdatePrefetch] dung im qua" << kPrefetchStallTimeoutMs / 1000 << "giay";
+    abortReply();
+    if (phase == Downloading) {
+        advance(false);
+        return;
+    }
+    finish(QStringLiteral("mang dung im -> bo luot nay"));
+}
+
+void UpdatePrefetcher::onAppWatchTick()
+{
+    if (appProcess.isNull() || !platform::waitForProcessEnd(appProcess, 0))
+        return;
+    appWatchTimer->stop();
+    qInfo() << "[UpdatePrefetch] app da dong -> dung tai";
+    stop();
+}
+
+void UpdatePrefetcher::abortReply()
+{
+    if (!reply)
+        return;
+    QNetworkReply* abandoned = reply;
+    reply = nullptr;
+    // Cut the connections first so that the aborted reply's finished() never arrives here.
+    disconnect(abandoned, nullptr, this, nullptr);
+    abandoned->abort();
+    abandoned->deleteLater();
+}
+
+void UpdatePrefetcher::closePartFile()
+{
+    if (partFile) {
+        partFile->flush();
+        partFile->close();
+        delete partFile;
+        partFile = nullptr;
+    }
+    receiving = false;
+}
+
+void UpdatePrefetcher::dropHashing()
+{
+    delete hashFile;
+    hashFile = nullptr;
+    delete hash;
+    hash = nullptr;
+}
+
+void UpdatePrefetcher::stop()
+{
+    if (phase == Idle)
+        return;
+    stopping = true;
+    pumpTimer->stop();
+    stallTimer->stop();
+    abortReply();
+    closePartFile();
+    dropHashing();
+    saveState(true);
+    const int remaining = currentIndex >= 0 ? plan.size() - currentIndex : plan.size();
+    qInfo() << "[UpdatePrefetch] dung - xong" << filesOk << "file, con" << remaining;
+    phase = Idle;
+    if (!prefetchLock.isNull())
+        prefetchLock.releaseAndClose();
+    emit finished();
+}
+
+void UpdatePrefetcher::finish(const QString& message)
+{
+    pumpTimer->stop();
+    stallTimer->stop();
+    if (appWatchTimer)
+        appWatchTimer->stop();
+    abortReply();
+    closePartFile();
+    dropHashing();
+    saveState(true);
+    phase = Idle;
+    if (!prefetchLock.isNull())
+        prefetchLock.releaseAndClose();
+    qInfo().noquote() << "[UpdatePrefetch]" << message;
+    emit finished();
+}
+
+} // namespace corv

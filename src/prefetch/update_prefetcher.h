@@ -17,6 +17,27 @@ class Sha256;
 
 namespace corv {
 
+// No data for this long ends the request (a file attempt, or the whole run before the plan).
+constexpr int kPrefetchStallTimeoutMs = 20000;
+// The pump writes and hashes on every tick of this interval.
+constexpr int kPrefetchPumpIntervalMs = 100;
+// 102400 bytes per 100 ms tick is 1,024,000 bytes a second; an idle tick or two may be saved
+// up, but never more than the ceiling.
+constexpr qint64 kPrefetchBudgetPerTick = 102400;
+constexpr qint64 kPrefetchBudgetCeiling = 204800;
+// Qt stops reading from the socket once this much is buffered, so a fast server is slowed
+// down instead of the file piling up in memory.
+constexpr qint64 kPrefetchReadBufferBytes = 262144;
+constexpr qint64 kPrefetchDrainChunkBytes = 102400;
+constexpr qint64 kPrefetchHashChunkBytes = 4194304;
+constexpr qint64 kPrefetchStateSaveBytes = 1048576;
+constexpr int kPrefetchRetriesPerFile = 3;
+constexpr int kPrefetchRetryDelayMs = 1000;
+// A run needing more than 500 MiB is left to the apply updater, and so is one that would leave
+// less than 1 GiB free on the installation's disk.
+constexpr qint64 kPrefetchDownloadCap = 524288000;
+constexpr qint64 kPrefetchDiskReserve = 1073741824;
+
 // Downloads the next build into the update cache while the application runs: one request at
 // a time, at most 1,024,000 bytes a second, resumable, verified, and given up cleanly when the
 // application closes, the network stalls, or the download is too large for the disk.
@@ -29,9 +50,15 @@ public:
     UpdatePrefetcher();
     ~UpdatePrefetcher() override;
 
+    // Ends the run once the process `pid` has ended (checked every second). Does nothing when
+    // the process cannot be opened.
     void watchProcess(qint64 pid);
+    // True when the manifest request was sent; false when a run is already in progress, there
+    // is no usable updater.conf, or another prefetch holds the prefetch lock.
     bool start();
+    // Ends a run from outside (application closed, destruction); nothing happens when idle.
     void stop();
+    // Ends a run with a reason for the log.
     void finish(const QString& message);
 
 Q_SIGNALS:
@@ -44,6 +71,8 @@ private:
     void dropHashing();
     void onStallTimeout();
     void onAppWatchTick();
+    // Sends the one GET of the moment into `reply` (with "Range: bytes=N-" when rangeFrom > 0)
+    // and arms the stall timer.
     void sendGet(const QString& url, qint64 rangeFrom);
 
     // The round: manifest, signature, plan.
@@ -53,6 +82,7 @@ private:
 
     // The transfer of each planned file.
     void startNextFile();
+    bool acceptResponse();
     void onReadyRead();
     void onPumpTick();
     void onFileReplyFinished();
