@@ -1,1 +1,167 @@
-// implementation pending
+#include "platform/file_failure_injection.h"
+#include "platform/file_replace.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace corv::platform {
+namespace {
+
+thread_local unsigned long lastErrorCode = 0;
+
+// Callers log Windows error codes; errno values are reported as the code of the matching
+// Windows failure so that a log line means the same on every platform.
+unsigned long windowsErrorFor(int error)
+{
+    switch (error) {
+    case ENOENT: return 2;                         // ERROR_FILE_NOT_FOUND
+    case ENOTDIR: return 3;                        // ERROR_PATH_NOT_FOUND
+    case EMFILE: case ENFILE: return 4;            // ERROR_TOO_MANY_OPEN_FILES
+    case EACCES: case EPERM: case EISDIR: return 5; // ERROR_ACCESS_DENIED
+    case EXDEV: return 17;                         // ERROR_NOT_SAME_DEVICE
+    case EROFS: return 19;                         // ERROR_WRITE_PROTECT
+    case EBUSY: case ETXTBSY: return 32;           // ERROR_SHARING_VIOLATION
+    case EINVAL: return 87;                        // ERROR_INVALID_PARAMETER
+    case ENOSPC: return 112;                       // ERROR_DISK_FULL
+    case ENOTEMPTY: return 145;                    // ERROR_DIR_NOT_EMPTY
+    case EEXIST: return 183;                       // ERROR_ALREADY_EXISTS
+    case ENAMETOOLONG: return 206;                 // ERROR_FILENAME_EXCED_RANGE
+    default: return 0x20000000ul | unsigned(error); // Windows' application-defined bit
+    }
+}
+
+bool fail(int error)
+{
+    lastErrorCode = windowsErrorFor(error);
+    return false;
+}
+
+bool failInjected(FileCall call, const std::string& sourcePath)
+{
+    unsigned long error = 0;
+    if (!injectedFileFailure(call, sourcePath, error))
+        return false;
+    lastErrorCode = error;
+    return true;
+}
+
+std::string parentDir(const std::string& path)
+{
+    const auto slash = path.find_last_of('/');
+    if (slash == std::string::npos)
+        return ".";
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+// fsync of a file or directory: 0 or an errno value. What cannot be opened (no read
+// permission) is left to the kernel; a file system that cannot sync a directory answers
+// EINVAL, which is no failure either.
+int syncPath(const std::string& path)
+{
+    int fd = -1;
+    do {
+        fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    } while (fd < 0 && errno == EINTR);
+    if (fd < 0)
+        return 0;
+    const int error = ::fsync(fd) == 0 ? 0 : errno;
+    ::close(fd);
+    return error == EINVAL ? 0 : error;
+}
+
+// The moved entry's data must be on disk before the new name can point at it.
+int syncBeforeMove(const std::string& path, const struct stat& info)
+{
+    return S_ISREG(info.st_mode) || S_ISDIR(info.st_mode) ? syncPath(path) : 0;
+}
+
+// Makes the renames durable: every directory whose entries changed.
+int syncDirectories(const std::string& a, const std::string& b, const std::string& c = std::string())
+{
+    const std::string dirA = parentDir(a);
+    const std::string dirB = parentDir(b);
+    if (const int error = syncPath(dirA))
+        return error;
+    if (dirB != dirA)
+        if (const int error = syncPath(dirB))
+            return error;
+    if (!c.empty()) {
+        const std::string dirC = parentDir(c);
+        if (dirC != dirA && dirC != dirB)
+            return syncPath(dirC);
+    }
+    return 0;
+}
+
+// Hard-links `existing` to `name` under a temporary name that is then renamed over `name`,
+// so an existing file under `name` is replaced atomically and is never missing either.
+int linkOver(const std::string& existing, const std::string& name)
+{
+    const std::string temporary = name + ".link";
+    ::unlink(temporary.c_str());
+    if (::link(existing.c_str(), temporary.c_str()) != 0)
+        return errno;
+    const int error = ::rename(temporary.c_str(), name.c_str()) == 0 ? 0 : errno;
+    // rename() does nothing when both names already are links to the same file.
+    ::unlink(temporary.c_str());
+    return error;
+}
+
+} // namespace
+
+bool replaceFile(const std::string& replaced, const std::string& replacement, const std::string& backup)
+{
+    if (failInjected(FileCall::ReplaceFile, replacement))
+        return false;
+    struct stat oldInfo {};
+    struct stat newInfo {};
+    if (::lstat(replaced.c_str(), &oldInfo) != 0 || ::lstat(replacement.c_str(), &newInfo) != 0)
+        return fail(errno);
+    if (S_ISDIR(oldInfo.st_mode) || S_ISDIR(newInfo.st_mode))
+        return fail(EISDIR);
+    // The new content takes over the replaced file's permission bits (an installed program
+    // stays executable), as the in-place replacement on Windows keeps attributes; like there,
+    // a failure to carry them over is ignored.
+    if (S_ISREG(oldInfo.st_mode) && S_ISREG(newInfo.st_mode))
+        (void)::chmod(replacement.c_str(), oldInfo.st_mode & 07777);
+    if (const int error = syncBeforeMove(replacement, newInfo))
+        return fail(error);
+    if (!backup.empty())
+        if (const int error = linkOver(replaced, backup))
+            return fail(error);
+    if (::rename(replacement.c_str(), replaced.c_str()) != 0)
+        return fail(errno);
+    if (const int error = syncDirectories(replaced, replacement, backup))
+        return fail(error);
+    return true;
+}
+
+bool moveFileReplaceWriteThrough(const std::string& from, const std::string& to)
+{
+    if (failInjected(FileCall::MoveFile, from))
+        return false;
+    struct stat fromInfo {};
+    if (::lstat(from.c_str(), &fromInfo) != 0)
+        return fail(errno);
+    // Replacing an existing directory is refused on Windows; rename() would accept an empty one.
+    struct stat toInfo {};
+    if (::lstat(to.c_str(), &toInfo) == 0 && S_ISDIR(toInfo.st_mode))
+        return fail(EACCES);
+    if (const int error = syncBeforeMove(from, fromInfo))
+        return fail(error);
+    if (::rename(from.c_str(), to.c_str()) != 0)
+        return fail(errno);
+    if (const int error = syncDirectories(to, from))
+        return fail(error);
+    return true;
+}
+
+unsigned long lastError()
+{
+    return lastErrorCode;
+}
+
+} // namespace corv::platform
