@@ -1,0 +1,174 @@
+#include "build_tree.h"
+
+#include "update/manifest.h"
+
+#include <QDir>
+#include <QFileInfo>
+#include <QHash>
+
+#include <algorithm>
+
+namespace {
+
+// Device names that Windows resolves in every directory, with or without an extension.
+const QStringList kReservedDeviceNames = {
+    QStringLiteral("CON"),  QStringLiteral("PRN"),  QStringLiteral("AUX"),  QStringLiteral("NUL"),
+    QStringLiteral("COM1"), QStringLiteral("COM2"), QStringLiteral("COM3"), QStringLiteral("COM4"),
+    QStringLiteral("COM5"), QStringLiteral("COM6"), QStringLiteral("COM7"), QStringLiteral("COM8"),
+    QStringLiteral("COM9"), QStringLiteral("LPT1"), QStringLiteral("LPT2"), QStringLiteral("LPT3"),
+    QStringLiteral("LPT4"), QStringLiteral("LPT5"), QStringLiteral("LPT6"), QStringLiteral("LPT7"),
+    QStringLiteral("LPT8"), QStringLiteral("LPT9")};
+
+// Characters Windows does not allow in a file name (besides ":" and "\", which the updater's
+// own path rule already refuses).
+const QString kWindowsForbiddenCharacters = QStringLiteral("<>\"|?*");
+
+QString windowsNameProblem(const QString& name)
+{
+    for (const QChar c : name) {
+        if (c.unicode() < 0x20)
+            return QStringLiteral("Windows does not allow control characters in file names");
+        if (kWindowsForbiddenCharacters.contains(c))
+            return QStringLiteral("Windows does not allow \"%1\" in file names").arg(c);
+    }
+    if (name.endsWith(QLatin1Char('.')) || name.endsWith(QLatin1Char(' ')))
+        return QStringLiteral("Windows drops a trailing dot or blank from file names");
+    const QString stem = name.section(QLatin1Char('.'), 0, 0).toUpper();
+    if (kReservedDeviceNames.contains(stem))
+        return QStringLiteral("\"%1\" is a reserved device name on Windows").arg(stem);
+    return QString();
+}
+
+QRegularExpression globExpression(const QString& glob)
+{
+    return QRegularExpression(QRegularExpression::wildcardToRegularExpression(glob));
+}
+
+struct Walk {
+    const ExcludeRules& excludes;
+    QList<BuildFile>* files;
+    QString* error;
+
+    bool refuse(const QString& relPath, const QString& reason)
+    {
+        *error = QStringLiteral("refusing \"%1\": %2").arg(relPath, reason);
+        return false;
+    }
+
+    bool directory(const QString& absDir, const QString& relPrefix)
+    {
+        const QDir dir(absDir);
+        if (!dir.isReadable())
+            return refuse(relPrefix.isEmpty() ? absDir : relPrefix.chopped(1),
+                          QStringLiteral("the directory cannot be read"));
+        // System lists sockets, pipes, devices and broken links too, so that they are refused
+        // rather than silently left out.
+        const QFileInfoList entries = dir.entryInfoList(
+            QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot, QDir::Name);
+        for (const QFileInfo& entry : entries) {
+            const QString relPath = relPrefix + entry.fileName();
+            if (excludes.excludes(relPath))
+                continue;
+            if (entry.isSymLink())
+                return refuse(relPath, QStringLiteral("it is a symbolic link (publish the file itself, "
+                                                      "or leave it out with --exclude)"));
+            const QString reason = unpublishableReason(relPath);
+            if (!reason.isEmpty())
+                return refuse(relPath, reason);
+            if (entry.isDir()) {
+                if (!directory(entry.filePath(), relPath + QLatin1Char('/')))
+                    return false;
+            } else if (entry.isFile()) {
+                files->append({relPath, entry.absoluteFilePath()});
+            } else {
+                return refuse(relPath, QStringLiteral("it is not a regular file or directory "
+                                                      "(a socket, pipe or device cannot be published)"));
+            }
+        }
+        return true;
+    }
+};
+
+} // namespace
+
+bool ExcludeRules::setPatterns(const QStringList& patterns, QString* error)
+{
+    namePatterns.clear();
+    pathPatterns.clear();
+    for (const QString& pattern : patterns) {
+        QString glob = pattern;
+        while (glob.endsWith(QLatin1Char('/')))
+            glob.chop(1);
+        const bool wholePath = glob.contains(QLatin1Char('/'));
+        while (glob.startsWith(QLatin1Char('/')))
+            glob.remove(0, 1);
+        const QRegularExpression expression = globExpression(glob);
+        if (glob.isEmpty() || !expression.isValid()) {
+            *error = QStringLiteral("invalid --exclude pattern \"%1\"").arg(pattern);
+            return false;
+        }
+        (wholePath ? pathPatterns : namePatterns).append(expression);
+    }
+    return true;
+}
+
+bool ExcludeRules::excludes(const QString& relPath) const
+{
+    const QString name = relPath.section(QLatin1Char('/'), -1);
+    const auto matches = [](const QRegularExpression& e, const QString& s) { return e.match(s).hasMatch(); };
+    return std::any_of(namePatterns.begin(), namePatterns.end(),
+                       [&](const QRegularExpression& e) { return matches(e, name); })
+           || std::any_of(pathPatterns.begin(), pathPatterns.end(),
+                          [&](const QRegularExpression& e) { return matches(e, relPath); });
+}
+
+QString unpublishableReason(const QString& relPath)
+{
+    const QString safe = safeRelativePath(relPath);
+    if (safe.isEmpty())
+        return relPath.contains(QLatin1Char(':'))
+                   ? QStringLiteral("the updater rejects names containing \":\"")
+                   : QStringLiteral("the updater rejects this path");
+    if (safe != relPath)
+        return relPath.contains(QLatin1Char('\\'))
+                   ? QStringLiteral("the updater reads \"\\\" as a directory separator")
+                   : QStringLiteral("the updater would change this path to \"%1\"").arg(safe);
+    for (const QString& part : relPath.split(QLatin1Char('/'))) {
+        const QString problem = windowsNameProblem(part);
+        if (!problem.isEmpty())
+            return problem;
+    }
+    const QString lower = relPath.toLower();
+    if (lower == QLatin1String("manifest.json") || lower == QLatin1String("manifest.json.sig"))
+        return QStringLiteral("the published manifest and its signature use this name");
+    const QString top = lower.section(QLatin1Char('/'), 0, 0);
+    if (top == QLatin1String(".staging") || top == QLatin1String(".update-cache")
+        || lower == QLatin1String("updater.log"))
+        return QStringLiteral("the updater keeps its own working files under this name");
+    return QString();
+}
+
+bool collectBuildFiles(const QString& inputDir, const ExcludeRules& excludes, QList<BuildFile>* files,
+                       QString* error)
+{
+    files->clear();
+    Walk walk{excludes, files, error};
+    if (!walk.directory(QFileInfo(inputDir).absoluteFilePath(), QString()))
+        return false;
+    std::sort(files->begin(), files->end(),
+              [](const BuildFile& a, const BuildFile& b) { return a.relPath < b.relPath; });
+    // Windows keeps one of two names that differ only in letter case: the other file's hash
+    // would never match and the installation would never be current.
+    QHash<QString, QString> byFoldedName;
+    for (const BuildFile& file : *files) {
+        const QString folded = file.relPath.toCaseFolded();
+        const auto clash = byFoldedName.constFind(folded);
+        if (clash != byFoldedName.constEnd()) {
+            *error = QStringLiteral("refusing \"%1\": it differs from \"%2\" only in letter case, "
+                                    "and Windows cannot hold both").arg(file.relPath, *clash);
+            return false;
+        }
+        byFoldedName.insert(folded, file.relPath);
+    }
+    return true;
+}

@@ -1,0 +1,328 @@
+#include "build_tree.h"
+#include "command_line.h"
+#include "console.h"
+#include "publish_commands.h"
+#include "signing_key.h"
+
+#include "apply/file_replacement.h"
+#include "update/manifest.h"
+#include "update/sha256.h"
+
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QTemporaryFile>
+
+namespace {
+
+const char kHelp[] =
+    "Usage: corvanta-publish build --input DIR --out DIR --version V --key PRIVATE.pem\n"
+    "                              [--build-number N] [--product NAME] [--arch ARCH]\n"
+    "                              [--exclude GLOB]...\n"
+    "\n"
+    "Publishes the build in --input into --out, the directory served at the updater's\n"
+    "baseUrl: every file at its relative path, then manifest.json (paths with \"/\", sorted,\n"
+    "with size and lower-case SHA-256) and manifest.json.sig (base64 of the DER ECDSA\n"
+    "signature over the exact bytes of manifest.json).\n"
+    "\n"
+    "  --input DIR         the build as it is to be installed\n"
+    "  --out DIR           the published tree; created when missing, may hold an older build\n"
+    "  --version V         fullVersion, e.g. 2.4.1\n"
+    "  --build-number N    buildNumber, a whole number >= 0; without it the updater compares\n"
+    "                      versions instead of build numbers\n"
+    "  --product NAME      product (default Corvanta; empty leaves it out)\n"
+    "  --arch ARCH         arch (default x64; empty leaves it out)\n"
+    "  --key PRIVATE.pem   the P-256 signing key (corvanta-publish keygen)\n"
+    "  --exclude GLOB      leave out matching files and directories; \"*\" and \"?\" do not\n"
+    "                      match \"/\"; a GLOB without \"/\" matches a name at any depth, one\n"
+    "                      with \"/\" the path from the input root. May be repeated.\n"
+    "\n"
+    "Every file is written under a temporary name and renamed into place; manifest.json and\n"
+    "then manifest.json.sig come last, so the published manifest never lists a file that is\n"
+    "not there yet. Names the updater or Windows cannot take, symbolic links, sockets, pipes\n"
+    "and devices are refused before anything is written. Progress goes to stderr.\n";
+
+// Files are copied and hashed through a buffer of this size, never read whole.
+constexpr qint64 kCopyChunkBytes = 1024 * 1024;
+// Progress lines are written at most this often.
+constexpr qint64 kProgressIntervalMs = 1000;
+constexpr double kMebibyte = 1024.0 * 1024.0;
+
+// Everyone may read what is published: the web server usually runs as another user.
+const QFile::Permissions kPublishedPermissions =
+    QFile::ReadOwner | QFile::WriteOwner | QFile::ReadGroup | QFile::ReadOther;
+
+QString mebibytes(qint64 bytes)
+{
+    return QString::number(double(bytes) / kMebibyte, 'f', 1);
+}
+
+class Progress {
+public:
+    Progress(int totalFiles, qint64 totalBytes) : totalFiles(totalFiles), totalBytes(totalBytes)
+    {
+        clock.start();
+    }
+    void report(int files, qint64 bytes)
+    {
+        if (clock.elapsed() - lastReportMs < kProgressIntervalMs)
+            return;
+        lastReportMs = clock.elapsed();
+        printError(QStringLiteral("copied %1/%2 files, %3/%4 MiB")
+                       .arg(files).arg(totalFiles).arg(mebibytes(bytes), mebibytes(totalBytes)));
+    }
+
+private:
+    QElapsedTimer clock;
+    qint64 lastReportMs = 0;
+    int totalFiles;
+    qint64 totalBytes;
+};
+
+// A file being published: written under a hidden temporary name in its final directory,
+// readable by everyone, and moved over the final name with a write-through rename.
+class PublishedFile {
+public:
+    explicit PublishedFile(const QString& finalPath)
+        : finalPath(finalPath),
+          temp(QFileInfo(finalPath).dir().filePath(QStringLiteral(".%1.publishing-XXXXXX")
+                                                       .arg(QFileInfo(finalPath).fileName())))
+    {
+    }
+    bool open(QString* error)
+    {
+        if (!QDir().mkpath(QFileInfo(finalPath).path()) || !temp.open()
+            || !temp.setPermissions(kPublishedPermissions))
+            return writeError(error);
+        return true;
+    }
+    bool write(const char* data, qint64 length, QString* error)
+    {
+        return temp.write(data, length) == length || writeError(error);
+    }
+    // Flushes and closes the temporary file; the final name is not touched yet.
+    bool finishWriting(QString* error)
+    {
+        if (!temp.flush())
+            return writeError(error);
+        temp.close();
+        return true;
+    }
+    bool moveIntoPlace(QString* error)
+    {
+        if (!moveFileWriteThrough(temp.fileName(), finalPath)) {
+            *error = QStringLiteral("cannot move \"%1\" into place").arg(finalPath);
+            return false;
+        }
+        temp.setAutoRemove(false);
+        return true;
+    }
+
+private:
+    bool writeError(QString* error)
+    {
+        *error = QStringLiteral("cannot write \"%1\": %2").arg(finalPath, temp.errorString());
+        return false;
+    }
+    QString finalPath;
+    QTemporaryFile temp;
+};
+
+// Copies one file into the published tree and hashes it in the same pass.
+bool publishFile(const BuildFile& file, const QString& outDir, ManifestFile* entry, Progress& progress,
+                 int filesDone, qint64* bytesDone, QString* error)
+{
+    QFile source(file.sourcePath);
+    if (!source.open(QIODevice::ReadOnly)) {
+        *error = QStringLiteral("cannot read \"%1\": %2").arg(file.sourcePath, source.errorString());
+        return false;
+    }
+    PublishedFile target(QDir(outDir).filePath(file.relPath));
+    if (!target.open(error))
+        return false;
+    Sha256 hash;
+    QByteArray buffer(int(kCopyChunkBytes), Qt::Uninitialized);
+    qint64 size = 0;
+    for (;;) {
+        const qint64 got = source.read(buffer.data(), kCopyChunkBytes);
+        if (got < 0) {
+            *error = QStringLiteral("cannot read \"%1\": %2").arg(file.sourcePath, source.errorString());
+            return false;
+        }
+        if (got == 0)
+            break;
+        if (!target.write(buffer.constData(), got, error))
+            return false;
+        hash.addData(buffer.constData(), got);
+        size += got;
+        *bytesDone += got;
+        progress.report(filesDone, *bytesDone);
+    }
+    if (!target.finishWriting(error) || !target.moveIntoPlace(error))
+        return false;
+    *entry = ManifestFile{file.relPath, size, hash.hexResult()};
+    return true;
+}
+
+QByteArray manifestJson(const Manifest& manifest)
+{
+    QJsonObject root;
+    if (manifest.buildNumber >= 0)
+        root.insert(QStringLiteral("buildNumber"), double(manifest.buildNumber));
+    root.insert(QStringLiteral("fullVersion"), manifest.fullVersion);
+    if (!manifest.product.isEmpty())
+        root.insert(QStringLiteral("product"), manifest.product);
+    if (!manifest.arch.isEmpty())
+        root.insert(QStringLiteral("arch"), manifest.arch);
+    QJsonArray files;
+    for (const ManifestFile& file : manifest.files) {
+        files.append(QJsonObject{{QStringLiteral("path"), file.path},
+                                 {QStringLiteral("size"), double(file.size)},
+                                 {QStringLiteral("sha256"), file.sha256}});
+    }
+    root.insert(QStringLiteral("files"), files);
+    return QJsonDocument(root).toJson(QJsonDocument::Indented);
+}
+
+// The updater must read back exactly what was meant: same header, same files in order.
+bool readsBackAsWritten(const QByteArray& bytes, const Manifest& written)
+{
+    Manifest read;
+    if (!parseManifest(bytes, &read) || read.buildNumber != written.buildNumber
+        || read.fullVersion != written.fullVersion || read.product != written.product
+        || read.arch != written.arch || read.files.size() != written.files.size())
+        return false;
+    for (int i = 0; i < read.files.size(); ++i) {
+        const ManifestFile& a = read.files.at(i);
+        const ManifestFile& b = written.files.at(i);
+        if (a.path != b.path || a.size != b.size || a.sha256 != b.sha256)
+            return false;
+    }
+    return true;
+}
+
+// The canonical form of path, also when its last parts do not exist yet.
+QString resolvedPath(const QString& path)
+{
+    QString existing = QDir::cleanPath(QFileInfo(path).absoluteFilePath());
+    QString rest;
+    while (!QFileInfo::exists(existing) && existing != QDir::rootPath() && !existing.isEmpty()) {
+        rest = QStringLiteral("/") + QFileInfo(existing).fileName() + rest;
+        existing = QFileInfo(existing).path();
+    }
+    return QDir::cleanPath(QFileInfo(existing).canonicalFilePath() + rest);
+}
+
+bool contains(const QString& dir, const QString& path)
+{
+    return path == dir || path.startsWith(dir.endsWith(QLatin1Char('/')) ? dir : dir + QLatin1Char('/'));
+}
+
+} // namespace
+
+int runBuild(const QStringList& args)
+{
+    const QString command = QStringLiteral("build");
+    QCommandLineParser parser;
+    for (const char* name : {"input", "out", "version", "build-number", "product", "arch", "key", "exclude"})
+        parser.addOption(QCommandLineOption(QString::fromLatin1(name), QString(), QStringLiteral("value")));
+    int exitCode = kExitOk;
+    if (!parseCommandLine(parser, command, args, kHelp,
+                          {QStringLiteral("input"), QStringLiteral("out"), QStringLiteral("version"),
+                           QStringLiteral("key")},
+                          &exitCode))
+        return exitCode;
+
+    Manifest manifest;
+    manifest.fullVersion = parser.value(QStringLiteral("version"));
+    if (manifest.fullVersion.isEmpty())
+        return usageError(command, QStringLiteral("--version is empty"));
+    if (parser.isSet(QStringLiteral("build-number"))) {
+        bool ok = false;
+        manifest.buildNumber = parser.value(QStringLiteral("build-number")).toLongLong(&ok);
+        if (!ok || manifest.buildNumber < 0)
+            return usageError(command, QStringLiteral("--build-number must be a whole number >= 0, not \"%1\"")
+                                           .arg(parser.value(QStringLiteral("build-number"))));
+    }
+    manifest.product = parser.isSet(QStringLiteral("product")) ? parser.value(QStringLiteral("product"))
+                                                               : QStringLiteral("Corvanta");
+    manifest.arch = parser.isSet(QStringLiteral("arch")) ? parser.value(QStringLiteral("arch"))
+                                                         : QStringLiteral("x64");
+    ExcludeRules excludes;
+    QString error;
+    if (!excludes.setPatterns(parser.values(QStringLiteral("exclude")), &error))
+        return usageError(command, error);
+
+    const QString inputDir = parser.value(QStringLiteral("input"));
+    const QString outDir = parser.value(QStringLiteral("out"));
+    if (!QFileInfo(inputDir).isDir())
+        return fail(QStringLiteral("input directory \"%1\" does not exist").arg(inputDir));
+    if (outDir.isEmpty())
+        return usageError(command, QStringLiteral("--out is empty"));
+    const QString input = resolvedPath(inputDir);
+    const QString out = resolvedPath(outDir);
+    if (contains(input, out) || contains(out, input))
+        return fail(QStringLiteral("the input \"%1\" and the output \"%2\" must not contain each other")
+                        .arg(inputDir, outDir));
+
+    const SigningKey key = SigningKey::load(parser.value(QStringLiteral("key")), &error);
+    if (!key.isValid())
+        return fail(error);
+
+    QList<BuildFile> files;
+    if (!collectBuildFiles(input, excludes, &files, &error))
+        return fail(error);
+    if (files.isEmpty())
+        return fail(QStringLiteral("no files to publish in \"%1\"").arg(inputDir));
+
+    qint64 totalBytes = 0;
+    for (const BuildFile& file : files)
+        totalBytes += QFileInfo(file.sourcePath).size();
+    Progress progress(files.size(), totalBytes);
+    qint64 bytesDone = 0;
+    for (const BuildFile& file : files) {
+        ManifestFile entry;
+        if (!publishFile(file, out, &entry, progress, manifest.files.size(), &bytesDone, &error))
+            return fail(error);
+        manifest.files.append(entry);
+    }
+
+    const QByteArray manifestBytes = manifestJson(manifest);
+    const QByteArray signature = key.sign(manifestBytes);
+    if (!readsBackAsWritten(manifestBytes, manifest))
+        return fail(QStringLiteral("the manifest does not read back as written; nothing was published"));
+    if (signature.isEmpty() || !verifyWithPublicKeyPem(manifestBytes, signature, key.publicKeyPem()))
+        return fail(QStringLiteral("signing the manifest failed; nothing was published"));
+
+    // Both documents are complete on disk before either takes its name, so the two renames
+    // follow each other at once. The manifest goes first: a client reads manifest.json and then
+    // manifest.json.sig, so only a client whose two requests straddle both renames, or fall
+    // between them, sees a mismatched pair; with the signature first, any client whose
+    // requests straddle either rename would. A mismatched pair is only ever rejected (the
+    // signature check fails) and the client keeps its installed build.
+    PublishedFile manifestFile(QDir(out).filePath(QStringLiteral("manifest.json")));
+    PublishedFile signatureFile(QDir(out).filePath(QStringLiteral("manifest.json.sig")));
+    const QByteArray signatureText = signature + '\n';
+    if (!manifestFile.open(&error) || !manifestFile.write(manifestBytes.constData(), manifestBytes.size(), &error)
+        || !manifestFile.finishWriting(&error) || !signatureFile.open(&error)
+        || !signatureFile.write(signatureText.constData(), signatureText.size(), &error)
+        || !signatureFile.finishWriting(&error))
+        return fail(error);
+    if (!manifestFile.moveIntoPlace(&error))
+        return fail(error);
+    if (!signatureFile.moveIntoPlace(&error))
+        return fail(error + QStringLiteral(": manifest.json is new but its signature is not, so "
+                                           "clients reject the build; run the command again"));
+
+    const QString build = manifest.buildNumber >= 0
+                              ? QStringLiteral(" (build %1)").arg(manifest.buildNumber)
+                              : QString();
+    printOut(QStringLiteral("published %1%2: %3 files, %4 MiB in %5")
+                 .arg(manifest.fullVersion, build)
+                 .arg(manifest.files.size())
+                 .arg(mebibytes(bytesDone), QDir::toNativeSeparators(outDir)));
+    return kExitOk;
+}
