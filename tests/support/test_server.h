@@ -3,8 +3,10 @@
 #include <QList>
 #include <QMap>
 #include <QString>
+#include <memory>
 
 class QProcess;
+class QTemporaryDir;
 
 // A fault-injecting HTTP/1.1 server (support/fault_server.py) run as its own process on
 // 127.0.0.1 with an OS-chosen port. It serves the files below rootDir with correct Range
@@ -32,6 +34,8 @@ public:
     struct Request {
         QString method;
         QString path;                        // URL path without the leading "/", query kept
+                                             // (percent-decoded)
+        QString target;                      // request target exactly as sent ("/a%20b?x")
         QMap<QByteArray, QByteArray> headers; // names in lower case
     };
 
@@ -57,8 +61,15 @@ public:
     void clearRequests();
 
 private:
+    void writeRules() const;
+
     QString root;
     QString controlDir;
     QProcess* process = nullptr;
     quint16 serverPort = 0;
+    std::unique_ptr<QTemporaryDir> controlTemp;
+    QMap<QString, Rule> rules;
+    QMap<QString, int> ruleGenerations;  // a rule set again starts counting `times` afresh
+    int nextGeneration = 0;
+    qint64 requestLogStart = 0;           // clearRequests() forgets what lies before this offset
 };
