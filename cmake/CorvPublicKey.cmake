@@ -8,8 +8,8 @@
 set(CORV_P256_SPKI_PREFIX "MFkwEwYHKoZIzj0CAQYIKoZIzj0DAQcDQgAE")
 
 function(corv_embed_public_key target key_file)
-  if(NOT EXISTS "${key_file}")
-    message(FATAL_ERROR "CORV_PUBLIC_KEY_FILE: '${key_file}' does not exist")
+  if(NOT EXISTS "${key_file}" OR IS_DIRECTORY "${key_file}")
+    message(FATAL_ERROR "CORV_PUBLIC_KEY_FILE: '${key_file}' does not exist or is not a file")
   endif()
   file(READ "${key_file}" pem)
   string(REPLACE "\r\n" "\n" pem "${pem}")

@@ -1,0 +1,374 @@
+#include "update/manifest.h"
+
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
+#include <QtTest>
+
+namespace {
+
+const QByteArray kHashA = "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa";
+const QByteArray kHashB = "0123456789abcdef0123456789abcdef0123456789abcdef0123456789abcdef";
+
+// One file entry as "path|size|sha256", for whole-list comparisons.
+QStringList describe(const QList<ManifestFile>& files)
+{
+    QStringList out;
+    for (const ManifestFile& file : files)
+        out << QStringLiteral("%1|%2|%3").arg(file.path).arg(file.size).arg(file.sha256);
+    return out;
+}
+
+QByteArray withFiles(const QByteArray& filesJson)
+{
+    return R"({"fullVersion": "5.0.153", "files": )" + filesJson + "}";
+}
+
+QByteArray goodEntries(int count)
+{
+    QByteArray out;
+    for (int i = 0; i < count; ++i)
+        out += "{\"path\": \"bin/f" + QByteArray::number(i) + ".dll\", \"sha256\": \"" + kHashA + "\"},";
+    return out;
+}
+
+Manifest sentinel()
+{
+    Manifest m;
+    m.buildNumber = 77;
+    m.fullVersion = QStringLiteral("untouched");
+    m.product = QStringLiteral("P");
+    m.arch = QStringLiteral("A");
+    m.files.append(ManifestFile{QStringLiteral("keep.txt"), 5, QStringLiteral("ff")});
+    return m;
+}
+
+bool isSentinel(const Manifest& m)
+{
+    return m.buildNumber == 77 && m.fullVersion == QLatin1String("untouched") && m.product == QLatin1String("P")
+           && m.arch == QLatin1String("A") && describe(m.files) == QStringList{QStringLiteral("keep.txt|5|ff")};
+}
+
+} // namespace
+
+class TestManifest : public QObject {
+    Q_OBJECT
+
+private slots:
+    void parseAccepts_data();
+    void parseAccepts();
+    void parseRejects_data();
+    void parseRejects();
+    void nullOutputIsRejected();
+    void safeRelativePath_data();
+    void safeRelativePath();
+    void hostileInputsNeverCrash_data();
+    void hostileInputsNeverCrash();
+    void installedManifest_data();
+    void installedManifest();
+};
+
+void TestManifest::parseAccepts_data()
+{
+    QTest::addColumn<QByteArray>("json");
+    QTest::addColumn<qint64>("buildNumber");
+    QTest::addColumn<QString>("fullVersion");
+    QTest::addColumn<QString>("product");
+    QTest::addColumn<QString>("arch");
+    QTest::addColumn<QStringList>("files");
+
+    QTest::newRow("minimal: version and one file, upper-case hash")
+        << QByteArray(R"({"fullVersion": "5.0.153", "files": [{"path": "a.dll", "sha256": "ABCDEF0123"}]})")
+        << qint64(-1) << "5.0.153" << "" << "" << QStringList{"a.dll|0|abcdef0123"};
+    QTest::newRow("every field")
+        << QByteArray(R"({"buildNumber": 153, "fullVersion": "5.0.153", "product": "Corvanta", "arch": "x64",
+                         "files": [{"path": "bin/app.exe", "size": 1048576, "sha256": ")" + kHashB + R"("},
+                                   {"path": "data/x.pak", "size": 3, "sha256": ")" + kHashA + R"("}]})")
+        << qint64(153) << "5.0.153" << "Corvanta" << "x64"
+        << QStringList{"bin/app.exe|1048576|" + kHashB, "data/x.pak|3|" + kHashA};
+    QTest::newRow("buildNumber 12.9 truncates to 12")
+        << withFiles(R"([{"path": "a", "sha256": "aa"}], "buildNumber": 12.9)") << qint64(12) << "5.0.153"
+        << "" << "" << QStringList{"a|0|aa"};
+    QTest::newRow("buildNumber -3.7 truncates toward zero")
+        << withFiles(R"([{"path": "a", "sha256": "aa"}], "buildNumber": -3.7)") << qint64(-3) << "5.0.153"
+        << "" << "" << QStringList{"a|0|aa"};
+    QTest::newRow("buildNumber as string is unknown")
+        << withFiles(R"([{"path": "a", "sha256": "aa"}], "buildNumber": "12")") << qint64(-1) << "5.0.153"
+        << "" << "" << QStringList{"a|0|aa"};
+    QTest::newRow("buildNumber null is unknown")
+        << withFiles(R"([{"path": "a", "sha256": "aa"}], "buildNumber": null)") << qint64(-1) << "5.0.153"
+        << "" << "" << QStringList{"a|0|aa"};
+    QTest::newRow("buildNumber beyond 64 bits saturates")
+        << withFiles(R"([{"path": "a", "sha256": "aa"}], "buildNumber": 1e300)")
+        << std::numeric_limits<qint64>::max() << "5.0.153" << "" << "" << QStringList{"a|0|aa"};
+    QTest::newRow("large buildNumber within range")
+        << withFiles(R"([{"path": "a", "sha256": "aa"}], "buildNumber": 4294967296)") << qint64(4294967296LL)
+        << "5.0.153" << "" << "" << QStringList{"a|0|aa"};
+    QTest::newRow("size 2.5 truncates, string size reads 0, negative size kept")
+        << withFiles(R"([{"path": "a", "size": 2.5, "sha256": "aa"},
+                        {"path": "b", "size": "10", "sha256": "bb"},
+                        {"path": "c", "size": -4, "sha256": "cc"}])")
+        << qint64(-1) << "5.0.153" << "" << "" << QStringList{"a|2|aa", "b|0|bb", "c|-4|cc"};
+    QTest::newRow("size above 4 GiB")
+        << withFiles(R"([{"path": "big.bin", "size": 6442450944, "sha256": "aa"}])") << qint64(-1)
+        << "5.0.153" << "" << "" << QStringList{"big.bin|6442450944|aa"};
+    QTest::newRow("non-string product and arch read as empty")
+        << withFiles(R"([{"path": "a", "sha256": "aa"}], "product": 1, "arch": {"x": 64})") << qint64(-1)
+        << "5.0.153" << "" << "" << QStringList{"a|0|aa"};
+    QTest::newRow("entries without path or hash are skipped, order kept")
+        << withFiles(R"([{"path": "z", "sha256": "11"}, {"path": "", "sha256": "22"}, {"sha256": "33"},
+                        {"path": "no-hash"}, {"path": "y", "sha256": ""}, {"path": "x", "sha256": 5},
+                        {"path": 5, "sha256": "44"}, {"path": "a", "sha256": "55"}])")
+        << qint64(-1) << "5.0.153" << "" << "" << QStringList{"z|0|11", "a|0|55"};
+    QTest::newRow("non-object elements are skipped")
+        << withFiles(R"([1, "bin/a.dll", null, true, [], {"path": "ok.dll", "sha256": "AB"}])") << qint64(-1)
+        << "5.0.153" << "" << "" << QStringList{"ok.dll|0|ab"};
+    QTest::newRow("paths are normalised")
+        << withFiles(R"([{"path": "bin\\x.dll", "sha256": "aa"}, {"path": "a//b/", "sha256": "bb"},
+                        {"path": "...", "sha256": "cc"}, {"path": "..a/b..", "sha256": "dd"}])")
+        << qint64(-1) << "5.0.153" << "" << "" << QStringList{"bin/x.dll|0|aa", "a/b|0|bb", "...|0|cc", "..a/b..|0|dd"};
+    QTest::newRow("duplicate paths are kept as published")
+        << withFiles(R"([{"path": "a", "sha256": "11"}, {"path": "A", "sha256": "22"}, {"path": "a", "sha256": "33"}])")
+        << qint64(-1) << "5.0.153" << "" << "" << QStringList{"a|0|11", "A|0|22", "a|0|33"};
+    QTest::newRow("an entry skipped for its empty hash is never path-checked")
+        << withFiles(R"([{"path": "../skip", "sha256": ""}, {"path": "C:/skip"}, {"path": "ok", "sha256": "aa"}])")
+        << qint64(-1) << "5.0.153" << "" << "" << QStringList{"ok|0|aa"};
+    QTest::newRow("unknown keys are ignored")
+        << QByteArray(R"({"fullVersion": "v", "signature": "x", "files": [{"path": "a", "sha256": "aa", "mode": 7}]})")
+        << qint64(-1) << "v" << "" << "" << QStringList{"a|0|aa"};
+    QTest::newRow("UTF-8 path")
+        << withFiles("[{\"path\": \"t\xc3\xa0i li\xe1\xbb\x87u/\xc4\x91\xe1\xbb\x8d\x63.txt\", \"sha256\": \"aa\"}]")
+        << qint64(-1) << "5.0.153" << "" << ""
+        << QStringList{QString::fromUtf8("t\xc3\xa0i li\xe1\xbb\x87u/\xc4\x91\xe1\xbb\x8d\x63.txt|0|aa")};
+}
+
+void TestManifest::parseAccepts()
+{
+    QFETCH(QByteArray, json);
+    QFETCH(qint64, buildNumber);
+    QFETCH(QString, fullVersion);
+    QFETCH(QString, product);
+    QFETCH(QString, arch);
+    QFETCH(QStringList, files);
+
+    Manifest manifest = sentinel();
+    QVERIFY(parseManifest(json, &manifest));
+    QCOMPARE(manifest.buildNumber, buildNumber);
+    QCOMPARE(manifest.fullVersion, fullVersion);
+    QCOMPARE(manifest.product, product);
+    QCOMPARE(manifest.arch, arch);
+    QCOMPARE(describe(manifest.files), files);
+}
+
+void TestManifest::parseRejects_data()
+{
+    QTest::addColumn<QByteArray>("json");
+
+    QTest::newRow("empty bytes") << QByteArray();
+    QTest::newRow("not JSON") << QByteArray("fullVersion=5");
+    QTest::newRow("truncated JSON") << withFiles(R"([{"path": "a", "sha256": "aa"}])").chopped(1);
+    QTest::newRow("array at top level") << QByteArray(R"([{"fullVersion": "v", "files": []}])");
+    QTest::newRow("no fullVersion") << QByteArray(R"({"files": [{"path": "a", "sha256": "aa"}]})");
+    QTest::newRow("empty fullVersion although every file is fine")
+        << QByteArray(R"({"fullVersion": "", "files": [{"path": "a", "sha256": "aa"}]})");
+    QTest::newRow("numeric fullVersion") << QByteArray(R"({"fullVersion": 5, "files": [{"path": "a", "sha256": "aa"}]})");
+    QTest::newRow("no files key") << QByteArray(R"({"fullVersion": "v"})");
+    QTest::newRow("files is an object") << QByteArray(R"({"fullVersion": "v", "files": {"path": "a", "sha256": "aa"}})");
+    QTest::newRow("empty files array") << withFiles("[]");
+    QTest::newRow("only entry lacks sha256") << withFiles(R"([{"path": "a.dll", "size": 3}])");
+    QTest::newRow("only entry lacks path") << withFiles(R"([{"sha256": "aa"}])");
+    QTest::newRow("one ../x.dll among a hundred good entries")
+        << withFiles("[" + goodEntries(60) + R"({"path": "../x.dll", "sha256": "aa"},)" + goodEntries(40).chopped(1) + "]");
+    QTest::newRow("unsafe path as the last entry") << withFiles("[" + goodEntries(3) + R"({"path": "/etc/passwd", "sha256": "aa"}])");
+    QTest::newRow("drive letter") << withFiles(R"([{"path": "C:/x", "sha256": "aa"}])");
+    QTest::newRow("backslash absolute") << withFiles(R"([{"path": "\\x", "sha256": "aa"}])");
+    QTest::newRow("dot segment") << withFiles(R"([{"path": "a/./b", "sha256": "aa"}])");
+    QTest::newRow("only slashes") << withFiles(R"([{"path": "///", "sha256": "aa"}])");
+    QTest::newRow("alternate data stream") << withFiles(R"([{"path": "x:stream", "sha256": "aa"}])");
+    QTest::newRow("unsafe path after a skipped and a good entry")
+        << withFiles(R"([{"path": "../skip", "sha256": ""}, {"path": "ok", "sha256": "aa"}, {"path": "..", "sha256": "bb"}])");
+}
+
+void TestManifest::parseRejects()
+{
+    QFETCH(QByteArray, json);
+    Manifest manifest = sentinel();
+    QVERIFY(!parseManifest(json, &manifest));
+    QVERIFY2(isSentinel(manifest), "a rejected manifest must leave the output as it was");
+}
+
+void TestManifest::nullOutputIsRejected()
+{
+    QVERIFY(!parseManifest(withFiles(R"([{"path": "a", "sha256": "aa"}])"), nullptr));
+}
+
+void TestManifest::safeRelativePath_data()
+{
+    QTest::addColumn<QString>("path");
+    QTest::addColumn<QString>("expected");
+
+    QTest::newRow("plain file") << "a.dll" << "a.dll";
+    QTest::newRow("nested") << "bin/plugins/x.dll" << "bin/plugins/x.dll";
+    QTest::newRow("backslash separators") << "bin\\x.dll" << "bin/x.dll";
+    QTest::newRow("mixed separators") << "a\\b/c\\d" << "a/b/c/d";
+    QTest::newRow("empty parts dropped") << "a//b/" << "a/b";
+    QTest::newRow("empty parts from backslashes") << "a\\\\b\\" << "a/b";
+    QTest::newRow("three dots allowed") << "..." << "...";
+    QTest::newRow("dots inside names allowed") << "..a/b../.c/c." << "..a/b../.c/c.";
+    QTest::newRow("blanks are kept") << " a /b " << " a /b ";
+    QTest::newRow("device-like names are not checked") << "CON/nul.txt" << "CON/nul.txt";
+
+    QTest::newRow("empty") << "" << "";
+    QTest::newRow("absolute") << "/x" << "";
+    QTest::newRow("absolute via backslash") << "\\x" << "";
+    QTest::newRow("UNC share") << "//server/share/x" << "";
+    QTest::newRow("UNC share via backslashes") << "\\\\server\\share\\x" << "";
+    QTest::newRow("drive letter") << "C:/x" << "";
+    QTest::newRow("drive-relative") << "C:x" << "";
+    QTest::newRow("alternate data stream") << "x:stream" << "";
+    QTest::newRow("alternate data stream on a nested file") << "bin/a.dll::$DATA" << "";
+    QTest::newRow("URL") << "http://evil/x" << "";
+    QTest::newRow("parent") << ".." << "";
+    QTest::newRow("parent first") << "../x.dll" << "";
+    QTest::newRow("parent inside") << "a/../b" << "";
+    QTest::newRow("parent last") << "a/.." << "";
+    QTest::newRow("parent via backslash") << "a\\..\\..\\b" << "";
+    QTest::newRow("dot") << "." << "";
+    QTest::newRow("dot inside") << "a/./b" << "";
+    QTest::newRow("dot after empty parts") << "a//./b" << "";
+    QTest::newRow("only separators") << "/\\/" << "";
+    QTest::newRow("only a backslash") << "\\" << "";
+}
+
+void TestManifest::safeRelativePath()
+{
+    QFETCH(QString, path);
+    QFETCH(QString, expected);
+    QCOMPARE(::safeRelativePath(path), expected);
+}
+
+void TestManifest::hostileInputsNeverCrash_data()
+{
+    QTest::addColumn<QByteArray>("json");
+    QTest::addColumn<QString>("path");
+    QTest::addColumn<bool>("parses");
+    QTest::addColumn<QString>("safePath");
+
+    const int tenMiB = 10 * 1024 * 1024;
+    const QByteArray longName(tenMiB, 'a');
+    const QByteArray deepArrays = QByteArray(100000, '[') + QByteArray(100000, ']');
+    QByteArray deepObjects;
+    for (int i = 0; i < 20000; ++i)
+        deepObjects += "{\"files\":";
+    deepObjects += "1" + QByteArray(20000, '}');
+    QByteArray manyDots;
+    for (int i = 0; i < 200000; ++i)
+        manyDots += "../";
+
+    QTest::newRow("10 MB path, accepted")
+        << withFiles(R"([{"path": ")" + longName + R"(", "sha256": "aa"}])") << QString::fromLatin1(longName)
+        << true << QString::fromLatin1(longName);
+    QTest::newRow("10 MB of slashes")
+        << withFiles(R"([{"path": ")" + QByteArray(tenMiB, '/') + R"(", "sha256": "aa"}])")
+        << QString(tenMiB, QLatin1Char('/')) << false << QString();
+    QTest::newRow("10 MB of backslashes")
+        << withFiles(R"([{"path": ")" + QByteArray(tenMiB, '\\').replace("\\", "\\\\") + R"(", "sha256": "aa"}])")
+        << QString(tenMiB, QLatin1Char('\\')) << false << QString();
+    QTest::newRow("200000 parent segments")
+        << withFiles(R"([{"path": ")" + manyDots + R"(x", "sha256": "aa"}])") << QString::fromLatin1(manyDots + "x")
+        << false << QString();
+    QTest::newRow("10 MB fullVersion")
+        << QByteArray(R"({"fullVersion": ")" + longName + R"(", "files": [{"path": "a", "sha256": "aa"}]})")
+        << "a" << true << "a";
+    QTest::newRow("10 MB hash") << withFiles(R"([{"path": "a", "sha256": ")" + longName + R"("}])") << "a" << true
+                                << "a";
+    QTest::newRow("10 MB of an open string") << QByteArray("{\"fullVersion\": \"" + longName) << QString()
+                                             << false << QString();
+    QTest::newRow("deeply nested arrays") << deepArrays << QString() << false << QString();
+    QTest::newRow("deeply nested objects") << deepObjects << QString() << false << QString();
+    QTest::newRow("deep nesting inside files")
+        << withFiles("[" + deepArrays + R"(, {"path": "a", "sha256": "aa"}])") << QString() << false << QString();
+    QTest::newRow("files of every wrong type")
+        << withFiles(R"([0, -1, 1e308, "", "x", null, false, [[]], {"path": [], "sha256": {}},
+                        {"path": {"p": 1}, "sha256": ["aa"]}, {"path": null, "sha256": null}])")
+        << QString() << false << QString();
+    QTest::newRow("top-level scalars") << QByteArray("12345") << QString() << false << QString();
+    const char nulBetweenTokens[] = "{\"fullVersion\": \"v\",\0 \"files\": [{\"path\": \"a\", \"sha256\": \"aa\"}]}";
+    QTest::newRow("NUL byte between tokens") << QByteArray(nulBetweenTokens, int(sizeof nulBetweenTokens) - 1)
+                                             << QString() << false << QString();
+    QTest::newRow("escaped NUL in a path")
+        << withFiles(R"([{"path": "a\u0000b", "sha256": "aa"}])") << QStringLiteral("a") + QChar(0) + QStringLiteral("b")
+        << true << QStringLiteral("a") + QChar(0) + QStringLiteral("b");
+    QTest::newRow("invalid UTF-8") << withFiles("[{\"path\": \"\xff\xfe\xc0\xaf\", \"sha256\": \"aa\"}]") << QString()
+                                   << false << QString();
+    QTest::newRow("lone surrogate escape")
+        << withFiles(R"([{"path": "\ud800x", "sha256": "aa"}])") << QString(QChar(0xd800)) << true
+        << QString(QChar(0xd800));
+    QTest::newRow("colon hidden as full-width is only a name")
+        << withFiles(R"([{"path": "C\uff1a/x", "sha256": "aa"}])") << QString::fromUtf8("C\xef\xbc\x9a/x") << true
+        << QString::fromUtf8("C\xef\xbc\x9a/x");
+}
+
+void TestManifest::hostileInputsNeverCrash()
+{
+    QFETCH(QByteArray, json);
+    QFETCH(QString, path);
+    QFETCH(bool, parses);
+    QFETCH(QString, safePath);
+
+    Manifest manifest = sentinel();
+    const bool parsed = parseManifest(json, &manifest);
+    if (parses) {
+        QVERIFY(parsed);
+        QCOMPARE(manifest.files.size(), 1);
+    } else {
+        QVERIFY(!parsed);
+        QVERIFY(isSentinel(manifest));
+    }
+    QCOMPARE(::safeRelativePath(path), safePath);
+}
+
+void TestManifest::installedManifest_data()
+{
+    QTest::addColumn<int>("kind");  // 0 none, 1 file, 2 directory
+    QTest::addColumn<QByteArray>("content");
+    QTest::addColumn<bool>("expected");
+
+    QTest::newRow("valid manifest") << 1 << withFiles(R"([{"path": "bin/a.dll", "size": 9, "sha256": "AA"}])") << true;
+    QTest::newRow("missing") << 0 << QByteArray() << false;
+    QTest::newRow("empty file") << 1 << QByteArray() << false;
+    QTest::newRow("malformed") << 1 << QByteArray("{\"fullVersion\":") << false;
+    QTest::newRow("unsafe path") << 1 << withFiles(R"([{"path": "../a.dll", "sha256": "aa"}])") << false;
+    QTest::newRow("a directory in its place") << 2 << QByteArray() << false;
+}
+
+void TestManifest::installedManifest()
+{
+    QFETCH(int, kind);
+    QFETCH(QByteArray, content);
+    QFETCH(bool, expected);
+
+    QTemporaryDir appDir;
+    QVERIFY(appDir.isValid());
+    const QString path = installedManifestPath(appDir.path());
+    QCOMPARE(path, appDir.path() + QStringLiteral("/manifest.json"));
+    if (kind == 1) {
+        QFile file(path);
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write(content);
+    } else if (kind == 2) {
+        QVERIFY(QDir().mkpath(path));
+    }
+
+    Manifest manifest = sentinel();
+    QCOMPARE(loadInstalledManifest(appDir.path(), &manifest), expected);
+    if (expected) {
+        QCOMPARE(manifest.fullVersion, QStringLiteral("5.0.153"));
+        QCOMPARE(describe(manifest.files), QStringList{"bin/a.dll|9|aa"});
+    } else {
+        QVERIFY(isSentinel(manifest));
+    }
+}
+
+QTEST_GUILESS_MAIN(TestManifest)
+#include "tst_manifest.moc"
