@@ -1,0 +1,297 @@
+#include "apply/apply_transaction.h"
+#include "log_capture.h"
+#include "platform/file_replace.h"
+#include "update/update_session.h"
+
+#include <QDir>
+#include <QDirIterator>
+#include <QFile>
+#include <QFileInfo>
+#include <QTemporaryDir>
+#include <QtTest>
+
+using corv::platform::FileCall;
+
+namespace {
+
+const QByteArray kMissing("<missing>");
+
+bool writeFile(const QString& path, const QByteArray& bytes)
+{
+    QDir().mkpath(QFileInfo(path).path());
+    QFile f(path);
+    return f.open(QIODevice::WriteOnly | QIODevice::Truncate) && f.write(bytes) == bytes.size();
+}
+
+QByteArray readFile(const QString& path)
+{
+    QFile f(path);
+    return f.open(QIODevice::ReadOnly) ? f.readAll() : kMissing;
+}
+
+std::string native(const QString& path)
+{
+    return QDir::toNativeSeparators(path).toStdString();
+}
+
+// Relative paths of every file below dir, sorted.
+QStringList filesBelow(const QString& dir)
+{
+    QStringList files;
+    QDirIterator it(dir, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
+    while (it.hasNext())
+        files.append(QDir(dir).relativeFilePath(it.next()));
+    files.sort();
+    return files;
+}
+
+} // namespace
+
+class ApplyTransactionTest : public QObject {
+    Q_OBJECT
+
+private slots:
+    void init();
+    void cleanup();
+
+    void everyFilePlaced();
+    void updaterItself_data();
+    void updaterItself();
+    void updaterItselfFailingIsNoFailure();
+    void failureRollsBack_data();
+    void failureRollsBack();
+    void rollbackGoesOnAfterAFailedRestore();
+    void rollbackRunsFirstToLast();
+    void hostilePathNeverLeavesTheInstallation_data();
+    void hostilePathNeverLeavesTheInstallation();
+    void installedManifest();
+
+private:
+    // Writes `content` as the staged file for relPath and returns its StagedFile.
+    StagedFile stage(const QString& relPath, const QByteArray& content);
+    QString installed(const QString& relPath) const { return dir->path() + QLatin1Char('/') + relPath; }
+
+    std::unique_ptr<QTemporaryDir> dir;
+    std::unique_ptr<UpdateSession> session;
+};
+
+void ApplyTransactionTest::init()
+{
+    dir = std::make_unique<QTemporaryDir>();
+    QVERIFY(dir->isValid());
+    session = std::make_unique<UpdateSession>();
+    session->appDir = dir->path();
+    session->selfFileName = QStringLiteral("Updater.exe");
+    QVERIFY(writeFile(installed(QStringLiteral("Updater.exe")), "running updater"));
+}
+
+void ApplyTransactionTest::cleanup()
+{
+    corv::platform::clearInjectedFileFailures();
+    session.reset();
+    dir.reset();
+}
+
+StagedFile ApplyTransactionTest::stage(const QString& relPath, const QByteArray& content)
+{
+    // Flat names: a staged file need not mirror its installed path.
+    const QString path = dir->path() + QStringLiteral("/.staging/") + QString(relPath).replace(QLatin1Char('/'), QLatin1Char('_'));
+    writeFile(path, content);
+    return {path, relPath};
+}
+
+void ApplyTransactionTest::everyFilePlaced()
+{
+    QVERIFY(writeFile(installed("a.dll"), "old a"));
+    QVERIFY(writeFile(installed("data/b.pak"), "old b"));
+    const QList<StagedFile> staged{stage("a.dll", "new a"), stage("plugins/new/c.dll", "new c"),
+                                   stage("data/b.pak", "new b")};
+    LogCapture capture;
+    QVERIFY(applyStagedFiles(*session, staged));
+    QCOMPARE(capture.lines(), QStringList());
+    QCOMPARE(readFile(installed("a.dll")), QByteArray("new a"));
+    QCOMPARE(readFile(installed("data/b.pak")), QByteArray("new b"));
+    QCOMPARE(readFile(installed("plugins/new/c.dll")), QByteArray("new c"));
+    // Backups are gone and the staging directory is empty of files.
+    QCOMPARE(filesBelow(dir->path()),
+             (QStringList{"Updater.exe", "a.dll", "data/b.pak", "plugins/new/c.dll"}));
+}
+
+void ApplyTransactionTest::updaterItself_data()
+{
+    QTest::addColumn<QString>("selfFileName");
+    QTest::addColumn<QString>("relPath");
+    QTest::addColumn<QStringList>("filesAfter");
+    QTest::newRow("same case") << "Updater.exe" << "Updater.exe" << QStringList{"Updater.exe", "Updater.exe.new"};
+    QTest::newRow("upper case") << "Updater.exe" << "UPDATER.EXE" << QStringList{"UPDATER.EXE.new", "Updater.exe"};
+    QTest::newRow("lower case") << "Updater.exe" << "updater.exe" << QStringList{"Updater.exe", "updater.exe.new"};
+    QTest::newRow("in a sub-directory: ordinary file")
+        << "Updater.exe" << "tools/Updater.exe" << QStringList{"Updater.exe", "tools/Updater.exe"};
+    QTest::newRow("no own name known: ordinary file") << "" << "Updater.exe" << QStringList{"Updater.exe"};
+}
+
+void ApplyTransactionTest::updaterItself()
+{
+    QFETCH(QString, selfFileName);
+    QFETCH(QString, relPath);
+    QFETCH(QStringList, filesAfter);
+    session->selfFileName = selfFileName;
+    const bool ordinary = filesAfter.size() == 1 || relPath.contains(QLatin1Char('/'));
+
+    LogCapture capture;
+    QVERIFY(applyStagedFiles(*session, {stage(relPath, "next updater")}));
+    QCOMPARE(capture.lines(), QStringList());
+    QCOMPARE(filesBelow(dir->path()), filesAfter);
+    if (ordinary) {
+        QCOMPARE(readFile(installed(relPath)), QByteArray("next updater"));
+    } else {
+        QCOMPARE(readFile(installed("Updater.exe")), QByteArray("running updater"));
+        QCOMPARE(readFile(installed(relPath + ".new")), QByteArray("next updater"));
+    }
+}
+
+void ApplyTransactionTest::updaterItselfFailingIsNoFailure()
+{
+    QVERIFY(writeFile(installed("a.dll"), "old a"));
+    const StagedFile self = stage("updater.exe", "next updater");
+    corv::platform::injectFileFailure(FileCall::MoveFile, native(self.stagedPath), 5);
+
+    LogCapture capture;
+    QVERIFY(applyStagedFiles(*session, {self, stage("a.dll", "new a")}));
+    QCOMPARE(capture.lines(), QStringList{"W [Update] ghi \"Updater.exe.new\" that bai (bo qua self-update)"});
+    QCOMPARE(readFile(installed("a.dll")), QByteArray("new a"));
+    QCOMPARE(readFile(installed("Updater.exe")), QByteArray("running updater"));
+    QVERIFY(!QFileInfo::exists(installed("updater.exe.new")));
+}
+
+void ApplyTransactionTest::failureRollsBack_data()
+{
+    QTest::addColumn<QString>("thirdPath");     // the entry that fails
+    QTest::addColumn<bool>("thirdInstalled");   // an existing file (replacement) or a new one
+    QTest::addColumn<int>("fault");             // 0: refused replacement, 1: refused move of a new file, -1: none
+    QTest::addColumn<QStringList>("log");
+    QTest::newRow("replacement refused")
+        << "c.dll" << true << 0
+        << QStringList{"W [Update] ReplaceFile hong err= 32 va doi ten -> .bak cung hong err= 32 "
+                       "(32=file dang bi giu, 5=khong du quyen/AV)",
+                       "W [Update] thay \"c.dll\" that bai", "W [Update] ap that bai -> ROLLBACK"};
+    QTest::newRow("new file refused")
+        << "c.dll" << false << 1
+        << QStringList{"W [Update] them moi \"c.dll\" that bai, GetLastError= 5", "W [Update] ap that bai -> ROLLBACK"};
+    // A real failure: the new file's directory would have to be where a file is.
+    QTest::newRow("new file below an installed file")
+        << "a.dll/c.dll" << false << -1
+        << QStringList{"W [Update] them moi \"a.dll/c.dll\" that bai, GetLastError= 3",
+                       "W [Update] ap that bai -> ROLLBACK"};
+}
+
+void ApplyTransactionTest::failureRollsBack()
+{
+    QFETCH(QString, thirdPath);
+    QFETCH(bool, thirdInstalled);
+    QFETCH(int, fault);
+    QFETCH(QStringList, log);
+    QVERIFY(writeFile(installed("a.dll"), "old a"));
+    QVERIFY(writeFile(installed("d.dll"), "old d"));
+    if (thirdInstalled)
+        QVERIFY(writeFile(installed(thirdPath), "old c"));
+    const QList<StagedFile> staged{stage("a.dll", "new a"), stage("sub/b.dll", "new b"), stage(thirdPath, "new c"),
+                                   stage("d.dll", "new d"), stage("e.dll", "new e")};
+    if (fault == 0) {
+        corv::platform::injectFileFailure(FileCall::ReplaceFile, native(staged[2].stagedPath), 32);
+        corv::platform::injectFileFailure(FileCall::MoveFile, native(installed(thirdPath)), 32);
+    } else if (fault == 1) {
+        corv::platform::injectFileFailure(FileCall::MoveFile, native(staged[2].stagedPath), 5);
+    }
+
+    LogCapture capture;
+    QVERIFY(!applyStagedFiles(*session, staged));
+    QCOMPARE(capture.lines(), log);
+    // The first file is back from its backup, the added second one deleted (its directory
+    // stays), the third unchanged, the fourth and fifth never touched.
+    QCOMPARE(readFile(installed("a.dll")), QByteArray("old a"));
+    QVERIFY(!QFileInfo::exists(installed("sub/b.dll")));
+    QVERIFY(QFileInfo(installed("sub")).isDir());
+    QCOMPARE(readFile(installed(thirdPath)), thirdInstalled ? QByteArray("old c") : kMissing);
+    QCOMPARE(readFile(installed("d.dll")), QByteArray("old d"));
+    QVERIFY(!QFileInfo::exists(installed("e.dll")));
+    for (int i = 2; i < 5; ++i)
+        QCOMPARE(readFile(staged[i].stagedPath), QByteArray("new ") + "cde"[i - 2]);
+    QCOMPARE(filesBelow(dir->path()).filter(QStringLiteral(".bak")), QStringList());
+}
+
+void ApplyTransactionTest::rollbackGoesOnAfterAFailedRestore()
+{
+    QVERIFY(writeFile(installed("a.dll"), "old a"));
+    QVERIFY(writeFile(installed("b.dll"), "old b"));
+    const QList<StagedFile> staged{stage("a.dll", "new a"), stage("b.dll", "new b"), stage("c.dll", "new c")};
+    corv::platform::injectFileFailure(FileCall::MoveFile, native(staged[2].stagedPath), 5);
+    corv::platform::injectFileFailure(FileCall::MoveFile, native(installed("a.dll.bak")), 32);
+
+    QVERIFY(!applyStagedFiles(*session, staged));
+    QCOMPARE(readFile(installed("a.dll")), QByteArray("new a"));
+    QCOMPARE(readFile(installed("a.dll.bak")), QByteArray("old a"));
+    QCOMPARE(readFile(installed("b.dll")), QByteArray("old b"));
+    QVERIFY(!QFileInfo::exists(installed("b.dll.bak")));
+}
+
+void ApplyTransactionTest::rollbackRunsFirstToLast()
+{
+    // "x" and "x.bak" are both installed files: replacing x writes over x.bak, and the order
+    // of the restoring moves decides which content each name ends with.
+    QVERIFY(writeFile(installed("x"), "old x"));
+    QVERIFY(writeFile(installed("x.bak"), "old x.bak"));
+    const QList<StagedFile> staged{stage("x", "new x"), stage("x.bak", "new x.bak"), stage("y", "new y")};
+    corv::platform::injectFileFailure(FileCall::MoveFile, native(staged[2].stagedPath), 5);
+
+    QVERIFY(!applyStagedFiles(*session, staged));
+    // First (x.bak -> x), then second (x.bak.bak -> x.bak); last to first would give "old x".
+    QCOMPARE(readFile(installed("x")), QByteArray("new x.bak"));
+    QCOMPARE(readFile(installed("x.bak")), QByteArray("old x"));
+    QVERIFY(!QFileInfo::exists(installed("x.bak.bak")));
+}
+
+void ApplyTransactionTest::hostilePathNeverLeavesTheInstallation_data()
+{
+    QTest::addColumn<QString>("relPath");
+    QTest::newRow("parent") << "../escaped.dll";
+    QTest::newRow("inner parent") << "sub/../../escaped.dll";
+    QTest::newRow("absolute") << "/escaped.dll";
+    QTest::newRow("drive") << "C:escaped.dll";
+}
+
+void ApplyTransactionTest::hostilePathNeverLeavesTheInstallation()
+{
+    QFETCH(QString, relPath);
+    QVERIFY(writeFile(installed("a.dll"), "old a"));
+    const StagedFile hostile{dir->path() + QStringLiteral("/.staging/hostile"), relPath};
+    QVERIFY(writeFile(hostile.stagedPath, "payload"));
+    const QString parentDir = QFileInfo(dir->path()).path();
+
+    LogCapture capture;
+    QVERIFY(!applyStagedFiles(*session, {stage("a.dll", "new a"), hostile}));
+    QCOMPARE(capture.lines(), (QStringList{"W [Update] thay \"" + relPath + "\" that bai",
+                                           "W [Update] ap that bai -> ROLLBACK"}));
+    QVERIFY(!QFileInfo::exists(parentDir + QStringLiteral("/escaped.dll")));
+    QVERIFY(!QFileInfo::exists(QStringLiteral("/escaped.dll")));
+    QCOMPARE(readFile(installed("a.dll")), QByteArray("old a"));
+    QCOMPARE(readFile(hostile.stagedPath), QByteArray("payload"));
+}
+
+void ApplyTransactionTest::installedManifest()
+{
+    const QString path = installed("manifest.json");
+    QVERIFY(writeFile(path, QByteArray(5000, 'o')));
+    const QByteArray bytes("{\"fullVersion\": \"5.1\",\r\n \"files\": []}\n");
+    writeInstalledManifest(*session, bytes);
+    QCOMPARE(readFile(path), bytes);
+
+    // A directory in its place: nothing written, nothing thrown.
+    QVERIFY(QFile::remove(path));
+    QVERIFY(QDir().mkpath(path));
+    writeInstalledManifest(*session, bytes);
+    QVERIFY(QFileInfo(path).isDir());
+}
+
+QTEST_GUILESS_MAIN(ApplyTransactionTest)
+#include "tst_apply_transaction.moc"
