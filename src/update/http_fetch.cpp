@@ -1,1 +1,167 @@
-// implementation pending
+#include "update/http_fetch.h"
+
+#include <QDebug>
+#include <QEventLoop>
+#include <QFile>
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
+#include <QTimer>
+#include <QUrl>
+
+namespace {
+
+constexpr int kMaxGetAttempts = 2;
+
+// The body of one file fetch on its way to disk. The file is opened only once the status
+// is known, so an error answer never creates or truncates anything.
+struct FileSink {
+    QNetworkReply* reply;
+    QFile file;
+    qint64 offset;
+    bool opened = false;
+    bool writeFailed = false;
+
+    FileSink(QNetworkReply* reply, const QString& filePath, qint64 offset)
+        : reply(reply), file(filePath), offset(offset)
+    {
+    }
+
+    void fail()
+    {
+        writeFailed = true;
+        reply->abort();
+    }
+
+    void drain()
+    {
+        // After a failed open or write nothing more goes to the file.
+        if (writeFailed)
+            return;
+        if (!opened) {
+            const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+            QIODevice::OpenMode mode;
+            if (status == 200)  // the whole body: a server that ignored Range restarts the file
+                mode = QIODevice::WriteOnly | QIODevice::Truncate;
+            else if (status == 206)
+                mode = offset > 0 ? QIODevice::WriteOnly | QIODevice::Append
+                                  : QIODevice::WriteOnly | QIODevice::Truncate;
+            else
+                return;
+            // Unbuffered, so that a full disk shows up as a short write right here.
+            if (!file.open(mode | QIODevice::Unbuffered)) {
+                fail();
+                return;
+            }
+            opened = true;
+        }
+        while (reply->bytesAvailable() > 0) {
+            const QByteArray chunk = reply->read(kHttpReadChunkBytes);
+            if (chunk.isEmpty())
+                return;
+            if (file.write(chunk) < chunk.size()) {
+                fail();
+                return;
+            }
+        }
+    }
+};
+
+// Runs a nested event loop until the reply finishes; the timer aborts the reply after
+// kHttpInactivityTimeoutMs without progress (the caller restarts it on every sign of it).
+void waitForReply(QNetworkReply* reply, QTimer& inactivity)
+{
+    QEventLoop loop;
+    QObject::connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
+    inactivity.setSingleShot(true);
+    QObject::connect(&inactivity, &QTimer::timeout, reply, &QNetworkReply::abort);
+    inactivity.start(kHttpInactivityTimeoutMs);
+    if (!reply->isFinished())
+        loop.exec();
+}
+
+}  // namespace
+
+QNetworkRequest makeUpdateRequest(const QString& url)
+{
+    QNetworkRequest request(QUrl(url, QUrl::TolerantMode));
+    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
+                         QNetworkRequest::NoLessSafeRedirectPolicy);
+    request.setAttribute(QNetworkRequest::CacheLoadControlAttribute,
+                         QNetworkRequest::AlwaysNetwork);
+    return request;
+}
+
+void ensureNetworkAccessible(QNetworkAccessManager& network)
+{
+    // Qt 5.15 deprecates network accessibility but still refuses requests while it believes
+    // the network is down.
+    QT_WARNING_PUSH
+    QT_WARNING_DISABLE_DEPRECATED
+    if (network.networkAccessible() != QNetworkAccessManager::Accessible)
+        network.setNetworkAccessible(QNetworkAccessManager::Accessible);
+    QT_WARNING_POP
+}
+
+QByteArray httpGet(QNetworkAccessManager& network, const QString& url, bool& ok)
+{
+    ok = false;
+    ensureNetworkAccessible(network);
+    QNetworkReply* reply = network.get(makeUpdateRequest(url));
+    QTimer inactivity;
+    QObject::connect(reply, &QNetworkReply::downloadProgress, &inactivity,
+                     [&inactivity] { inactivity.start(kHttpInactivityTimeoutMs); });
+    waitForReply(reply, inactivity);
+
+    QByteArray body;
+    if (reply->error() != QNetworkReply::NoError) {
+        qWarning() << "[Update] GET loi" << url << reply->errorString();
+    } else {
+        body = reply->readAll();
+        ok = true;
+    }
+    reply->deleteLater();
+    return body;
+}
+
+QByteArray httpGetWithRetry(QNetworkAccessManager& network, const QString& url, bool& ok)
+{
+    for (int attempt = 1; attempt <= kMaxGetAttempts; ++attempt) {
+        const QByteArray body = httpGet(network, url, ok);
+        if (ok)
+            return body;
+        if (attempt < kMaxGetAttempts)
+            qWarning() << "[Update] thu lai GET" << url << "lan" << attempt + 1;
+    }
+    ok = false;
+    return QByteArray();
+}
+
+bool httpGetToFile(QNetworkAccessManager& network, const QString& url, const QString& filePath,
+                   qint64 offset)
+{
+    QNetworkRequest request = makeUpdateRequest(url);
+    if (offset > 0)
+        request.setRawHeader("Range", "bytes=" + QByteArray::number(offset) + '-');
+    ensureNetworkAccessible(network);
+    QNetworkReply* reply = network.get(request);
+    FileSink sink(reply, filePath, offset);
+    QTimer inactivity;
+    QObject::connect(reply, &QNetworkReply::readyRead, &inactivity, [&inactivity, &sink] {
+        inactivity.start(kHttpInactivityTimeoutMs);
+        sink.drain();
+    });
+    waitForReply(reply, inactivity);
+    // Data that came with the finished signal, or the open of an empty successful body.
+    sink.drain();
+
+    const bool failed = reply->error() != QNetworkReply::NoError;
+    if (failed)
+        qWarning() << "[Update] GET(file) loi" << url << reply->errorString();
+    reply->deleteLater();
+    if (sink.opened) {
+        if (!sink.file.flush())
+            sink.writeFailed = true;
+        sink.file.close();
+    }
+    return !failed && sink.opened && !sink.writeFailed;
+}
