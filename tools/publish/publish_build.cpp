@@ -51,13 +51,28 @@ constexpr qint64 kCopyChunkBytes = 1024 * 1024;
 constexpr qint64 kProgressIntervalMs = 1000;
 constexpr double kMebibyte = 1024.0 * 1024.0;
 
-// Everyone may read what is published: the web server usually runs as another user.
+// Everyone may read what is published, whatever the umask: the web server usually runs as
+// another user.
 const QFile::Permissions kPublishedPermissions =
     QFile::ReadOwner | QFile::WriteOwner | QFile::ReadGroup | QFile::ReadOther;
+const QFile::Permissions kPublishedDirPermissions = kPublishedPermissions | QFile::ExeOwner
+                                                    | QFile::ExeGroup | QFile::ExeOther;
 
 QString mebibytes(qint64 bytes)
 {
     return QString::number(double(bytes) / kMebibyte, 'f', 1);
+}
+
+// Creates dir and its missing parents, each readable and searchable by everyone.
+bool ensurePublishedDir(const QString& dir)
+{
+    const QFileInfo info(dir);
+    if (info.isDir())
+        return true;
+    const QString parent = info.path();
+    if (parent == dir || !ensurePublishedDir(parent) || !QDir(parent).mkdir(info.fileName()))
+        return QFileInfo(dir).isDir();
+    return QFile::setPermissions(dir, kPublishedDirPermissions);
 }
 
 class Progress {
@@ -94,7 +109,7 @@ public:
     }
     bool open(QString* error)
     {
-        if (!QDir().mkpath(QFileInfo(finalPath).path()) || !temp.open()
+        if (!ensurePublishedDir(QFileInfo(finalPath).path()) || !temp.open()
             || !temp.setPermissions(kPublishedPermissions))
             return writeError(error);
         return true;
@@ -258,10 +273,10 @@ int runBuild(const QStringList& args)
 
     const QString inputDir = parser.value(QStringLiteral("input"));
     const QString outDir = parser.value(QStringLiteral("out"));
-    if (!QFileInfo(inputDir).isDir())
-        return fail(QStringLiteral("input directory \"%1\" does not exist").arg(inputDir));
     if (outDir.isEmpty())
         return usageError(command, QStringLiteral("--out is empty"));
+    if (!QFileInfo(inputDir).isDir())
+        return fail(QStringLiteral("input directory \"%1\" does not exist").arg(inputDir));
     const QString input = resolvedPath(inputDir);
     const QString out = resolvedPath(outDir);
     if (contains(input, out) || contains(out, input))
