@@ -1,0 +1,355 @@
+#include "app/installation_dir.h"
+#include "apply/staging_download.h"
+#include "apply/update_cache.h"
+#include "log_capture.h"
+#include "support/test_install.h"
+#include "support/test_server.h"
+#include "update/update_session.h"
+
+#include <QDir>
+#include <QDirIterator>
+#include <QFile>
+#include <QFileInfo>
+#include <QTemporaryDir>
+#include <QtTest>
+
+namespace {
+
+const QString kVersion = QStringLiteral("5.2.0 (rc)");
+
+bool writeFile(const QString& path, const QByteArray& bytes)
+{
+    QDir().mkpath(QFileInfo(path).path());
+    QFile f(path);
+    return f.open(QIODevice::WriteOnly | QIODevice::Truncate) && f.write(bytes) == bytes.size();
+}
+
+QByteArray readFile(const QString& path)
+{
+    QFile f(path);
+    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray("<missing>");
+}
+
+QStringList filesBelow(const QString& dir)
+{
+    QStringList files;
+    QDirIterator it(dir, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
+    while (it.hasNext())
+        files.append(QDir(dir).relativeFilePath(it.next()));
+    files.sort();
+    return files;
+}
+
+// Bytes that differ from position to position, so a resume from the wrong offset shows.
+QByteArray patterned(int size, char seed)
+{
+    QByteArray bytes(size, Qt::Uninitialized);
+    for (int i = 0; i < size; ++i)
+        bytes[i] = char((i * 31 + seed) % 251);
+    return bytes;
+}
+
+ManifestFile entryFor(const QString& path, const QByteArray& content)
+{
+    return {path, content.size(), sha256Hex(content)};
+}
+
+} // namespace
+
+class StagingDownloadTest : public QObject {
+    Q_OBJECT
+
+private slots:
+    void init();
+    void cleanup();
+
+    void finishedCacheFilesCounted();
+    void partialFile_data();
+    void partialFile();
+    void resumeFailureStartsOver();
+    void mismatchTwiceGivesUp();
+    void downloadFailureDeletesStaging();
+    void leftoverStagingEmptiedFirst();
+    void emptyList();
+    void hostilePathIsRefused_data();
+    void hostilePathIsRefused();
+
+private:
+    QString serve(const QString& relPath, const QByteArray& content);
+    QString cached(const QString& relPath) const { return cacheFilePath(kVersion, relPath); }
+    QString staging() const { return install->path() + QStringLiteral("/.staging"); }
+    // The log without the fetch layer's own lines, whose error texts are the network library's.
+    static QStringList stagingLines(const LogCapture& capture)
+    {
+        QStringList lines = capture.lines();
+        lines.erase(std::remove_if(lines.begin(), lines.end(),
+                                   [](const QString& l) { return l.startsWith(QLatin1String("W [Update] GET")); }),
+                    lines.end());
+        return lines;
+    }
+    bool run(const QList<ManifestFile>& changed, QList<StagedFile>& staged)
+    {
+        return downloadToStaging(*session, changed, server->url(QStringLiteral("b/")), kVersion, staged);
+    }
+
+    std::unique_ptr<QTemporaryDir> install;
+    std::unique_ptr<QTemporaryDir> serverRoot;
+    std::unique_ptr<TestServer> server;
+    std::unique_ptr<UpdateSession> session;
+};
+
+void StagingDownloadTest::init()
+{
+    install = std::make_unique<QTemporaryDir>();
+    serverRoot = std::make_unique<QTemporaryDir>();
+    QVERIFY(install->isValid() && serverRoot->isValid());
+    setInstallationDirForTesting(install->path());
+    server = std::make_unique<TestServer>(serverRoot->path());
+    QVERIFY(server->start());
+    session = std::make_unique<UpdateSession>();
+    session->appDir = install->path();
+    session->selfFileName = QStringLiteral("updater");
+}
+
+void StagingDownloadTest::cleanup()
+{
+    session.reset();
+    server.reset();
+    setInstallationDirForTesting(QString());
+    serverRoot.reset();
+    install.reset();
+}
+
+QString StagingDownloadTest::serve(const QString& relPath, const QByteArray& content)
+{
+    writeFile(serverRoot->path() + QStringLiteral("/b/") + relPath, content);
+    return QStringLiteral("b/") + relPath;
+}
+
+void StagingDownloadTest::finishedCacheFilesCounted()
+{
+    QList<ManifestFile> changed;
+    QStringList fromServer;
+    for (int i = 0; i < 5; ++i) {
+        const QString path = QStringLiteral("dir%1/file%1.bin").arg(i);
+        const QByteArray content = patterned(3000 + i, char(i));
+        changed.append(entryFor(path, content));
+        if (i % 2 == 0)
+            QVERIFY(writeFile(cached(path), content));
+        else
+            fromServer.append(serve(path, content));
+    }
+    // A finished cache file with the wrong content is not taken.
+    QVERIFY(writeFile(cached(changed[1].path), patterned(3001, 'x')));
+
+    LogCapture capture;
+    QList<StagedFile> staged;
+    QVERIFY(run(changed, staged));
+    QCOMPARE(capture.lines(), QStringList{"I [Update] dung 3 / 5 file tu kho tam"});
+    QCOMPARE(staged.size(), 5);
+    for (int i = 0; i < 5; ++i) {
+        QCOMPARE(staged[i].relPath, changed[i].path);
+        QCOMPARE(staged[i].stagedPath, staging() + QLatin1Char('/') + changed[i].path);
+        QCOMPARE(sha256Hex(readFile(staged[i].stagedPath)), changed[i].sha256);
+    }
+    QStringList requested;
+    for (const TestServer::Request& request : server->requests())
+        requested.append(request.path);
+    QCOMPARE(requested, fromServer);
+    // The cache is only read.
+    QVERIFY(QFileInfo::exists(cached(changed[0].path)));
+}
+
+void StagingDownloadTest::partialFile_data()
+{
+    QTest::addColumn<QString>("part");          // "good" (a true prefix), "bad" (wrong bytes), "full", "over", "empty"
+    QTest::addColumn<int>("partBytes");
+    QTest::addColumn<qint64>("manifestSize");   // -2: the true size
+    QTest::addColumn<bool>("ignoreRange");
+    QTest::addColumn<QStringList>("ranges");    // Range header of each request, "" for none
+    QTest::addColumn<bool>("partKept");
+    QTest::addColumn<QStringList>("log");
+
+    const QString resumed = QStringLiteral("I [Update] \"big.bin\" noi tiep tu kho tam: 1000 byte");
+    const QString summary = QStringLiteral("I [Update] dung 0 / 1 file tu kho tam");
+    const QString mismatch = QStringLiteral("W [Update] hash lech \"big.bin\" -> bo phan da co, tai lai tu dau");
+    QTest::newRow("good partial resumed") << "good" << 1000 << qint64(-2) << false << QStringList{"bytes=1000-"}
+                                          << true << QStringList{resumed, summary};
+    QTest::newRow("size 0 resumes any partial") << "good" << 1000 << qint64(0) << false << QStringList{"bytes=1000-"}
+                                                << true << QStringList{resumed, summary};
+    QTest::newRow("negative size resumes any partial") << "good" << 1000 << qint64(-1) << false
+                                                       << QStringList{"bytes=1000-"} << true
+                                                       << QStringList{resumed, summary};
+    QTest::newRow("empty partial not resumed") << "empty" << 0 << qint64(-2) << false << QStringList{""} << true
+                                               << QStringList{summary};
+    QTest::newRow("partial as large as the file not resumed")
+        << "full" << 50000 << qint64(-2) << false << QStringList{""} << true << QStringList{summary};
+    QTest::newRow("partial larger than the file not resumed")
+        << "over" << 50001 << qint64(-2) << false << QStringList{""} << true << QStringList{summary};
+    QTest::newRow("server ignoring the range restarts the file")
+        << "good" << 1000 << qint64(-2) << true << QStringList{"bytes=1000-"} << true << QStringList{resumed, summary};
+    QTest::newRow("wrong bytes in the partial: it is deleted")
+        << "bad" << 1000 << qint64(-2) << false << QStringList{"bytes=1000-", ""} << false
+        << QStringList{resumed, mismatch, summary};
+}
+
+void StagingDownloadTest::partialFile()
+{
+    QFETCH(QString, part);
+    QFETCH(int, partBytes);
+    QFETCH(qint64, manifestSize);
+    QFETCH(bool, ignoreRange);
+    QFETCH(QStringList, ranges);
+    QFETCH(bool, partKept);
+    QFETCH(QStringList, log);
+    const QByteArray content = patterned(50000, 'p');
+    const QString urlPath = serve(QStringLiteral("big.bin"), content);
+    ManifestFile entry = entryFor(QStringLiteral("big.bin"), content);
+    if (manifestSize != -2)
+        entry.size = manifestSize;
+    QByteArray partContent = content.left(partBytes);
+    if (part == QLatin1String("bad"))
+        partContent = patterned(partBytes, 'q');
+    if (part == QLatin1String("over"))
+        partContent = content + 'x';
+    const QString partPath = cachePartPath(kVersion, entry.path);
+    QVERIFY(writeFile(partPath, partContent));
+    TestServer::Rule rule;
+    rule.ignoreRange = ignoreRange;
+    server->setRule(urlPath, rule);
+
+    LogCapture capture;
+    QList<StagedFile> staged;
+    QVERIFY(run({entry}, staged));
+    QCOMPARE(capture.lines(), log);
+    QCOMPARE(staged.size(), 1);
+    QCOMPARE(readFile(staged[0].stagedPath), content);
+    QStringList sent;
+    for (const TestServer::Request& request : server->requestsFor(urlPath))
+        sent.append(QString::fromLatin1(request.headers.value("range")));
+    QCOMPARE(sent, ranges);
+    // The partial file is copied, never completed in place.
+    QCOMPARE(readFile(partPath), partKept ? partContent : QByteArray("<missing>"));
+}
+
+void StagingDownloadTest::resumeFailureStartsOver()
+{
+    const QByteArray content = patterned(20000, 'r');
+    const QString urlPath = serve(QStringLiteral("lib/r.dll"), content);
+    const ManifestFile entry = entryFor(QStringLiteral("lib/r.dll"), content);
+    QVERIFY(writeFile(cachePartPath(kVersion, entry.path), content.left(1000)));
+    TestServer::Rule rule;
+    rule.status = 500;
+    rule.times = 1;
+    server->setRule(urlPath, rule);
+
+    LogCapture capture;
+    QList<StagedFile> staged;
+    QVERIFY(run({entry}, staged));
+    QCOMPARE(stagingLines(capture),
+             (QStringList{"I [Update] \"lib/r.dll\" noi tiep tu kho tam: 1000 byte",
+                          "W [Update] tai tiep \"lib/r.dll\" that bai -> thu lai tu dau",
+                          "I [Update] dung 0 / 1 file tu kho tam"}));
+    QCOMPARE(readFile(staged[0].stagedPath), content);
+    QCOMPARE(server->requestsFor(urlPath).size(), 2);
+    QCOMPARE(server->requestsFor(urlPath).at(1).headers.value("range"), QByteArray());
+}
+
+void StagingDownloadTest::mismatchTwiceGivesUp()
+{
+    const QByteArray content = patterned(8000, 'm');
+    const QString good = serve(QStringLiteral("good.dll"), content);
+    const QString urlPath = serve(QStringLiteral("sub/x.dll"), content);
+    TestServer::Rule rule;
+    rule.corruptBody = true;
+    server->setRule(urlPath, rule);
+    // The cache's partial file of a file whose hash fails is removed, whatever its size.
+    const QString partPath = cachePartPath(kVersion, QStringLiteral("sub/x.dll"));
+    QVERIFY(writeFile(partPath, patterned(8000, 'z')));
+
+    LogCapture capture;
+    QList<StagedFile> staged;
+    QVERIFY(!run({entryFor(QStringLiteral("good.dll"), content), entryFor(QStringLiteral("sub/x.dll"), content)}, staged));
+    QCOMPARE(capture.lines(), (QStringList{"W [Update] hash lech \"sub/x.dll\" -> bo phan da co, tai lai tu dau",
+                                           "W [Update] hash van lech \"sub/x.dll\" -> huy"}));
+    QCOMPARE(server->requestsFor(urlPath).size(), 2);
+    QVERIFY(!QFileInfo::exists(staging()));
+    QVERIFY(!QFileInfo::exists(partPath));
+    QCOMPARE(staged.size(), 1);
+
+    // Recovered on the second download: the line of the mismatch, then success.
+    rule.times = 1;
+    server->setRule(urlPath, rule);
+    capture.clear();
+    staged.clear();
+    QVERIFY(run({entryFor(QStringLiteral("sub/x.dll"), content)}, staged));
+    QCOMPARE(capture.lines(), (QStringList{"W [Update] hash lech \"sub/x.dll\" -> bo phan da co, tai lai tu dau",
+                                           "I [Update] dung 0 / 1 file tu kho tam"}));
+    QCOMPARE(readFile(staged[0].stagedPath), content);
+}
+
+void StagingDownloadTest::downloadFailureDeletesStaging()
+{
+    const QByteArray a = patterned(1000, 'a');
+    serve(QStringLiteral("a.dll"), a);
+    const ManifestFile missing{QStringLiteral("b.dll"), 10, sha256Hex("0123456789")};
+    QVERIFY(writeFile(cachePartPath(kVersion, QStringLiteral("c.dll")), "kept"));
+
+    LogCapture capture;
+    QList<StagedFile> staged;
+    QVERIFY(!run({entryFor(QStringLiteral("a.dll"), a), missing, {QStringLiteral("c.dll"), 4, sha256Hex("kept")}},
+                 staged));
+    QCOMPARE(stagingLines(capture), QStringList{"W [Update] tai \"b.dll\" that bai -> huy, chay ban hien tai"});
+    QVERIFY(!QFileInfo::exists(staging()));
+    QCOMPARE(server->requestsFor(QStringLiteral("b/c.dll")).size(), 0);
+    QCOMPARE(readFile(cachePartPath(kVersion, QStringLiteral("c.dll"))), QByteArray("kept"));
+}
+
+void StagingDownloadTest::leftoverStagingEmptiedFirst()
+{
+    const QByteArray content = patterned(4000, 'l');
+    QVERIFY(writeFile(staging() + QStringLiteral("/stale/old.dll"), "from a crashed run"));
+    QVERIFY(writeFile(staging() + QStringLiteral("/x.dll"), content));  // even a correct file is not reused
+    serve(QStringLiteral("x.dll"), content);
+
+    QList<StagedFile> staged;
+    QVERIFY(run({entryFor(QStringLiteral("x.dll"), content)}, staged));
+    QCOMPARE(filesBelow(staging()), QStringList{"x.dll"});
+    QCOMPARE(server->requestsFor(QStringLiteral("b/x.dll")).size(), 1);
+}
+
+void StagingDownloadTest::emptyList()
+{
+    QVERIFY(writeFile(staging() + QStringLiteral("/old.dll"), "old"));
+    LogCapture capture;
+    QList<StagedFile> staged;
+    QVERIFY(run({}, staged));
+    QCOMPARE(capture.lines(), QStringList{"I [Update] dung 0 / 0 file tu kho tam"});
+    QVERIFY(QFileInfo(staging()).isDir());
+    QCOMPARE(filesBelow(staging()), QStringList());
+    QVERIFY(staged.isEmpty());
+    QVERIFY(server->requests().isEmpty());
+}
+
+void StagingDownloadTest::hostilePathIsRefused_data()
+{
+    QTest::addColumn<QString>("path");
+    QTest::newRow("parent") << "../evil.dll";
+    QTest::newRow("inner parent") << "a/../../evil.dll";
+    QTest::newRow("absolute") << "/evil.dll";
+}
+
+void StagingDownloadTest::hostilePathIsRefused()
+{
+    QFETCH(QString, path);
+    LogCapture capture;
+    QList<StagedFile> staged;
+    QVERIFY(!run({{path, 4, sha256Hex("evil")}}, staged));
+    QCOMPARE(capture.lines(), QStringList{"W [Update] tai \"" + path + "\" that bai -> huy, chay ban hien tai"});
+    QVERIFY(!QFileInfo::exists(install->path() + QStringLiteral("/evil.dll")));
+    QVERIFY(!QFileInfo::exists(QStringLiteral("/evil.dll")));
+    QVERIFY(server->requests().isEmpty());
+}
+
+QTEST_GUILESS_MAIN(StagingDownloadTest)
+#include "tst_staging_download.moc"
