@@ -503,6 +503,8 @@ void HttpFetchTest::fileDiskFull()
         QSKIP("a full disk is simulated with a 1 MiB tmpfs, which needs root and mount rights");
     const auto unmount = qScopeGuard([&] { QProcess::execute("umount", {mountPoint}); });
 
+    // Another file takes an uneven share, so the disk fills up in the middle of a write.
+    QVERIFY(writeFile(mountPoint + "/other.bin", QByteArray(100000, 'o')));
     const QString path = mountPoint + "/big.bin";
     QNetworkAccessManager network;
     QVERIFY(!httpGetToFile(network, server->url("big.bin"), path, 0));
