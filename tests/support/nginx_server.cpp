@@ -15,6 +15,9 @@ constexpr int kStartTimeoutMs = 10000;
 constexpr int kStopTimeoutMs = 10000;
 // Another process may take the port between our probe and nginx's bind: try a few.
 constexpr int kPortAttempts = 5;
+// nginx outlives a test that crashes or is killed; coreutils' timeout ends it after this long
+// at the latest (and passes our own stop signal on to it before that).
+const QString kLifetimeLimit = QStringLiteral("900");
 
 // Fields separated by tabs, so that paths with blanks stay one field; escape=none keeps UTF-8
 // paths readable.
@@ -106,8 +109,9 @@ bool NginxServer::startOnPort(quint16 port, QString* error)
 
     process = new QProcess;
     process->setProcessChannelMode(QProcess::MergedChannels);
-    process->start(executable(), {QStringLiteral("-p"), prefix.path(), QStringLiteral("-c"), config,
-                                  QStringLiteral("-e"), prefix.filePath(QStringLiteral("error.log"))});
+    process->start(QStringLiteral("timeout"),
+                   {kLifetimeLimit, executable(), QStringLiteral("-p"), prefix.path(), QStringLiteral("-c"), config,
+                    QStringLiteral("-e"), prefix.filePath(QStringLiteral("error.log"))});
     QElapsedTimer clock;
     clock.start();
     while (clock.elapsed() < kStartTimeoutMs && process->state() != QProcess::NotRunning) {
@@ -131,7 +135,7 @@ void NginxServer::stop()
     if (!process)
         return;
     if (process->state() != QProcess::NotRunning) {
-        process->terminate();  // SIGTERM: nginx's fast shutdown
+        process->terminate();  // SIGTERM, passed on by timeout: nginx's fast shutdown
         if (!process->waitForFinished(kStopTimeoutMs)) {
             process->kill();
             process->waitForFinished(kStopTimeoutMs);

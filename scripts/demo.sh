@@ -1,0 +1,167 @@
+#!/usr/bin/env bash
+# The updater at work, end to end on this machine: builds the updater and corvanta-publish,
+# publishes a small demo build 1 and build 2 signed with the development key, serves them with
+# nginx on 127.0.0.1, installs build 1 into a temporary installation and lets the updater bring
+# it to build 2 with its status window on screen (under Xvfb when there is no display).
+# Everything it starts or creates is removed again when it ends; it can be run any number of
+# times in a row.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+source_dir=$PWD
+
+packages=(cmake ninja-build g++ pkg-config qtbase5-dev libssl-dev python3 nginx-light xvfb xauth
+          fonts-dejavu-core)
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+if ((${#missing[@]})); then
+  if [ "$(id -u)" = 0 ]; then
+    echo "== installing: ${missing[*]}"
+    apt-get update -qq
+    DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+  else
+    echo "missing packages: ${missing[*]} (run as root, or install them with apt-get)" >&2
+    exit 1
+  fi
+fi
+
+build=${BUILD_DIR:-build}
+case $build in /*) ;; *) build=$source_dir/$build ;; esac
+echo "== building the updater and corvanta-publish in $build"
+cmake -S . -B "$build" -G Ninja ${CMAKE_ARGS:-} >/dev/null
+cmake --build "$build" --target updater corvanta-publish | tail -n 1
+publish_tool=$build/bin/corvanta-publish
+updater_exe=$build/bin/updater
+
+work=$(mktemp -d "${TMPDIR:-/tmp}/corvanta-demo.XXXXXX")
+nginx_pid=
+cleanup() {
+  if [ -n "$nginx_pid" ] && kill -0 "$nginx_pid" 2>/dev/null; then
+    kill "$nginx_pid"
+    wait "$nginx_pid" 2>/dev/null || true
+  fi
+  rm -rf "$work"
+}
+trap cleanup EXIT
+trap 'exit 130' INT TERM
+
+# Two builds of a small application: build 2 changes three files, keeps one, adds one.
+make_build() {  # make_build DIR NUMBER
+  local dir=$1 n=$2
+  mkdir -p "$dir/bin" "$dir/data"
+  { echo "Corvanta demo application, build $n"; head -c 400000 /dev/zero | tr '\0' "$n"; } > "$dir/Corvanta.exe"
+  { echo "core library, build $n"; head -c 250000 /dev/zero | tr '\0' "c"; } > "$dir/bin/core.dll"
+  echo "this file is the same in every build" > "$dir/bin/shared.dll"
+  printf 'Corvanta %s.0.0\n' "$n" > "$dir/data/readme.txt"
+  if [ "$n" = 2 ]; then
+    mkdir -p "$dir/plugins"
+    echo "a plugin that build 2 adds" > "$dir/plugins/export.dll"
+  fi
+}
+make_build "$work/build1" 1
+make_build "$work/build2" 2
+
+# nginx runs as this user in one foreground process, with everything inside the work directory.
+port=$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
+www=$work/www/corvanta
+mkdir -p "$www" "$work/nginx/tmp"
+cat > "$work/nginx/nginx.conf" <<EOF
+daemon off;
+master_process off;
+pid "$work/nginx/nginx.pid";
+error_log "$work/nginx/error.log";
+events { worker_connections 64; }
+http {
+    default_type application/octet-stream;
+    access_log "$work/nginx/access.log";
+    client_body_temp_path "$work/nginx/tmp/body";
+    proxy_temp_path "$work/nginx/tmp/proxy";
+    fastcgi_temp_path "$work/nginx/tmp/fastcgi";
+    uwsgi_temp_path "$work/nginx/tmp/uwsgi";
+    scgi_temp_path "$work/nginx/tmp/scgi";
+    server {
+        listen 127.0.0.1:$port;
+        root "$work/www";
+    }
+}
+EOF
+/usr/sbin/nginx -p "$work/nginx" -c "$work/nginx/nginx.conf" -e "$work/nginx/error.log" &
+nginx_pid=$!
+for _ in $(seq 50); do
+  python3 -c "import socket; socket.create_connection(('127.0.0.1', $port), 0.2)" 2>/dev/null && break
+  kill -0 "$nginx_pid" 2>/dev/null || { cat "$work/nginx/error.log" >&2; exit 1; }
+  sleep 0.1
+done
+base_url="http://127.0.0.1:$port/corvanta/"
+echo "== nginx serves $work/www at http://127.0.0.1:$port/"
+
+publish() {  # publish VERSION BUILD_NUMBER INPUT
+  echo "\$ corvanta-publish build --input ${3#"$work"/} --out www/corvanta --version $1 --build-number $2 --key keys/dev_private.pem"
+  "$publish_tool" build --input "$3" --out "$www" --version "$1" --build-number "$2" \
+    --key "$source_dir/keys/dev_private.pem" | sed 's/^/  /'
+}
+
+echo "== publishing build 1"
+publish 1.0.0 1 "$work/build1"
+# Fails with a clear report if this build of the updater trusts another key (CORV_PUBLIC_KEY_FILE).
+"$publish_tool" verify --dir "$www" | sed 's/^/  /'
+
+install=$work/install
+echo "== installing build 1 into $install"
+cp -r "$work/build1" "$install"
+cp "$www/manifest.json" "$install/manifest.json"
+cp "$updater_exe" "$install/updater"
+printf '{ "manifestUrl": "%smanifest.json" }\n' "$base_url" > "$install/updater.conf"
+sed 's/^/  updater.conf: /' "$install/updater.conf"
+
+echo "== publishing build 2 over build 1 (files first, manifest.json and its signature last)"
+publish 2.0.0 2 "$work/build2"
+
+# The updater's named locks live in this run's own directory, apart from any other Corvanta.
+export XDG_RUNTIME_DIR=$work/run
+mkdir -m 700 "$XDG_RUNTIME_DIR"
+requests_before=$(wc -l < "$work/nginx/access.log")
+if [ -n "${DISPLAY:-}" ]; then
+  echo "== running the updater on display $DISPLAY"
+  "$install/updater"
+else
+  echo "== running the updater under Xvfb (no display here), status window included"
+  xvfb-run -a -s "-screen 0 1280x800x24" "$install/updater"
+fi
+
+echo "== what the updater asked nginx for"
+tail -n +"$((requests_before + 1))" "$work/nginx/access.log" | awk '{print "  " $6, $7, $9}' | tr -d '"'
+echo "== updater.log"
+sed 's/^/  /' "$install/updater.log"
+
+echo "== checking the installation against build 2"
+outcome="not updated"
+grep -q 'CAP NHAT THANH CONG -> "2.0.0"' "$install/updater.log" && outcome="updated to 2.0.0"
+echo "  outcome: $outcome"
+ok=true
+for f in $(cd "$work/build2" && find . -type f | sort); do
+  if cmp -s "$work/build2/$f" "$install/$f"; then
+    echo "  same as build 2: ${f#./}"
+  else
+    echo "  DIFFERS from build 2: ${f#./}"
+    ok=false
+  fi
+done
+if cmp -s "$www/manifest.json" "$install/manifest.json"; then
+  echo "  manifest.json is the published one"
+else
+  echo "  manifest.json DIFFERS from the published one"
+  ok=false
+fi
+if [ -e "$install/.staging" ]; then
+  echo "  .staging was left behind"
+  ok=false
+fi
+
+if [ "$outcome" = "updated to 2.0.0" ] && $ok; then
+  echo "== demo succeeded: the installation went from build 1 to build 2 through nginx"
+else
+  echo "== demo FAILED" >&2
+  exit 1
+fi
