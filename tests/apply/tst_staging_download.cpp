@@ -64,6 +64,7 @@ private slots:
     void cleanup();
 
     void finishedCacheFilesCounted();
+    void failedCacheCopyFallsThroughToDownload();
     void partialFile_data();
     void partialFile();
     void resumeFailureStartsOver();
@@ -158,6 +159,24 @@ void StagingDownloadTest::finishedCacheFilesCounted()
     QCOMPARE(requested, fromServer);
     // The cache is only read.
     QVERIFY(QFileInfo::exists(cached(changed[0].path)));
+}
+
+void StagingDownloadTest::failedCacheCopyFallsThroughToDownload()
+{
+    // The first entry makes "d" a directory in staging, so the finished cache file of the
+    // second entry "d" cannot be copied there.
+    const QByteArray inner = patterned(500, 'i');
+    const QByteArray d = patterned(600, 'd');
+    serve(QStringLiteral("d/x.dll"), inner);
+    QVERIFY(writeFile(cached(QStringLiteral("d")), d));
+
+    LogCapture capture;
+    QList<StagedFile> staged;
+    QVERIFY(!run({entryFor(QStringLiteral("d/x.dll"), inner), entryFor(QStringLiteral("d"), d)}, staged));
+    QCOMPARE(stagingLines(capture), (QStringList{"W [Update] khong chep duoc tu kho tam \"d\" -> tai lai",
+                                                 "W [Update] tai \"d\" that bai -> huy, chay ban hien tai"}));
+    QCOMPARE(server->requestsFor(QStringLiteral("b/d")).size(), 1);
+    QCOMPARE(readFile(cached(QStringLiteral("d"))), d);
 }
 
 void StagingDownloadTest::partialFile_data()
