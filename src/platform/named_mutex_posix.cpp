@@ -13,7 +13,7 @@ namespace {
 
 // How often a waiter looks at the lock again: short enough that an apply run goes on almost
 // as soon as a prefetch lets go, long enough to cost nothing while it waits 15 s.
-constexpr int kPollIntervalMs = 20;
+constexpr long long kPollIntervalNs = 20LL * 1000000;
 
 // A descriptor may be 0, which the handle reserves for "null": store it shifted by one.
 std::intptr_t toHandle(int fd) { return static_cast<std::intptr_t>(fd) + 1; }
@@ -40,8 +40,7 @@ bool lockDirectory(std::string* dir)
 // "N.lock" in the lock directory; a name that could leave the directory has no lock file.
 bool lockFilePath(const std::string& name, std::string* path)
 {
-    if (name.empty() || name == "." || name == ".." || name.find('/') != std::string::npos
-        || name.find('\0') != std::string::npos)
+    if (name.empty() || name.find('/') != std::string::npos)
         return false;
     std::string dir;
     if (!lockDirectory(&dir))
@@ -71,20 +70,20 @@ bool isLockedByAnyone(int fd)
     return probe.l_type != F_UNLCK;
 }
 
-void sleepMs(int ms)
+void sleepNs(long long ns)
 {
     struct timespec delay {};
-    delay.tv_sec = ms / 1000;
-    delay.tv_nsec = static_cast<long>(ms % 1000) * 1000000L;
+    delay.tv_sec = static_cast<time_t>(ns / 1000000000LL);
+    delay.tv_nsec = static_cast<long>(ns % 1000000000LL);
     while (nanosleep(&delay, &delay) != 0 && errno == EINTR) {
     }
 }
 
-long long monotonicMs()
+long long monotonicNs()
 {
     struct timespec now {};
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<long long>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+    return static_cast<long long>(now.tv_sec) * 1000000000LL + now.tv_nsec;
 }
 
 } // namespace
@@ -164,14 +163,14 @@ bool waitForNamedMutex(NamedMutex& mutex, int timeoutMs)
     if (mutex.isNull())
         return false;
     const int fd = toFd(mutex.nativeHandle());
-    const long long deadline = monotonicMs() + (timeoutMs > 0 ? timeoutMs : 0);
+    const long long deadline = monotonicNs() + (timeoutMs > 0 ? timeoutMs : 0) * 1000000LL;
     for (;;) {
         if (!isLockedByAnyone(fd))
             return true;
-        const long long left = deadline - monotonicMs();
+        const long long left = deadline - monotonicNs();
         if (left <= 0)
             return false;
-        sleepMs(static_cast<int>(left < kPollIntervalMs ? left : kPollIntervalMs));
+        sleepNs(left < kPollIntervalNs ? left : kPollIntervalNs);
     }
 }
 

@@ -15,23 +15,23 @@ namespace {
 // Handle values: a pidfd is stored shifted by one (0 means null); without pidfd support the
 // handle is only a marker and the process is polled through its id.
 constexpr std::intptr_t kPolledHandle = -1;
-constexpr int kPollIntervalMs = 20;
+constexpr long long kPollIntervalNs = 20LL * 1000000;
 
 std::intptr_t toHandle(int fd) { return static_cast<std::intptr_t>(fd) + 1; }
 int toFd(std::intptr_t handle) { return static_cast<int>(handle - 1); }
 
-long long monotonicMs()
+long long monotonicNs()
 {
     struct timespec now {};
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<long long>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+    return static_cast<long long>(now.tv_sec) * 1000000000LL + now.tv_nsec;
 }
 
-void sleepMs(int ms)
+void sleepNs(long long ns)
 {
     struct timespec delay {};
-    delay.tv_sec = ms / 1000;
-    delay.tv_nsec = static_cast<long>(ms % 1000) * 1000000L;
+    delay.tv_sec = static_cast<time_t>(ns / 1000000000LL);
+    delay.tv_nsec = static_cast<long>(ns % 1000000000LL);
     while (nanosleep(&delay, &delay) != 0 && errno == EINTR) {
     }
 }
@@ -54,30 +54,34 @@ int openPidfd(pid_t pid)
 
 bool waitOnPidfd(int fd, int timeoutMs)
 {
-    const long long deadline = monotonicMs() + timeoutMs;
+    const long long deadline = monotonicNs() + timeoutMs * 1000000LL;
     for (;;) {
         struct pollfd entry {};
         entry.fd = fd;
         entry.events = POLLIN;
-        const long long left = deadline - monotonicMs();
-        const int result = poll(&entry, 1, static_cast<int>(left > 0 ? left : 0));
+        const long long left = deadline - monotonicNs();
+        // Rounded up: the wait lasts at least as long as asked.
+        const int leftMs = left > 0 ? static_cast<int>((left + 999999) / 1000000) : 0;
+        const int result = poll(&entry, 1, leftMs);
         if (result > 0)
             return true;
-        if (result == 0 || errno != EINTR)
+        if (result < 0 && errno != EINTR)
+            return false;
+        if (result == 0 && deadline - monotonicNs() <= 0)
             return false;
     }
 }
 
 bool waitByPolling(pid_t pid, int timeoutMs)
 {
-    const long long deadline = monotonicMs() + timeoutMs;
+    const long long deadline = monotonicNs() + timeoutMs * 1000000LL;
     for (;;) {
         if (kill(pid, 0) != 0 && errno == ESRCH)
             return true;
-        const long long left = deadline - monotonicMs();
+        const long long left = deadline - monotonicNs();
         if (left <= 0)
             return false;
-        sleepMs(static_cast<int>(left < kPollIntervalMs ? left : kPollIntervalMs));
+        sleepNs(left < kPollIntervalNs ? left : kPollIntervalNs);
     }
 }
 
