@@ -1,0 +1,180 @@
+// The updater executable with "--prefetch-only": when it keeps out of the way, and how a later
+// apply run takes what it left in the cache.
+#include "prefetch_fixture.h"
+#include "support/helper_process.h"
+
+#include <QProcess>
+#include <memory>
+
+namespace {
+
+const QString kVersion = QStringLiteral("2.4.1");
+
+QStringList requestedPaths(const TestServer& server)
+{
+    QStringList paths;
+    for (const TestServer::Request& request : server.requests())
+        paths.append(request.path);
+    return paths;
+}
+
+} // namespace
+
+class TestPrefetchMode : public QObject {
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void init();
+
+    void anotherPrefetchRunning();
+    void applyRunInProgress();
+    void prefetchThenApplyTakesTheCache();
+    void applicationEndingLeavesAPartForTheApply();
+
+private:
+    QTemporaryDir runtimeDir;
+    QTemporaryDir published;
+    std::unique_ptr<TestServer> server;
+    std::unique_ptr<TestInstall> install;
+
+    const BuildFiles installedBuild{{"a.bin", "old a"}, {"b.bin", patternBytes(20000, 2)}, {"c.bin", "old c"}};
+    const BuildFiles newBuild{{"a.bin", patternBytes(30000, 1)},
+                              {"b.bin", patternBytes(20000, 2)},
+                              {"c.bin", patternBytes(40000, 3)},
+                              {"d/e.bin", patternBytes(50000, 4)}};
+};
+
+void TestPrefetchMode::initTestCase()
+{
+    QVERIFY(runtimeDir.isValid() && published.isValid());
+    qputenv("XDG_RUNTIME_DIR", QFile::encodeName(runtimeDir.path()));
+    server = std::make_unique<TestServer>(published.path());
+    QVERIFY(server->start());
+    QVERIFY(publishBuild(published.path(), QStringLiteral("b"), newBuild, makeManifestJson(kVersion, 7, newBuild)));
+}
+
+void TestPrefetchMode::init()
+{
+    server->clearRules();
+    server->clearRequests();
+    install = std::make_unique<TestInstall>();
+    QVERIFY(install->isValid());
+    QVERIFY(install->installBuild(installedBuild, makeManifestJson(QStringLiteral("2.4.0"), 6, installedBuild)));
+    QVERIFY(install->writeConfig(server->url(QStringLiteral("b/manifest.json"))));
+}
+
+void TestPrefetchMode::anotherPrefetchRunning()
+{
+    auto other = holdLocks({prefetchLockName()});
+    QVERIFY(other);
+
+    QCOMPARE(install->run({"--prefetch-only"}, 20000), 0);
+
+    const QList<LogEntry> log = readLogEntries(install->logPath());
+    QCOMPARE(log.size(), 1);
+    QCOMPARE(log.first().level, QStringLiteral("I"));
+    QCOMPARE(log.first().tag, QStringLiteral("prefetch"));
+    QCOMPARE(log.first().text, QStringLiteral("[UpdatePrefetch] mot luot tai khac dang chay -> bo qua"));
+    QCOMPARE(server->requests().size(), 0);
+    QVERIFY(!install->exists(QStringLiteral(".update-cache")));
+}
+
+void TestPrefetchMode::applyRunInProgress()
+{
+    auto apply = holdLocks({QString::fromLatin1(kUpdaterMutexName)});
+    QVERIFY(apply);
+
+    QCOMPARE(install->run({"--prefetch-only"}, 20000), 0);
+
+    QCOMPARE(install->logTexts(), QStringList());
+    QCOMPARE(server->requests().size(), 0);
+    QVERIFY(!install->exists(QStringLiteral(".update-cache")));
+    // The prefetch lock was never taken.
+    QVERIFY(releaseHelper(*apply));
+    auto probe = holdLocks({prefetchLockName()});
+    QVERIFY(probe);
+}
+
+// While the application (a stand-in process) runs, the prefetch fetches the three changed files;
+// after it has closed, the apply run copies them from the cache and downloads no file at all.
+void TestPrefetchMode::prefetchThenApplyTakesTheCache()
+{
+    auto application = holdLocks({});
+    QVERIFY(application);
+    const QString pid = QString::number(application->processId());
+
+    QCOMPARE(install->run({"--prefetch-only", "--wait-pid", pid}, 30000), 0);
+
+    QCOMPARE(install->logTexts(),
+             QStringList({"[UpdatePrefetch] bat dau 2.4.1 - 3 file, 0 MB",
+                          "[UpdatePrefetch] a.bin tai tu dau 29 KB", "[UpdatePrefetch] a.bin xong ( 1 / 3 )",
+                          "[UpdatePrefetch] c.bin tai tu dau 39 KB", "[UpdatePrefetch] c.bin xong ( 2 / 3 )",
+                          "[UpdatePrefetch] d/e.bin tai tu dau 48 KB", "[UpdatePrefetch] d/e.bin xong ( 3 / 3 )",
+                          "[UpdatePrefetch] xong toan bo - 3 file ok, 0 bo lai cho updater"}));
+    for (const QString& path : {QStringLiteral("a.bin"), QStringLiteral("c.bin"), QStringLiteral("d/e.bin")})
+        QCOMPARE(install->readFile(".update-cache/2.4.1/files/" + path), newBuild.value(path));
+    QCOMPARE(install->readFile("a.bin"), QByteArray("old a"));  // nothing installed yet
+
+    QVERIFY(killHelper(*application));
+    QFile::remove(install->logPath());
+    server->clearRequests();
+
+    QCOMPARE(install->run({}, 60000), 0);
+
+    const QStringList log = install->logTexts();
+    QVERIFY2(log.contains("[Update] dung 3 / 3 file tu kho tam"), qPrintable(log.join('\n')));
+    QVERIFY(log.contains("[Update] CAP NHAT THANH CONG -> \"2.4.1\""));
+    QCOMPARE(requestedPaths(*server), QStringList({"b/manifest.json", "b/manifest.json.sig"}));
+    for (auto it = newBuild.cbegin(); it != newBuild.cend(); ++it)
+        QCOMPARE(install->readFile(it.key()), it.value());
+    QVERIFY(!install->exists(QStringLiteral(".update-cache")));
+}
+
+// The application closes in the middle of a file: the prefetch stops and keeps the ".part";
+// the apply run resumes from it and takes the finished file from the cache.
+void TestPrefetchMode::applicationEndingLeavesAPartForTheApply()
+{
+    TestServer::Rule pause;
+    pause.stallAfterBytes = 25000;
+    pause.stallSeconds = 20;
+    pause.times = 1;
+    server->setRule(QStringLiteral("b/c.bin"), pause);
+    auto application = holdLocks({});
+    QVERIFY(application);
+
+    std::unique_ptr<QProcess> prefetch(
+        install->start({"--prefetch-only", "--wait-pid", QString::number(application->processId())}));
+    const QString part = install->path(QStringLiteral(".update-cache/2.4.1/files/c.bin.part"));
+    QTRY_VERIFY_WITH_TIMEOUT(QFileInfo(part).size() > 0, 15000);
+    QVERIFY(killHelper(*application));
+    QVERIFY(prefetch->waitForFinished(5000));
+    QCOMPARE(prefetch->exitStatus(), QProcess::NormalExit);
+    QCOMPARE(prefetch->exitCode(), 0);
+
+    const QStringList prefetchLog = install->logTexts();
+    QCOMPARE(prefetchLog.mid(prefetchLog.size() - 2),
+             QStringList({"[UpdatePrefetch] app da dong -> dung tai", "[UpdatePrefetch] dung - xong 1 file, con 2"}));
+    const qint64 kept = QFileInfo(part).size();
+    QVERIFY(kept > 0 && kept <= 25000);
+
+    QFile::remove(install->logPath());
+    server->clearRequests();
+    QCOMPARE(install->run({}, 60000), 0);
+
+    const QStringList log = install->logTexts();
+    QVERIFY2(log.contains(QStringLiteral("[Update] \"c.bin\" noi tiep tu kho tam: %1 byte").arg(kept)),
+             qPrintable(log.join('\n')));
+    QVERIFY(log.contains("[Update] dung 1 / 3 file tu kho tam"));
+    QStringList fileRequests;
+    for (const TestServer::Request& request : server->requests()) {
+        if (!request.path.startsWith(QLatin1String("b/manifest.json")))
+            fileRequests.append(request.path + QLatin1Char(' ') + QString::fromLatin1(request.headers.value("range")));
+    }
+    QCOMPARE(fileRequests, QStringList({QStringLiteral("b/c.bin bytes=%1-").arg(kept), "b/d/e.bin "}));
+    for (auto it = newBuild.cbegin(); it != newBuild.cend(); ++it)
+        QCOMPARE(install->readFile(it.key()), it.value());
+}
+
+QTEST_GUILESS_MAIN(TestPrefetchMode)
+#include "tst_prefetch_mode.moc"
