@@ -87,7 +87,7 @@ void TestPrefetchRate::writeRateAndMemoryStayFlat()
             opened = &sample;
         if (!from && sample.size >= kFileSize / 10)
             from = &sample;
-        if (from && sample.size <= kFileSize * 85 / 100)
+        if (from && sample.size >= 0 && sample.size <= kFileSize * 85 / 100)
             to = &sample;
     }
     QVERIFY(opened && from && to);
