@@ -2,6 +2,8 @@
 // found as the active modal box while the call blocks; unknown outcomes show nothing.
 #include "app/outcome_message.h"
 
+#include "glyph_coverage.h"
+
 #include <QApplication>
 #include <QElapsedTimer>
 #include <QMessageBox>
@@ -26,6 +28,7 @@ struct SeenBox {
     bool hasParent = true;
     bool modal = false;
     bool visible = false;
+    QString missingGlyphs;  // characters of title and text that no installed font draws
 };
 
 // Polls for the active modal box, records it and presses its Ok button. A repeating timer
@@ -59,6 +62,7 @@ private:
         seen.hasParent = box->parentWidget() != nullptr;
         seen.modal = box->isModal();
         seen.visible = box->isVisible();
+        seen.missingGlyphs = missingGlyphs(seen.title + seen.text, box->font());
         if (QAbstractButton* ok = box->button(QMessageBox::Ok))
             ok->click();
         else
@@ -148,6 +152,9 @@ void TestOutcomeMessage::boxes()
     // No default is asked for; the framework then makes the only (accepting) button the
     // default, so Return closes the box.
     QVERIFY(seen.defaultIsOk);
+    QVERIFY2(seen.missingGlyphs.isEmpty(),
+             qPrintable(QStringLiteral("no installed font draws \"%1\" (install fonts-dejavu-core)")
+                            .arg(seen.missingGlyphs)));
 
     // The box is gone once the call has returned.
     QCOMPARE(QApplication::activeModalWidget(), nullptr);

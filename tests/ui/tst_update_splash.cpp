@@ -2,6 +2,8 @@
 // never moved while visible, raised on every text, repainting while its caller works.
 #include "ui/update_splash.h"
 
+#include "glyph_coverage.h"
+
 #include <QApplication>
 #include <QLabel>
 #include <QPointer>
@@ -59,6 +61,9 @@ private slots:
     void pendingEventsRunInsideShowStatus();
     void longTextWrapsInsideTheFixedSize();
     void labelsDieWithTheWindow();
+    void glyphCheckSpotsMissingCharacters();
+    void textsCanBeDrawn_data();
+    void textsCanBeDrawn();
 };
 
 void TestUpdateSplash::hasTheFixedLook()
@@ -266,6 +271,39 @@ void TestUpdateSplash::labelsDieWithTheWindow()
     }
     QVERIFY(title.isNull());
     QVERIFY(status.isNull());
+}
+
+void TestUpdateSplash::glyphCheckSpotsMissingCharacters()
+{
+    // U+0378 is unassigned: no font can have drawn it.
+    const QString unassigned = QString::fromUcs4(U"a\u0378b");
+    QCOMPARE(missingGlyphs(unassigned, QFont()), QString::fromUcs4(U"\u0378"));
+    QCOMPARE(missingGlyphs(QStringLiteral("ab"), QFont()), QString());
+}
+
+void TestUpdateSplash::textsCanBeDrawn_data()
+{
+    QTest::addColumn<int>("row");
+    QTest::addColumn<QString>("text");
+    QTest::newRow("title") << 0 << QStringLiteral("Corvanta");
+    QTest::newRow("starting") << 1 << QString::fromUtf8("Đang khởi động…");
+    QTest::newRow("checking") << 1 << QString::fromUtf8("Đang kiểm tra cập nhật…");
+    QTest::newRow("downloading") << 1 << QString::fromUtf8("Đang tải bản cập nhật (%1 tệp)…").arg(1234567890);
+    QTest::newRow("applying") << 1 << QString::fromUtf8("Đang áp bản cập nhật…");
+    QTest::newRow("done") << 1 << QString::fromUtf8("Cập nhật hoàn tất.");
+}
+
+void TestUpdateSplash::textsCanBeDrawn()
+{
+    QFETCH(int, row);
+    QFETCH(QString, text);
+    UpdateSplash splash;
+    splash.ensurePolished();  // the style sheets set the labels' fonts
+    QLabel* label = rowLabel(splash, row);
+    QVERIFY(label);
+    const QString missing = missingGlyphs(text, label->font());
+    QVERIFY2(missing.isEmpty(),
+             qPrintable(QStringLiteral("no installed font draws \"%1\" (install fonts-dejavu-core)").arg(missing)));
 }
 
 QTEST_MAIN(TestUpdateSplash)
