@@ -83,6 +83,8 @@ http {
     server {
         listen 127.0.0.1:$port;
         root "$work/www";
+        # Slowed down like a real connection, so that the status window stays up for a few seconds.
+        limit_rate 200k;
     }
 }
 EOF
