@@ -1,7 +1,5 @@
 // Looks at other processes' windows on the X display in DISPLAY, for the tests that run the
 // real updater on a virtual X server:
-//   x11_probe grab WINDOW FILE
-//       saves what the screen shows of window WINDOW (decimal id) as a PNG.
 //   x11_probe compare-box WINDOW warning|information TITLE TEXT [FILE]
 //       grabs WINDOW, then shows its own message box of that kind with TITLE, TEXT and one Ok
 //       button on the same display and grabs it too. Exit code 0 when the two pictures are
@@ -11,7 +9,6 @@
 // so any difference in icon, text or buttons shows up as different pixels.
 #include <QAbstractButton>
 #include <QApplication>
-#include <QElapsedTimer>
 #include <QEventLoop>
 #include <QImage>
 #include <QMessageBox>
@@ -30,23 +27,42 @@ QImage grab(WId window)
     return QGuiApplication::primaryScreen()->grabWindow(window).toImage();
 }
 
-// Shows the reference box and grabs it once it has been on screen for a moment.
+void wait(int ms)
+{
+    QEventLoop loop;
+    QTimer::singleShot(ms, &loop, &QEventLoop::quit);
+    loop.exec();
+}
+
+// A window that has just been mapped may not be painted yet: grab until two pictures taken
+// 200 ms apart agree (at most 10 s).
+QImage grabSettled(WId window)
+{
+    QImage previous = grab(window);
+    for (int i = 0; i < 50; ++i) {
+        wait(200);
+        const QImage current = grab(window);
+        if (!current.isNull() && current == previous)
+            return current;
+        previous = current;
+    }
+    return QImage();
+}
+
+// Shows the reference box and grabs it once it is on screen and painted.
 QImage grabReferenceBox(QMessageBox::Icon icon, const QString& title, const QString& text)
 {
     QImage shot;
     QTimer poll;
-    QElapsedTimer sinceExposed;
+    poll.setSingleShot(true);
     poll.setInterval(50);
     QObject::connect(&poll, &QTimer::timeout, [&] {
         auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
-        if (!box || !box->windowHandle() || !box->windowHandle()->isExposed())
+        if (!box || !box->windowHandle() || !box->windowHandle()->isExposed()) {
+            poll.start();
             return;
-        if (!sinceExposed.isValid())
-            sinceExposed.start();
-        if (sinceExposed.elapsed() < 400)
-            return;
-        poll.stop();
-        shot = grab(box->winId());
+        }
+        shot = grabSettled(box->winId());
         box->button(QMessageBox::Ok)->click();
     });
     poll.start();
@@ -67,13 +83,9 @@ int main(int argc, char** argv)
 
     bool ok = false;
     const WId window = args.value(1).toULongLong(&ok);
-    if (args.size() == 3 && args[0] == QLatin1String("grab") && ok) {
-        const QImage shot = grab(window);
-        return !shot.isNull() && shot.save(args[2], "PNG") ? 0 : 1;
-    }
     if ((args.size() == 5 || args.size() == 6) && args[0] == QLatin1String("compare-box") && ok
         && (args[2] == QLatin1String("warning") || args[2] == QLatin1String("information"))) {
-        const QImage actual = grab(window);
+        const QImage actual = grabSettled(window);
         if (actual.isNull())
             return 1;
         const QImage expected = grabReferenceBox(
@@ -89,7 +101,6 @@ int main(int argc, char** argv)
                      actual.height(), expected.width(), expected.height());
         return 1;
     }
-    std::fprintf(stderr, "usage: x11_probe grab WINDOW FILE\n"
-                         "       x11_probe compare-box WINDOW warning|information TITLE TEXT [FILE]\n");
+    std::fprintf(stderr, "usage: x11_probe compare-box WINDOW warning|information TITLE TEXT [FILE]\n");
     return 2;
 }
