@@ -2,9 +2,9 @@
 #include "command_line.h"
 #include "console.h"
 #include "publish_commands.h"
+#include "published_file.h"
 #include "signing_key.h"
 
-#include "apply/file_replacement.h"
 #include "update/manifest.h"
 #include "update/sha256.h"
 
@@ -14,7 +14,6 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QTemporaryFile>
 
 namespace {
 
@@ -51,28 +50,9 @@ constexpr qint64 kCopyChunkBytes = 1024 * 1024;
 constexpr qint64 kProgressIntervalMs = 1000;
 constexpr double kMebibyte = 1024.0 * 1024.0;
 
-// Everyone may read what is published, whatever the umask: the web server usually runs as
-// another user.
-const QFile::Permissions kPublishedPermissions =
-    QFile::ReadOwner | QFile::WriteOwner | QFile::ReadGroup | QFile::ReadOther;
-const QFile::Permissions kPublishedDirPermissions = kPublishedPermissions | QFile::ExeOwner
-                                                    | QFile::ExeGroup | QFile::ExeOther;
-
 QString mebibytes(qint64 bytes)
 {
     return QString::number(double(bytes) / kMebibyte, 'f', 1);
-}
-
-// Creates dir and its missing parents, each readable and searchable by everyone.
-bool ensurePublishedDir(const QString& dir)
-{
-    const QFileInfo info(dir);
-    if (info.isDir())
-        return true;
-    const QString parent = info.path();
-    if (parent == dir || !ensurePublishedDir(parent) || !QDir(parent).mkdir(info.fileName()))
-        return QFileInfo(dir).isDir();
-    return QFile::setPermissions(dir, kPublishedDirPermissions);
 }
 
 class Progress {
@@ -95,55 +75,6 @@ private:
     qint64 lastReportMs = 0;
     int totalFiles;
     qint64 totalBytes;
-};
-
-// A file being published: written under a hidden temporary name in its final directory,
-// readable by everyone, and moved over the final name with a write-through rename.
-class PublishedFile {
-public:
-    explicit PublishedFile(const QString& finalPath)
-        : finalPath(finalPath),
-          temp(QFileInfo(finalPath).dir().filePath(QStringLiteral(".%1.publishing-XXXXXX")
-                                                       .arg(QFileInfo(finalPath).fileName())))
-    {
-    }
-    bool open(QString* error)
-    {
-        if (!ensurePublishedDir(QFileInfo(finalPath).path()) || !temp.open()
-            || !temp.setPermissions(kPublishedPermissions))
-            return writeError(error);
-        return true;
-    }
-    bool write(const char* data, qint64 length, QString* error)
-    {
-        return temp.write(data, length) == length || writeError(error);
-    }
-    // Flushes and closes the temporary file; the final name is not touched yet.
-    bool finishWriting(QString* error)
-    {
-        if (!temp.flush())
-            return writeError(error);
-        temp.close();
-        return true;
-    }
-    bool moveIntoPlace(QString* error)
-    {
-        if (!moveFileWriteThrough(temp.fileName(), finalPath)) {
-            *error = QStringLiteral("cannot move \"%1\" into place").arg(finalPath);
-            return false;
-        }
-        temp.setAutoRemove(false);
-        return true;
-    }
-
-private:
-    bool writeError(QString* error)
-    {
-        *error = QStringLiteral("cannot write \"%1\": %2").arg(finalPath, temp.errorString());
-        return false;
-    }
-    QString finalPath;
-    QTemporaryFile temp;
 };
 
 // Copies one file into the published tree and hashes it in the same pass.
