@@ -400,7 +400,12 @@ void TestApplyRun::outcomes()
     QVERIFY(install.installBuild(installed, installedManifest));
     if (!keepInstalledManifest)
         QVERIFY(QFile::remove(install.path(QStringLiteral("manifest.json"))));
-    QVERIFY(site.publish(published, publishedManifest));
+    QVERIFY(site.publish(scenario == HostilePath ? newBuild() : published, publishedManifest));
+    if (scenario == HostilePath) {
+        QFile planted(site.serverDir.filePath(outsideName));
+        QVERIFY(planted.open(QIODevice::WriteOnly));
+        planted.write("planted");
+    }
     if (writeConfig) {
         QVERIFY(install.writeConfig(scenario == ManifestUnreachable ? QStringLiteral("http://127.0.0.1:1/app/manifest.json")
                                                                   : site.manifestUrl()));
