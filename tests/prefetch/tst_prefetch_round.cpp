@@ -118,9 +118,6 @@ void TestPrefetchRound::refusals_data()
     QTest::newRow("signature over other bytes")
         << build7 << signWithKey(build7 + ' ') << 0 << 0 << none << false << QStringList()
         << line("CHU KY MANIFEST SAI -> khong tai san gi ca") << false << 2;
-    QTest::newRow("signature decodes to nothing")
-        << build7 << QByteArray("!!!\n") << 0 << 0 << none << false << QStringList()
-        << line("CHU KY MANIFEST SAI -> khong tai san gi ca") << false << 2;
     QTest::newRow("signed document without files")
         << QByteArray("{\"fullVersion\": \"2.4.1\", \"files\": []}") << none << 0 << 0 << none << false
         << QStringList() << line("manifest hong") << false << 2;

@@ -68,7 +68,6 @@ void TestUpdatePrefetcher::noUsableConfigurationStartsNothing_data()
     QTest::addColumn<QByteArray>("config");  // null: no updater.conf at all
     QTest::newRow("no updater.conf") << QByteArray();
     QTest::newRow("empty manifestUrl") << QByteArray("{\"manifestUrl\": \"\", \"baseUrl\": \"http://127.0.0.1:9/\"}");
-    QTest::newRow("not JSON") << QByteArray("manifestUrl=http://127.0.0.1:9/m.json");
 }
 
 void TestUpdatePrefetcher::noUsableConfigurationStartsNothing()
