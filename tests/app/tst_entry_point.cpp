@@ -45,8 +45,8 @@ private slots:
 
     void runsAloneAndLogs_data();
     void runsAloneAndLogs();
-    void applyRefusals_data();
-    void applyRefusals();
+    void refusals_data();
+    void refusals();
     void twoApplyRunsStartedTogether();
     void applyWaitsForRunningPrefetch_data();
     void applyWaitsForRunningPrefetch();
@@ -110,30 +110,38 @@ void TestEntryPoint::runsAloneAndLogs()
     QVERIFY(!isHeld(kUpdater));
 }
 
-void TestEntryPoint::applyRefusals_data()
+void TestEntryPoint::refusals_data()
 {
+    QTest::addColumn<QStringList>("args");
     QTest::addColumn<QStringList>("held");
-    QTest::newRow("application running") << QStringList{kMainApp};
-    QTest::newRow("another updater running") << QStringList{kUpdater};
+    QTest::newRow("application running") << QStringList{} << QStringList{kMainApp};
+    QTest::newRow("another updater running") << QStringList{} << QStringList{kUpdater};
     // The application is tested first: no 15 s wait for the prefetch.
-    QTest::newRow("application and a prefetch running") << QStringList{kMainApp, kPrefetch};
-    QTest::newRow("another updater and a prefetch running") << QStringList{kUpdater, kPrefetch};
+    QTest::newRow("application and a prefetch running") << QStringList{} << QStringList{kMainApp, kPrefetch};
+    QTest::newRow("another updater and a prefetch running") << QStringList{} << QStringList{kUpdater, kPrefetch};
+    // Were the apply run not noticed, the prefetch would log that another prefetch runs.
+    QTest::newRow("prefetch while an apply runs") << QStringList{"--prefetch-only"} << QStringList{kUpdater, kPrefetch};
+    QTest::newRow("proactive prefetch while an apply runs")
+        << QStringList{"--prefetch-only", "--proactive"} << QStringList{kUpdater, kPrefetch};
 }
 
-void TestEntryPoint::applyRefusals()
+void TestEntryPoint::refusals()
 {
+    QFETCH(QStringList, args);
     QFETCH(QStringList, held);
     TestInstall install;
     QVERIFY(install.isValid());
+    // A configuration, so that nothing but the refusal can keep a run quiet.
+    QVERIFY(install.writeConfig(QStringLiteral("http://127.0.0.1:9/manifest.json")));
     HelperProcess holder = holdLocks(held);
     QVERIFY(holder);
 
     QElapsedTimer clock;
     clock.start();
-    QCOMPARE(install.run({}, 30000), 0);
+    QCOMPARE(install.run(args, 30000), 0);
     QVERIFY2(clock.elapsed() < 10000, QByteArray::number(clock.elapsed()).constData());
 
-    // Refused before the session: nothing logged, the other side's mutexes untouched.
+    // Refused before anything else: nothing logged, the other side's mutexes untouched.
     QCOMPARE(install.logTexts(), QStringList());
     for (const QString& name : held)
         QVERIFY(isHeld(name));
