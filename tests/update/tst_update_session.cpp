@@ -105,6 +105,8 @@ private slots:
     void changedFilesKeepManifestOrder();
 
 private:
+    // The hashing tests need no server; starting one costs most of a second.
+    bool startServer();
     // A fresh installation directory and server root per test.
     bool prepare(const BuildFiles& installed, const QByteArray& installedManifest);
     void publish(const BuildFiles& files, const QByteArray& manifest);
@@ -128,8 +130,6 @@ void TestUpdateSession::init()
     serverDir.reset(new QTemporaryDir);
     QVERIFY(installDir->isValid());
     QVERIFY(serverDir->isValid());
-    server.reset(new TestServer(serverDir->path()));
-    QVERIFY(server->start());
     setInstallationDirForTesting(installDir->path());
 }
 
@@ -139,6 +139,12 @@ void TestUpdateSession::cleanup()
     server.reset();
     serverDir.reset();
     installDir.reset();
+}
+
+bool TestUpdateSession::startServer()
+{
+    server.reset(new TestServer(serverDir->path()));
+    return server->start();
 }
 
 bool TestUpdateSession::prepare(const BuildFiles& installed, const QByteArray& installedManifest)
@@ -206,6 +212,7 @@ void TestUpdateSession::statusTexts_data()
 
 void TestUpdateSession::statusTexts()
 {
+    QVERIFY(startServer());
     QFETCH(int, scenario);
     QFETCH(int, outcome);
     QFETCH(QStringList, statuses);
@@ -265,6 +272,7 @@ void TestUpdateSession::statusTexts()
 // not started; the log lines fall between them.
 void TestUpdateSession::stepsHappenInOrder()
 {
+    QVERIFY(startServer());
     QVERIFY(prepare(oldBuild(), makeManifestJson(kOldVersion, 100, oldBuild())));
     // Left behind by a cut-short apply: only the backup of g.txt exists.
     QFile bak(QDir(installDir->path()).filePath(QStringLiteral("g.txt.bak")));
@@ -329,6 +337,7 @@ void TestUpdateSession::stepsHappenInOrder()
 
 void TestUpdateSession::runsWithoutStatusCallback()
 {
+    QVERIFY(startServer());
     QVERIFY(prepare(oldBuild(), makeManifestJson(kOldVersion, 100, oldBuild())));
     publish(newBuild(), makeManifestJson(kNewVersion, 101, newBuild()));
     writeConfig();
