@@ -20,7 +20,10 @@ UpdatePrefetcher::UpdatePrefetcher()
     network = new QNetworkAccessManager(this);
     forceNetworkAccessible(network);
 
+    // Precise: a coarse timer may fire up to 5% early, and a transfer must be given its full
+    // 20 s without data before it is called stalled.
     stallTimer = new QTimer(this);
+    stallTimer->setTimerType(Qt::PreciseTimer);
     stallTimer->setSingleShot(true);
     stallTimer->setInterval(kPrefetchStallTimeoutMs);
     connect(stallTimer, &QTimer::timeout, this, &UpdatePrefetcher::onStallTimeout);
