@@ -54,8 +54,6 @@ private slots:
     void cleanup();
 
     void prefetchLockName();
-    void existenceTest_data();
-    void existenceTest();
     void prefetchLockTakenOnce();
     void prefetchLockHeldElsewhere();
     void waitForRunningPrefetch_data();
@@ -85,41 +83,6 @@ void TestInstanceLocks::cleanup() { qInstallMessageHandler(previousHandler); }
 void TestInstanceLocks::prefetchLockName()
 {
     QCOMPARE(::prefetchLockName(), QStringLiteral("Corvanta_UpdatePrefetch_Pendrovia"));
-}
-
-void TestInstanceLocks::existenceTest_data()
-{
-    QTest::addColumn<QString>("holder");  // what happened to the process holding the mutex
-    QTest::addColumn<bool>("exists");
-    QTest::newRow("never created") << "none" << false;
-    QTest::newRow("held by another process") << "holding" << true;
-    QTest::newRow("released by its holder") << "released" << false;
-    QTest::newRow("holder killed") << "killed" << false;
-}
-
-void TestInstanceLocks::existenceTest()
-{
-    QFETCH(QString, holder);
-    QFETCH(bool, exists);
-    const QString name = QStringLiteral("Corvanta_MainApp_Running");
-    HelperProcess process;
-    if (holder != QLatin1String("none")) {
-        process = holdLocks({name});
-        QVERIFY(process);
-        if (holder == QLatin1String("released"))
-            QVERIFY(releaseHelper(*process));
-        else if (holder == QLatin1String("killed"))
-            QVERIFY(killHelper(*process));
-    }
-    QCOMPARE(namedMutexExists(name), exists);
-    // Testing takes nothing: the holder still holds, a free mutex is still free for others.
-    if (holder == QLatin1String("holding")) {
-        QVERIFY(namedMutexExists(name));
-        QVERIFY(releaseHelper(*process));
-    }
-    auto after = holdLocks({name});
-    QVERIFY(after);
-    QVERIFY(captured.isEmpty());
 }
 
 void TestInstanceLocks::prefetchLockTakenOnce()
