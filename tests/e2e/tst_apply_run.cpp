@@ -193,6 +193,7 @@ private slots:
 
     void outcomes_data();
     void outcomes();
+    void failedApplyRollsBack_data();
     void failedApplyRollsBack();
     void ownExecutableIsWrittenBeside_data();
     void ownExecutableIsWrittenBeside();
@@ -485,13 +486,24 @@ void TestApplyRun::outcomes()
 
 // The third of five files cannot be replaced: a non-empty directory stands at its name and
 // another at its backup name, so neither the replacement nor the rename to ".bak" succeeds.
+void TestApplyRun::failedApplyRollsBack_data()
+{
+    QTest::addColumn<bool>("secondIsNew");
+    QTest::newRow("first two replaced") << false;
+    QTest::newRow("first replaced, second added") << true;
+}
+
 void TestApplyRun::failedApplyRollsBack()
 {
+    QFETCH(bool, secondIsNew);
+
     Site site;
     QVERIFY(site.start());
     TestInstall& install = site.install;
 
-    const BuildFiles installed{{QStringLiteral("a.dat"), "A1"}, {QStringLiteral("d.dat"), "D1"}, {QStringLiteral("e.dat"), "E1"}};
+    BuildFiles installed{{QStringLiteral("a.dat"), "A1"}, {QStringLiteral("d.dat"), "D1"}, {QStringLiteral("e.dat"), "E1"}};
+    if (!secondIsNew)
+        installed.insert(QStringLiteral("b.dat"), "B1");
     const QByteArray installedManifest = makeManifestJson(QStringLiteral("7.0"), 6, installed);
     const BuildFiles published{{QStringLiteral("a.dat"), "A2"},
                                {QStringLiteral("b.dat"), "B2"},
@@ -518,10 +530,15 @@ void TestApplyRun::failedApplyRollsBack()
              (QStringList{QStringLiteral("app/manifest.json"), QStringLiteral("app/manifest.json.sig"),
                           QStringLiteral("app/a.dat"), QStringLiteral("app/b.dat"), QStringLiteral("app/c.dat"),
                           QStringLiteral("app/d.dat"), QStringLiteral("app/e.dat")}));
-    // a.dat is back from its backup, the added b.dat is gone, d.dat and e.dat were never touched.
-    QCOMPARE(site.installedFiles(),
-             withRunFiles(files({"a.dat", "c.dat.bak/inside.txt", "c.dat/inside.txt", "d.dat", "e.dat"}), true, true));
+    // Replaced files are back from their backups, an added file is gone, d.dat and e.dat were
+    // never touched.
+    QStringList expectedNames = files({"a.dat", "c.dat.bak/inside.txt", "c.dat/inside.txt", "d.dat", "e.dat"});
+    if (!secondIsNew)
+        expectedNames.append(QStringLiteral("b.dat"));
+    QCOMPARE(site.installedFiles(), withRunFiles(expectedNames, true, true));
     QCOMPARE(install.readFile(QStringLiteral("a.dat")), QByteArray("A1"));
+    if (!secondIsNew)
+        QCOMPARE(install.readFile(QStringLiteral("b.dat")), QByteArray("B1"));
     QCOMPARE(install.readFile(QStringLiteral("d.dat")), QByteArray("D1"));
     QCOMPARE(install.readFile(QStringLiteral("e.dat")), QByteArray("E1"));
     QCOMPARE(install.readFile(QStringLiteral("c.dat/inside.txt")), QByteArray("a directory, not a file"));
