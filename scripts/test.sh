@@ -5,7 +5,7 @@ cd "$(dirname "$0")/.."
 
 packages=(cmake ninja-build g++ pkg-config qtbase5-dev libssl-dev python3 xvfb xauth
           fonts-dejavu-core x11-utils xdotool strace time nginx-light
-          g++-mingw-w64-x86-64 wine wine64 python3-pefile)
+          openssl g++-mingw-w64-x86-64 wine wine64 python3-pefile)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

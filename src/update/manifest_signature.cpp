@@ -20,10 +20,10 @@ struct ContextFree {
     void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
 };
 
-// The embedded key, read from its NUL-terminated PEM text; null when it does not parse.
-std::unique_ptr<EVP_PKEY, KeyFree> readEmbeddedKey()
+// A key read from its NUL-terminated PEM text; null when it does not parse.
+std::unique_ptr<EVP_PKEY, KeyFree> readPublicKey(const char* pem)
 {
-    BIO* bio = BIO_new_mem_buf(kEmbeddedPublicKeyPem, -1);
+    BIO* bio = BIO_new_mem_buf(pem, -1);
     if (!bio)
         return nullptr;
     std::unique_ptr<EVP_PKEY, KeyFree> key(PEM_read_bio_PUBKEY(bio, nullptr, nullptr, nullptr));
@@ -35,13 +35,19 @@ std::unique_ptr<EVP_PKEY, KeyFree> readEmbeddedKey()
 
 bool verifyManifestSignature(const QByteArray& manifestBytes, const QByteArray& signatureText)
 {
+    return verifySignatureWithPublicKey(manifestBytes, signatureText, kEmbeddedPublicKeyPem);
+}
+
+bool verifySignatureWithPublicKey(const QByteArray& data, const QByteArray& signatureText,
+                                  const char* publicKeyPem)
+{
     // Characters outside the base64 alphabet are skipped; text that decodes to nothing never
     // reaches OpenSSL.
     const QByteArray signature = QByteArray::fromBase64(signatureText.trimmed());
     if (signature.isEmpty())
         return false;
 
-    const auto key = readEmbeddedKey();
+    const auto key = readPublicKey(publicKeyPem);
     if (!key)
         return false;
     const std::unique_ptr<EVP_MD_CTX, ContextFree> context(EVP_MD_CTX_new());
@@ -49,7 +55,7 @@ bool verifyManifestSignature(const QByteArray& manifestBytes, const QByteArray& 
         return false;
     if (EVP_DigestVerifyInit(context.get(), nullptr, EVP_sha256(), nullptr, key.get()) != 1)
         return false;
-    if (EVP_DigestUpdate(context.get(), manifestBytes.constData(), size_t(manifestBytes.size())) != 1)
+    if (EVP_DigestUpdate(context.get(), data.constData(), size_t(data.size())) != 1)
         return false;
     // 0 is a wrong signature, a negative value a malformed one: both are failures.
     return EVP_DigestVerifyFinal(context.get(),

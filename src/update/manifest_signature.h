@@ -13,6 +13,11 @@ extern const char kEmbeddedPublicKeyPem[];
 // signatureText is base64 of the DER signature; surrounding whitespace is ignored.
 bool verifyManifestSignature(const QByteArray& manifestBytes, const QByteArray& signatureText);
 
+// The same check against a NUL-terminated PEM public key (the release tool verifies published
+// trees with the vendor's key file this way).
+bool verifySignatureWithPublicKey(const QByteArray& data, const QByteArray& signatureText,
+                                  const char* publicKeyPem);
+
 // Fetch, verify, parse, check eligibility, in that order; each failure logs one line.
 // rawBytes receives the downloaded manifest bytes as soon as they arrive.
 bool fetchTrustedManifest(QNetworkAccessManager& network, const QString& manifestUrl,

@@ -1,5 +1,7 @@
 #include "signing_key.h"
 
+#include "update/manifest_signature.h"
+
 #include <QFile>
 
 #include <openssl/bio.h>
@@ -169,17 +171,6 @@ QString publicKeyPemProblem(const QByteArray& pem)
 bool verifyWithPublicKeyPem(const QByteArray& data, const QByteArray& signatureText,
                             const QByteArray& publicKeyPem)
 {
-    const QByteArray signature = QByteArray::fromBase64(signatureText.trimmed());
-    if (signature.isEmpty())
-        return false;
-    const KeyPtr key = readPublicKey(publicKeyPem);
-    const ContextPtr context(EVP_MD_CTX_new());
-    if (!key || !context
-        || EVP_DigestVerifyInit(context.get(), nullptr, EVP_sha256(), nullptr, key.get()) != 1
-        || EVP_DigestUpdate(context.get(), data.constData(), size_t(data.size())) != 1)
-        return false;
-    return EVP_DigestVerifyFinal(context.get(),
-                                 reinterpret_cast<const unsigned char*>(signature.constData()),
-                                 size_t(signature.size()))
-           == 1;
+    // QByteArray keeps its data NUL-terminated, as the updater's check expects of a PEM text.
+    return verifySignatureWithPublicKey(data, signatureText, publicKeyPem.constData());
 }
