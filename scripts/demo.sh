@@ -9,22 +9,9 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 source_dir=$PWD
 
-packages=(cmake ninja-build g++ pkg-config qtbase5-dev libssl-dev python3 nginx-light xvfb xauth
-          fonts-dejavu-core)
-missing=()
-for p in "${packages[@]}"; do
-  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
-done
-if ((${#missing[@]})); then
-  if [ "$(id -u)" = 0 ]; then
-    echo "== installing: ${missing[*]}"
-    apt-get update -qq
-    DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
-  else
-    echo "missing packages: ${missing[*]} (run as root, or install them with apt-get)" >&2
-    exit 1
-  fi
-fi
+source scripts/lib/ensure_packages.sh
+ensure_packages cmake ninja-build g++ pkg-config qtbase5-dev libssl-dev python3 nginx-light xvfb \
+                xauth fonts-dejavu-core
 
 build=${BUILD_DIR:-build}
 case $build in /*) ;; *) build=$source_dir/$build ;; esac

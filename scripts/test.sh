@@ -3,23 +3,10 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-packages=(cmake ninja-build g++ pkg-config qtbase5-dev libssl-dev python3 xvfb xauth
-          fonts-dejavu-core x11-utils xdotool strace time nginx-light
-          openssl g++-mingw-w64-x86-64 wine wine64 python3-pefile)
-missing=()
-for p in "${packages[@]}"; do
-  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
-done
-if ((${#missing[@]})); then
-  if [ "$(id -u)" = 0 ]; then
-    echo "installing: ${missing[*]}"
-    apt-get update -qq
-    DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
-  else
-    echo "missing packages: ${missing[*]} (run as root, or install them with apt-get)" >&2
-    exit 1
-  fi
-fi
+source scripts/lib/ensure_packages.sh
+ensure_packages cmake ninja-build g++ pkg-config qtbase5-dev libssl-dev python3 xvfb xauth \
+                fonts-dejavu-core x11-utils xdotool strace time nginx-light openssl \
+                g++-mingw-w64-x86-64 wine wine64 python3-pefile
 
 build=${BUILD_DIR:-build}
 cmake -S . -B "$build" -G Ninja ${CMAKE_ARGS:-}
