@@ -1,0 +1,261 @@
+#!/usr/bin/env python3
+"""Turns the measurements of bench.py (JSON) into the Markdown report. Text after the line
+"<!-- analysis -->" in an existing report is kept, so a written analysis survives a new run."""
+
+import os
+import statistics
+import sys
+
+MIB = 1024 * 1024
+MARKER = "<!-- analysis -->"
+
+
+def med(values):
+    return statistics.median(values) if values else float("nan")
+
+
+def fig(values, digits=2, scale=1.0, unit=""):
+    """median (min–max) of one figure over the repetitions."""
+    values = [v for v in values if v is not None]
+    if not values:
+        return "n/a"
+    unit = f" {unit}" if unit else ""
+    m = med(values) * scale
+    if len(values) == 1:
+        return f"{m:.{digits}f}{unit}"
+    return f"{m:.{digits}f}{unit} ({min(values) * scale:.{digits}f}–{max(values) * scale:.{digits}f})"
+
+
+def ratio(top, bottom, digits=2):
+    """Median of the per-repetition ratios, with their range."""
+    return fig([a / b for a, b in zip(top, bottom) if b], digits)
+
+
+def mib(n, digits=1):
+    return f"{n / MIB:.{digits}f} MiB"
+
+
+def phase_values(phases, key):
+    return [p[key] for p in phases if p]
+
+
+def syscall_table(w, profile, what):
+    if not profile:
+        return
+    ph = profile.get("phases") or {}
+    phases = (f" Its phases in this traced run: hash pass {ph['check_and_hash']:.2f} s, download "
+              f"{ph['download']:.2f} s, replacement {ph['replace']:.2f} s." if ph else "")
+    w(f"System calls of the main thread in one more run of {what} (`strace -c -w`, not timed: strace "
+      f"slows every call down; wall-clock time inside each call; `poll` is the event loop waiting for "
+      f"Qt's network thread).{phases}\n")
+    w("| call | calls | seconds | share |\n|---|---|---|---|")
+    for c in profile["rows"]:
+        w(f"| {c['name']} | {c['calls']} | {c['seconds']:.3f} | {c['percent']:.1f}% |")
+    w("")
+
+
+def render(r):
+    out = []
+    w = out.append
+    m = r["machine"]
+    reps = r["reps"]
+    w("# Benchmarks: the updater against the physical limit\n")
+    w(f"Measured by `bench/run.sh` on {r['started']}, one run of {r['duration'] / 60:.0f} minutes on one "
+      f"machine. Every figure is the median of {reps} repetitions, with the lowest and highest value in "
+      f"brackets; the limit is measured in the same repetition as the updater, right after it, so that "
+      f"the ratios hold on a busy machine.\n")
+    w("| machine | |\n|---|---|")
+    w(f"| CPU | {m['cpu']}, {m['cores']} cores ({m['virt']}) |")
+    w(f"| memory | {m['memory_gib']} GiB |")
+    w(f"| system | {m['distro']}, Linux {m['kernel']} |")
+    w(f"| data on | {m['filesystem']} |")
+    w(f"| software | Qt {m['qt']}; {m['nginx']}; {m['curl'].split(' (')[0]}; {m['openssl']}; "
+      f"{m['rsync']}; {m['coreutils']} |")
+    w(f"| updater | {r.get('source', 'unknown')}, built RelWithDebInfo (-O2 -g) |")
+    w(f"| load average | {r['load_before'][0]:.2f} at the start, {r['load_after'][0]:.2f} at the end "
+      f"(other work ran on the machine) |\n")
+    w("Everything runs on 127.0.0.1: nginx (one worker, `sendfile on`, default keep-alive of 1000 "
+      "requests per connection) serves builds published with `corvanta-publish`; the data is "
+      "generated from fixed seeds, so every run measures the same bytes. The page cache is warm "
+      "(the machine's memory holds every data set); before each timed step the installation is "
+      "freshly copied and `sync`ed, so no step pays for an earlier step's write-back.\n")
+
+    if "apply" in r:
+        a = r["apply"]
+        rows = a["rows"]
+        up = [x["updater"] for x in rows]
+        lim = [x["limit"] for x in rows]
+        ph = [x["phases"] for x in rows]
+        startup = [x["updater"] - x["phases"]["logged"] for x in rows if x["phases"]]
+        w("## 1. Apply of a realistic installation\n")
+        w(f"Build 1: {a['files']} files, {mib(a['bytes'])}: three packs and libraries of "
+          f"{', '.join(mib(x, 0) for x in a['largest'])}, about 2% of the files between 1 and 30 MiB, the "
+          f"rest small (median file {a['median_size'] / 1024:.0f} KiB). Build 2 changes {a['changed_files']} "
+          f"files ({mib(a['changed_bytes'])}), the largest of them {mib(a['largest_changed'], 0)}.\n")
+        w("| figure | value |\n|---|---|")
+        w(f"| **updater, apply run (wall)** | **{fig(up)} s** |")
+        w(f"| &nbsp; manifest check + hash pass over the installation | {fig(phase_values(ph, 'check_and_hash'))} s |")
+        w(f"| &nbsp; download of the changed files into staging + their verification | {fig(phase_values(ph, 'download'))} s |")
+        w(f"| &nbsp; replacement of the installed files (with backups, write-through) | {fig(phase_values(ph, 'replace'))} s |")
+        w(f"| &nbsp; process start, configuration, exit | {fig(startup)} s |")
+        w(f"| **limit = (a) + (b) + (c)** | **{fig(lim)} s** |")
+        w(f"| &nbsp; (a) curl, the changed files over one keep-alive connection | {fig([x['curl'] for x in rows])} s |")
+        w(f"| &nbsp; (b) `openssl dgst -sha256` over the whole installed tree | {fig([x['dgst'] for x in rows])} s |")
+        w(f"| &nbsp; (c) `cp` of the changed files into place | {fig([x['copy'] for x in rows])} s |")
+        w(f"| **ratio updater / limit** | **{ratio(up, lim)}** |")
+        w(f"| bytes served by nginx for files / bytes of the changed files | "
+          f"{fig([x['served'] / a['changed_bytes'] for x in rows], 4)} |")
+        w(f"| peak resident memory of the updater | {fig([x['peak_kib'] for x in rows], 1, 1 / 1024, 'MiB')} |")
+        w(f"| CPU time of the updater (user + system) | {fig([x['cpu'] for x in rows])} s |")
+        w(f"| HTTP requests / TCP connections of the updater | {rows[0]['requests']} / {rows[0]['connections']} |\n")
+        syscall_table(w, a.get("syscalls"), "the realistic apply")
+
+    if "noop" in r:
+        n = r["noop"]
+        w("## 2. No-op runs\n")
+        w(f"The installation is build 2 ({n['files']} files, {mib(n['bytes'])}).\n")
+        w("| figure | value |\n|---|---|")
+        w(f"| up to date by build number (wall) | {fig(n['uptodate'], 3)} s |")
+        w(f"| &nbsp; installed build files it opens (strace, `open`/`openat`) | {n['uptodate_file_opens']} of {n['files']} |")
+        w(f"| &nbsp; directories it lists (the walk that repairs an interrupted apply) | {n['uptodate_dir_opens']} of {n['dirs']} |")
+        w(f"| all hashes match: full hash pass (wall; `manifest.json` removed) | {fig(n['matching'])} s |")
+        w(f"| &nbsp; installed build files it opens | {n['hashing_file_opens']} of {n['files']} |")
+        w(f"| `sha256sum` over the same files | {fig(n['sha256sum'])} s |")
+        w(f"| `openssl dgst -sha256` over the same files | {fig(n['dgst'])} s |")
+        w(f"| ratio hash pass / sha256sum | {ratio(n['matching'], n['sha256sum'])} |")
+        w(f"| ratio hash pass / openssl dgst | {ratio(n['matching'], n['dgst'])} |\n")
+
+    if "scaling" in r:
+        w("## 3. Scaling with the number of changed files\n")
+        w("Installations of N small files (1–32 KiB, log-uniform), every one changed in build 2. "
+          "curl fetches the same N files in one invocation.\n")
+        w("| N | changed | apply (wall) | apply per file | curl | curl per file | ratio | "
+          "hash + download + replace per file | connections apply / curl |")
+        w("|---|---|---|---|---|---|---|---|---|")
+        for s in r["scaling"]:
+            n = s["count"]
+            ph = s["phases"]
+            per = lambda key: fig(phase_values(ph, key), 2, 1000 / n)
+            w(f"| {n} | {mib(s['bytes'])} | {fig(s['apply'])} s | {fig(s['apply'], 2, 1000 / n)} ms | "
+              f"{fig(s['curl'], 3)} s | {fig(s['curl'], 3, 1000 / n)} ms | {ratio(s['apply'], s['curl'], 1)} | "
+              f"{per('check_and_hash')} + {per('download')} + {per('replace')} ms | "
+              f"{med(s['apply_connections']):.0f} / {med(s['curl_connections']):.0f} |")
+        last = r["scaling"][-1]
+        w("")
+        syscall_table(w, last.get("syscalls"), f"the apply of {last['count']} files")
+
+    if "streaming" in r:
+        s = r["streaming"]
+        w("## 4. Streaming: memory stays flat\n")
+        w("| figure | value |\n|---|---|")
+        w(f"| apply whose single changed file is {mib(s['bytes'], 0)}: wall | {fig(s['apply'])} s |")
+        w(f"| &nbsp; hash pass / download + verify / replace | {fig(phase_values(s['phases'], 'check_and_hash'))} / "
+          f"{fig(phase_values(s['phases'], 'download'))} / {fig(phase_values(s['phases'], 'replace'))} s |")
+        w(f"| &nbsp; peak resident memory | {fig(s['peak_kib'], 1, 1 / 1024, 'MiB')} |")
+        if s["curves"]:
+            w(f"| &nbsp; resident memory over the run (MiB, one repetition) | {' → '.join(map(str, s['curves'][0]))} |")
+        if s["refusal_peak_kib"]:
+            w(f"| prefetch of the same build: refused by the 500 MiB cap, peak memory | "
+              f"{fig(s['refusal_peak_kib'], 1, 1 / 1024, 'MiB')} |")
+    if "prefetch" in r:
+        p = r["prefetch"]
+        rows = p["rows"]
+        if "streaming" not in r:
+            w("## 4. Streaming\n\n| figure | value |\n|---|---|")
+        w(f"| prefetch of a {p['bytes']} byte file, {p['window']:.0f} s of transfer, then the application "
+          f"closes: peak memory | {fig([x['peak_kib'] for x in rows], 1, 1 / 1024, 'MiB')} |")
+        w(f"| &nbsp; resident memory over the run (MiB, one repetition) | {' → '.join(map(str, rows[0]['curve']))} |")
+        w(f"| verification of the complete {p['bytes']} byte `.part` (4 MiB per 100 ms tick): wall | "
+          f"{fig([x['wall'] for x in p['verify']])} s |")
+        w(f"| &nbsp; peak memory | {fig([x['peak_kib'] for x in p['verify']], 1, 1 / 1024, 'MiB')} |\n")
+        w("## 5. Prefetch politeness\n")
+        w(f"Client side: the size of the `.part` file sampled every 100 ms from the first byte until the "
+          f"application (a stand-in process given with `--wait-pid`) is closed after {p['window']:.0f} s.\n")
+        w("| figure | value |\n|---|---|")
+        w(f"| bytes transferred in the window | {fig([x['transferred'] for x in rows], 1, 1e-6, 'MB')} |")
+        w(f"| mean transfer rate | {fig([x['rate'] for x in rows], 0, 1, 'B/s')} |")
+        w(f"| ratio to the cap of 1,024,000 B/s | {fig([x['rate'] / 1024000 for x in rows], 3)} |")
+        w(f"| CPU seconds per MB transferred (whole process: start, manifest, transfer, stop) | "
+          f"{fig([x['cpu'] / (x['transferred'] / 1e6) for x in rows], 4)} |")
+        w(f"| peak resident memory | {fig([x['peak_kib'] for x in rows], 1, 1 / 1024, 'MiB')} |")
+        ps = r.get("prefetch_small")
+        if ps and ps["rows"]:
+            rows = ps["rows"]
+            w(f"| **{ps['files']} small files** (64 KiB–1 MiB, {ps['bytes'] / 1e6:.1f} MB), whole run from "
+              f"\"bat dau\" to \"xong toan bo\" in updater.log, hashing included: duration | "
+              f"{fig([x['seconds'] for x in rows])} s |")
+            w(f"| &nbsp; mean transfer rate | {fig([x['rate'] for x in rows], 0, 1, 'B/s')} |")
+            w(f"| &nbsp; ratio to the cap | {fig([x['rate'] / 1024000 for x in rows], 3)} |")
+            w(f"| &nbsp; CPU seconds per MB | {fig([x['cpu'] / (ps['bytes'] / 1e6) for x in rows], 4)} |")
+            w(f"| &nbsp; peak resident memory | {fig([x['peak_kib'] for x in rows], 1, 1 / 1024, 'MiB')} |")
+        w("")
+    elif "streaming" in r:
+        w("")
+
+    if r.get("resume"):
+        rows = r["resume"]
+        x = rows[0]
+        w("## 6. Resume\n")
+        w(f"A prefetch of the {x['size']} byte file is stopped (application closed) with a `.part` in the "
+          f"cache; an apply is killed (SIGKILL) when its staged copy is half complete; a second apply runs "
+          f"to the end. Bytes from nginx's access log (`$body_bytes_sent`).\n")
+        w("| figure | value |\n|---|---|")
+        w(f"| `.part` left by the prefetch | {fig([y['part'] for y in rows], 0)} bytes |")
+        w(f"| nginx sent to the prefetch before it stopped | {fig([y['prefetch_sent'] for y in rows], 0)} bytes |")
+        w(f"| killed apply: request | `Range: {x['first_range']}` |")
+        w(f"| &nbsp; nginx sent / the staged copy had received past the `.part` | "
+          f"{fig([y['first_sent'] for y in rows], 0)} / {fig([y['first_received'] for y in rows], 0)} bytes |")
+        w(f"| second apply: request | `Range: {x['second_range']}` |")
+        w(f"| &nbsp; nginx sent | {fig([y['second_sent'] for y in rows], 0)} bytes |")
+        w(f"| &nbsp; bytes missing from the `.part` (file size − `.part`) | {fig([y['size'] - y['part'] for y in rows], 0)} bytes |")
+        w(f"| bytes re-downloaded by the second apply (sent − missing) | "
+          f"{fig([y['second_sent'] - (y['size'] - y['part']) for y in rows], 0)} |")
+        w(f"| bytes the killed apply fetched that were fetched again | {fig([y['first_sent'] for y in rows], 0)} |")
+        w(f"| all bytes sent for the file / file size | "
+          f"{fig([(y['prefetch_sent'] + y['first_sent'] + y['second_sent']) / y['size'] for y in rows], 3)} |\n")
+
+    if "rsync" in r:
+        s = r["rsync"]
+        rows = s["rows"]
+        w("## 7. A peer: rsync --checksum\n")
+        w(f"The same update (build 1 → build 2 of item 1) by `rsync -a --checksum` from an rsync daemon on "
+          f"127.0.0.1 ({s['version']}).\n")
+        w("| figure | rsync | updater |\n|---|---|---|")
+        up = [x["updater"] for x in r["apply"]["rows"]] if "apply" in r else []
+        w(f"| wall time | {fig([x['wall'] for x in rows])} s | {fig(up)} s |")
+        w(f"| bytes received (rsync: `Total bytes received`; updater: nginx `$bytes_sent`, headers included) | "
+          f"{fig([x['received'] for x in rows], 0)} | {s['updater_wire_bytes']} |")
+        w(f"| file data (rsync: literal data; updater: body bytes, manifest and signature included) | "
+          f"{fig([x['literal'] for x in rows], 0)} | {s['updater_body_bytes']} |")
+        w(f"| bytes sent by the client | {fig([x['sent'] for x in rows], 0)} | — |")
+        w(f"| CPU time of the client (user + system) | {fig([x['cpu'] for x in rows])} s | "
+          f"{fig([x['cpu'] for x in r['apply']['rows']]) if 'apply' in r else 'n/a'} s |")
+        w(f"| peak resident memory of the client | {fig([x['peak_kib'] for x in rows], 1, 1 / 1024, 'MiB')} | "
+          f"{fig([x['peak_kib'] for x in r['apply']['rows']], 1, 1 / 1024, 'MiB') if 'apply' in r else 'n/a'} |\n")
+
+    if r.get("perf_apply"):
+        w("## Profile of one apply (item 1's data, `perf record -F 999 -g`, self time by library and symbol)\n")
+        w("```")
+        out.extend(r["perf_apply"])
+        w("```\n")
+    return "\n".join(out) + "\n"
+
+
+def main():
+    import json
+    source, target = sys.argv[1], sys.argv[2]
+    with open(source) as f:
+        results = json.load(f)
+    analysis = ""
+    if os.path.exists(target):
+        text = open(target, encoding="utf-8").read()
+        if MARKER in text:
+            analysis = text[text.index(MARKER):]
+    with open(target, "w", encoding="utf-8") as f:
+        f.write(render(results))
+        if analysis:
+            f.write("\n" + analysis)
+
+
+if __name__ == "__main__":
+    main()

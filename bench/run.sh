@@ -1,0 +1,95 @@
+#!/usr/bin/env bash
+# Benchmarks of the updater against the physical limit of the same work, measured side by side
+# in one run on this machine: apply of a 1 GiB installation through nginx on 127.0.0.1 beside
+# curl + openssl dgst + cp, no-op runs beside sha256sum and openssl, scaling with the number of
+# files, streaming memory, prefetch rate, resume, and rsync --checksum as a peer.
+#
+#   bench/run.sh                 full run (about 20 minutes, about 15 GB of data), writes
+#                                bench/RESULTS.md and bench/results.json
+#   bench/run.sh --smoke         tiny sizes, one repetition, under 30 s; checks that every step
+#                                still works (ctest label "bench")
+#
+# Options: --data-dir DIR (generated builds, reused between runs; default $BUILD_DIR/benchdata),
+# --out FILE (the Markdown report), --only 1,3 (items), --profile (perf profile of one apply),
+# --updater EXE --publish EXE (use these programs instead of building them in $BUILD_DIR).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+source_dir=$PWD
+
+smoke=false
+data_dir=
+out=
+only=
+profile=false
+updater=
+publish=
+while (($#)); do
+  case $1 in
+    --smoke) smoke=true ;;
+    --data-dir) data_dir=$2; shift ;;
+    --out) out=$2; shift ;;
+    --only) only=$2; shift ;;
+    --profile) profile=true ;;
+    --updater) updater=$2; shift ;;
+    --publish) publish=$2; shift ;;
+    -h|--help) sed -n '2,15p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+    *) echo "unknown option $1 (see --help)" >&2; exit 2 ;;
+  esac
+  shift
+done
+
+packages=(nginx-light curl openssl rsync strace time python3 coreutils)
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+$profile && ! command -v perf >/dev/null && missing+=(linux-perf)
+if ((${#missing[@]})); then
+  if [ "$(id -u)" = 0 ]; then
+    echo "== installing: ${missing[*]}"
+    apt-get update -qq
+    DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+  else
+    echo "missing packages: ${missing[*]} (run as root, or install them with apt-get)" >&2
+    exit 1
+  fi
+fi
+
+build=${BUILD_DIR:-build}
+case $build in /*) ;; *) build=$source_dir/$build ;; esac
+if [ -z "$updater" ] || [ -z "$publish" ]; then
+  echo "== building the updater and corvanta-publish in $build"
+  cmake -S . -B "$build" -G Ninja ${CMAKE_ARGS:-} >/dev/null
+  cmake --build "$build" --target updater corvanta-publish | tail -n 1
+  updater=$build/bin/updater
+  publish=$build/bin/corvanta-publish
+fi
+
+# Which sources were measured: the commit, and whether the checkout had changes to them.
+source_state=${BENCH_SOURCE:-unknown}
+if [ -z "${BENCH_SOURCE:-}" ] && git rev-parse --git-dir >/dev/null 2>&1; then
+  source_state="commit $(git rev-parse --short HEAD)"
+  git diff --quiet HEAD -- src CMakeLists.txt || source_state+=" with uncommitted changes in src/"
+fi
+args=(--updater "$updater" --publish "$publish" --key "$source_dir/keys/dev_private.pem" --source "$source_state")
+[ -n "$only" ] && args+=(--only "$only")
+$profile && args+=(--profile)
+if $smoke; then
+  tmp=$(mktemp -d "${TMPDIR:-/tmp}/corvanta-bench.XXXXXX")
+  trap 'rm -rf "$tmp"' EXIT
+  exec_status=0
+  python3 -B "$source_dir/bench/bench.py" --smoke --data-dir "$tmp" --json "$tmp/results.json" "${args[@]}" \
+    || exec_status=$?
+  [ -n "$out" ] && python3 -B "$source_dir/bench/report.py" "$tmp/results.json" "$out"
+  exit $exec_status
+fi
+
+data_dir=${data_dir:-$build/benchdata}
+out=${out:-$source_dir/bench/RESULTS.md}
+json=${out%.md}.json
+[ "$json" = "$out" ] && json=$out.json
+[ "$(basename "$out")" = RESULTS.md ] && json=$(dirname "$out")/results.json
+mkdir -p "$data_dir"
+python3 -B "$source_dir/bench/bench.py" --data-dir "$data_dir" --json "$json" "${args[@]}"
+python3 -B "$source_dir/bench/report.py" "$json" "$out"
+echo "== figures in $out (every measurement in $json)"

@@ -1,0 +1,154 @@
+"""nginx and an rsync daemon on 127.0.0.1, each in its own prefix, as plain child processes."""
+
+import os
+import shutil
+import socket
+import subprocess
+import time
+
+# Tab-separated, so that paths with blanks stay one field. $connection tells which requests
+# shared a TCP connection; $body_bytes_sent is what left nginx for the body.
+_NGINX_CONF = """\
+daemon off;
+master_process off;
+worker_processes 1;
+pid "{prefix}/nginx.pid";
+error_log "{prefix}/error.log";
+events {{ worker_connections 256; }}
+http {{
+    types {{ application/json json; }}
+    default_type application/octet-stream;
+    sendfile on;
+    tcp_nopush on;
+    log_format bench escape=none
+        '$connection\\t$connection_requests\\t$request_method\\t$uri\\t$status\\t$body_bytes_sent\\t$bytes_sent\\t$http_range\\t$request_time';
+    access_log "{prefix}/access.log" bench;
+    client_body_temp_path "{prefix}/tmp/body";
+    proxy_temp_path "{prefix}/tmp/proxy";
+    fastcgi_temp_path "{prefix}/tmp/fastcgi";
+    uwsgi_temp_path "{prefix}/tmp/uwsgi";
+    scgi_temp_path "{prefix}/tmp/scgi";
+    server {{
+        listen 127.0.0.1:{port};
+        root "{root}";
+        location / {{ }}
+{extra}
+    }}
+}}
+"""
+
+
+def free_port():
+    with socket.socket() as s:
+        s.bind(("127.0.0.1", 0))
+        return s.getsockname()[1]
+
+
+def _wait_for_port(port, process, log):
+    for _ in range(100):
+        try:
+            socket.create_connection(("127.0.0.1", port), 0.2).close()
+            return
+        except OSError:
+            if process.poll() is not None:
+                raise RuntimeError(f"server did not start: {open(log).read() if os.path.exists(log) else ''}")
+            time.sleep(0.05)
+    raise RuntimeError("server did not start in time")
+
+
+class Request:
+    __slots__ = ("connection", "connection_request", "method", "uri", "status", "body_bytes", "bytes",
+                 "range", "request_time")
+
+    def __init__(self, fields):
+        self.connection = int(fields[0])
+        self.connection_request = int(fields[1])
+        self.method = fields[2]
+        self.uri = fields[3]
+        self.status = int(fields[4])
+        self.body_bytes = int(fields[5])
+        self.bytes = int(fields[6])
+        self.range = "" if fields[7] == "-" else fields[7]
+        self.request_time = float(fields[8])
+
+
+class Nginx:
+    """nginx serving `root`; `rate_limited` maps a URI prefix to a per-connection limit_rate."""
+
+    def __init__(self, prefix, root, rate_limited=None):
+        self.prefix = prefix
+        self.root = root
+        self.rate_limited = rate_limited or {}
+        self.process = None
+        self.port = None
+
+    def start(self):
+        shutil.rmtree(self.prefix, ignore_errors=True)
+        os.makedirs(os.path.join(self.prefix, "tmp"))
+        extra = "".join(f"        location {uri} {{ limit_rate {rate}; }}\n" for uri, rate in self.rate_limited.items())
+        self.port = free_port()
+        conf = os.path.join(self.prefix, "nginx.conf")
+        with open(conf, "w") as f:
+            f.write(_NGINX_CONF.format(prefix=self.prefix, root=self.root, port=self.port, extra=extra))
+        log = os.path.join(self.prefix, "error.log")
+        self.process = subprocess.Popen(["/usr/sbin/nginx", "-p", self.prefix, "-c", conf, "-e", log],
+                                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        _wait_for_port(self.port, self.process, log)
+
+    def stop(self):
+        if self.process and self.process.poll() is None:
+            self.process.terminate()
+            self.process.wait(10)
+        self.process = None
+
+    def url(self, path):
+        return f"http://127.0.0.1:{self.port}/{path}"
+
+    def log_mark(self):
+        """A position in the access log; requests() returns what was logged after it."""
+        path = os.path.join(self.prefix, "access.log")
+        return os.path.getsize(path) if os.path.exists(path) else 0
+
+    def requests(self, mark=0):
+        # nginx writes a log line when a request ends; a client that was killed may leave a
+        # request open for a moment.
+        time.sleep(0.05)
+        with open(os.path.join(self.prefix, "access.log"), "rb") as f:
+            f.seek(mark)
+            lines = f.read().decode("utf-8").splitlines()
+        return [Request(line.split("\t")) for line in lines if line.count("\t") == 8]
+
+
+class RsyncDaemon:
+    """rsync --daemon in the foreground with one read-only module `name` serving `path`."""
+
+    def __init__(self, prefix, name, path):
+        self.prefix = prefix
+        self.name = name
+        self.path = path
+        self.process = None
+        self.port = None
+
+    def start(self):
+        shutil.rmtree(self.prefix, ignore_errors=True)
+        os.makedirs(self.prefix)
+        self.port = free_port()
+        conf = os.path.join(self.prefix, "rsyncd.conf")
+        with open(conf, "w") as f:
+            f.write(f"pid file = {self.prefix}/rsyncd.pid\nlog file = {self.prefix}/rsyncd.log\n"
+                    f"use chroot = no\nuid = {os.getuid()}\ngid = {os.getgid()}\n"
+                    f"[{self.name}]\n    path = {self.path}\n    read only = yes\n")
+        log = os.path.join(self.prefix, "rsyncd.log")
+        self.process = subprocess.Popen(["rsync", "--daemon", "--no-detach", f"--config={conf}",
+                                         f"--port={self.port}", "--address=127.0.0.1"],
+                                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        _wait_for_port(self.port, self.process, log)
+
+    def stop(self):
+        if self.process and self.process.poll() is None:
+            self.process.terminate()
+            self.process.wait(10)
+        self.process = None
+
+    def url(self):
+        return f"rsync://127.0.0.1:{self.port}/{self.name}/"
