@@ -38,6 +38,7 @@ class Sizes:
             self.big_bytes = 16 * MIB
             self.prefetch_bytes, self.prefetch_window = 32 * MIB, 1.5
             self.prefetch_small_files = 6
+            self.prefetch_race_runs, self.prefetch_race_bytes = 0, 0
             self.resume_bytes, self.resume_part, self.resume_rate = 4 * MIB, 256 * 1024, "4m"
         else:
             self.reps = 5
@@ -46,6 +47,7 @@ class Sizes:
             self.big_bytes = 2 * tree.GIB
             self.prefetch_bytes, self.prefetch_window = PREFETCH_CAP, 25.0
             self.prefetch_small_files = 70
+            self.prefetch_race_runs, self.prefetch_race_bytes = 10, 4 * MIB
             self.resume_bytes, self.resume_part, self.resume_rate = 256 * MIB, 8 * MIB, "64m"
 
 
@@ -53,6 +55,8 @@ class Bench:
     def __init__(self, args):
         self.args = args
         self.sizes = Sizes(args.smoke)
+        if args.reps:
+            self.sizes.reps = args.reps
         self.data_dir = os.path.abspath(args.data_dir)
         self.work = os.path.join(self.data_dir, "work")
         self.updater = os.path.abspath(args.updater)
@@ -406,6 +410,31 @@ class Bench:
                      f"of the cap), peak {run.peak_kib / 1024:.1f} MiB")
         self.results["prefetch_small"] = dict(files=rng_count, bytes=total, rows=rows)
         shutil.rmtree(install, ignore_errors=True)
+        self.bench_prefetch_single_small_file()
+
+    def bench_prefetch_single_small_file(self):
+        """Repeated prefetches of one file of a few MiB, each to its end: how often the whole
+        file comes in far faster than the cap allows."""
+        s = self.sizes
+        if not s.prefetch_race_runs:
+            return
+        path = "data/content.pak"
+        build1 = tree.one_big_file_tree(path, s.prefetch_race_bytes // 2, seed=80)
+        ds = self.dataset("prefetchrace", build1, tree.change_with_size(build1, path, s.prefetch_race_bytes, seed=81))
+        self.say(f"5. {s.prefetch_race_runs} prefetches of one {s.prefetch_race_bytes} byte file")
+        install = os.path.join(self.work, "install-prefetch-race")
+        seconds = []
+        for rep in range(s.prefetch_race_runs):
+            ds.install(install)
+            run = self.run_updater(install, ["--prefetch-only"], expect_line=(
+                "[UpdatePrefetch] xong toan bo - 1 file ok, 0 bo lai cho updater"))
+            started = next((_log_time(l) for l in run.log if "tai tu dau" in l), None)
+            ended = next((_log_time(l) for l in run.log if "xong (" in l), None)
+            if started is not None and ended is not None:
+                seconds.append(ended - started)
+        self.say(f"   seconds from request to verified file: {' '.join(f'{x:.2f}' for x in seconds)}")
+        self.results["prefetch_race"] = dict(bytes=s.prefetch_race_bytes, seconds=seconds)
+        shutil.rmtree(install, ignore_errors=True)
 
     # ---------------------------------------------------------------- 6. resume
 
@@ -521,6 +550,25 @@ class Bench:
 
     # ---------------------------------------------------------------- run
 
+    def prepare_all(self):
+        """Generates and publishes every data set of the run without measuring anything."""
+        s = self.sizes
+        self.real_dataset()
+        for count in s.small_counts:
+            build1 = tree.small_files_tree(count, seed=10 + count)
+            self.dataset(f"small{count}", build1, tree.change(build1, [e.path for e in build1], seed=20 + count))
+        build1 = tree.one_big_file_tree("data/world.pak", s.big_bytes, seed=30)
+        self.dataset("big", build1, tree.change_with_size(build1, "data/world.pak", s.big_bytes, seed=31))
+        self.prefetch_dataset()
+        build1 = tree.sized_files_tree(s.prefetch_small_files, 64 * tree.KIB, 1 * MIB, seed=70)
+        self.dataset("prefetchsmall", build1, tree.change(build1, [e.path for e in build1], seed=71))
+        if s.prefetch_race_runs:
+            build1 = tree.one_big_file_tree("data/content.pak", s.prefetch_race_bytes // 2, seed=80)
+            self.dataset("prefetchrace", build1,
+                         tree.change_with_size(build1, "data/content.pak", s.prefetch_race_bytes, seed=81))
+        build1 = tree.one_big_file_tree("data/content.pak", s.resume_bytes - 4096, seed=50)
+        self.dataset("resume", build1, tree.change_with_size(build1, "data/content.pak", s.resume_bytes, seed=51))
+
     def run(self):
         os.makedirs(self.work, exist_ok=True)
         shutil.rmtree(self.locks, ignore_errors=True)
@@ -531,6 +579,9 @@ class Bench:
         self.nginx = Nginx(os.path.join(self.data_dir, "nginx"), os.path.join(self.data_dir, "www"),
                            rate_limited={"/resume/": self.sizes.resume_rate})
         started = time.monotonic()
+        if self.args.prepare_only:
+            self.prepare_all()
+            return
         try:
             real = self.real_dataset()
             self.nginx.start()
@@ -618,7 +669,7 @@ def parse_rsync_stats(text):
 def tool_version(cmd):
     try:
         done = subprocess.run(cmd, capture_output=True, text=True)
-        return (done.stdout or done.stderr).splitlines()[0].strip()
+        return " ".join((done.stdout or done.stderr).splitlines()[0].split())
     except (OSError, IndexError):
         return "unknown"
 
@@ -660,6 +711,8 @@ def main():
     parser.add_argument("--json", help="write every measurement here")
     parser.add_argument("--only", help="comma-separated item numbers, e.g. 1,3")
     parser.add_argument("--profile", action="store_true", help="also perf-profile one apply")
+    parser.add_argument("--reps", type=int, help="repetitions instead of 5 (1 in the smoke run)")
+    parser.add_argument("--prepare-only", action="store_true", help="only generate and publish the data")
     parser.add_argument("--source", default="unknown", help="which sources the programs were built from")
     args = parser.parse_args()
     bench = Bench(args)

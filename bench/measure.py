@@ -3,7 +3,6 @@ resident memory and a file's size sampled over time from /proc."""
 
 import os
 import signal
-import statistics
 import subprocess
 import tempfile
 import threading
@@ -142,31 +141,3 @@ def kill_quietly(process, sig=signal.SIGKILL):
     if process.poll() is None:
         process.send_signal(sig)
         process.wait()
-
-
-class Figure:
-    """A figure measured once per repetition: median, min and max."""
-
-    def __init__(self, values):
-        self.values = list(values)
-
-    @property
-    def median(self):
-        return statistics.median(self.values)
-
-    @property
-    def low(self):
-        return min(self.values)
-
-    @property
-    def high(self):
-        return max(self.values)
-
-    def fmt(self, digits=2, scale=1.0, unit=""):
-        if not self.values:
-            return "n/a"
-        m, lo, hi = self.median * scale, self.low * scale, self.high * scale
-        unit = f" {unit}" if unit else ""
-        if len(self.values) == 1:
-            return f"{m:.{digits}f}{unit}"
-        return f"{m:.{digits}f}{unit} ({lo:.{digits}f}–{hi:.{digits}f})"

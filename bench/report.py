@@ -188,6 +188,14 @@ def render(r):
             w(f"| &nbsp; ratio to the cap | {fig([x['rate'] / 1024000 for x in rows], 3)} |")
             w(f"| &nbsp; CPU seconds per MB | {fig([x['cpu'] / (ps['bytes'] / 1e6) for x in rows], 4)} |")
             w(f"| &nbsp; peak resident memory | {fig([x['peak_kib'] for x in rows], 1, 1 / 1024, 'MiB')} |")
+        race = r.get("prefetch_race")
+        if race and race["seconds"]:
+            capped = race["bytes"] / 1024000
+            fast = [x for x in race["seconds"] if x < capped / 2]
+            w(f"| **one {mib(race['bytes'], 0)} file**, {len(race['seconds'])} prefetches each to its end: "
+              f"seconds from the request to the verified file (the cap allows no less than {capped:.2f} s) | "
+              f"{' '.join(f'{x:.2f}' for x in race['seconds'])} |")
+            w(f"| &nbsp; runs that took less than half the capped time | {len(fast)} of {len(race['seconds'])} |")
         w("")
     elif "streaming" in r:
         w("")

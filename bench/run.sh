@@ -10,7 +10,9 @@
 #                                still works (ctest label "bench")
 #
 # Options: --data-dir DIR (generated builds, reused between runs; default $BUILD_DIR/benchdata),
-# --out FILE (the Markdown report), --only 1,3 (items), --profile (perf profile of one apply),
+# --out FILE (the Markdown report), --only 1,3 (items), --reps N (instead of 5),
+# --profile (perf profile of one apply),
+# --prepare-only (generate and publish the data sets, measure nothing),
 # --updater EXE --publish EXE (use these programs instead of building them in $BUILD_DIR).
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -20,7 +22,9 @@ smoke=false
 data_dir=
 out=
 only=
+reps=
 profile=false
+prepare=false
 updater=
 publish=
 while (($#)); do
@@ -29,10 +33,12 @@ while (($#)); do
     --data-dir) data_dir=$2; shift ;;
     --out) out=$2; shift ;;
     --only) only=$2; shift ;;
+    --reps) reps=$2; shift ;;
     --profile) profile=true ;;
+    --prepare-only) prepare=true ;;
     --updater) updater=$2; shift ;;
     --publish) publish=$2; shift ;;
-    -h|--help) sed -n '2,15p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+    -h|--help) sed -n '2,/^set -euo/p' "$0" | sed '$d' | sed 's/^# \{0,1\}//'; exit 0 ;;
     *) echo "unknown option $1 (see --help)" >&2; exit 2 ;;
   esac
   shift
@@ -73,6 +79,7 @@ if [ -z "${BENCH_SOURCE:-}" ] && git rev-parse --git-dir >/dev/null 2>&1; then
 fi
 args=(--updater "$updater" --publish "$publish" --key "$source_dir/keys/dev_private.pem" --source "$source_state")
 [ -n "$only" ] && args+=(--only "$only")
+[ -n "$reps" ] && args+=(--reps "$reps")
 $profile && args+=(--profile)
 if $smoke; then
   tmp=$(mktemp -d "${TMPDIR:-/tmp}/corvanta-bench.XXXXXX")
@@ -85,6 +92,10 @@ if $smoke; then
 fi
 
 data_dir=${data_dir:-$build/benchdata}
+if $prepare; then
+  mkdir -p "$data_dir"
+  exec nice python3 -B "$source_dir/bench/bench.py" --prepare-only --data-dir "$data_dir" "${args[@]}"
+fi
 out=${out:-$source_dir/bench/RESULTS.md}
 json=${out%.md}.json
 [ "$json" = "$out" ] && json=$out.json
