@@ -1,0 +1,343 @@
+#include "hostile/hostile_bench.h"
+
+#include "support/test_signing.h"
+
+#include <QDir>
+#include <QDirIterator>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QRegularExpression>
+
+namespace {
+
+QByteArray pattern(int size, quint32 seed)
+{
+    QByteArray bytes(size, Qt::Uninitialized);
+    quint32 x = seed * 2654435761u + 7u;
+    for (int i = 0; i < size; ++i) {
+        x = x * 1664525u + 1013904223u;
+        bytes[i] = char(x >> 24);
+    }
+    return bytes;
+}
+
+const QString kCBin = QStringLiteral("lib/c.bin");
+
+BuildFiles build1()
+{
+    return {{QStringLiteral("a.bin"), pattern(20000, 1)},
+            {QStringLiteral("b.bin"), pattern(5000, 2)},
+            {QStringLiteral("d.txt"), "delta"},
+            {kCBin, pattern(60000, 3)}};
+}
+
+// Against build 1: a.bin, e.txt (new) and lib/c.bin change, in this manifest order.
+BuildFiles build2()
+{
+    return {{QStringLiteral("a.bin"), pattern(20000, 11)},
+            {QStringLiteral("b.bin"), pattern(5000, 2)},
+            {QStringLiteral("d.txt"), "delta"},
+            {QStringLiteral("e.txt"), "echo"},
+            {kCBin, pattern(60000, 13)}};
+}
+
+BuildFiles olderBuild()
+{
+    return {{QStringLiteral("a.bin"), pattern(20000, 21)},
+            {QStringLiteral("b.bin"), pattern(5000, 2)},
+            {QStringLiteral("d.txt"), "delta"},
+            {kCBin, pattern(60000, 23)}};
+}
+
+bool writeBytes(const QString& path, const QByteArray& bytes)
+{
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(bytes) == bytes.size();
+}
+
+QByteArray readBytes(const QString& path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+// relative path -> SHA-256 of every file of the installation but the log and the cache.
+QMap<QString, QString> snapshot(const QString& root)
+{
+    QMap<QString, QString> files;
+    const QDir dir(root);
+    QDirIterator it(root, QDir::Files | QDir::Hidden | QDir::System, QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        const QString rel = dir.relativeFilePath(it.next());
+        if (rel != QLatin1String("updater.log") && !rel.startsWith(QLatin1String(".update-cache/")))
+            files.insert(rel, sha256Hex(readBytes(it.filePath())));
+    }
+    return files;
+}
+
+QStringList entriesOf(const QString& dir)
+{
+    return QDir(dir).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
+}
+
+QString describeSnapshotChange(const QMap<QString, QString>& expected, const QMap<QString, QString>& actual)
+{
+    QStringList changes;
+    for (auto it = expected.cbegin(); it != expected.cend(); ++it) {
+        if (!actual.contains(it.key()))
+            changes.append(QStringLiteral("missing ") + it.key());
+        else if (actual.value(it.key()) != it.value())
+            changes.append(QStringLiteral("other content in ") + it.key());
+    }
+    for (auto it = actual.cbegin(); it != actual.cend(); ++it) {
+        if (!expected.contains(it.key()))
+            changes.append(QStringLiteral("unexpected ") + it.key());
+    }
+    return changes.join(QStringLiteral(", "));
+}
+
+} // namespace
+
+HostileBench::HostileBench() = default;
+HostileBench::~HostileBench() = default;
+
+bool HostileBench::start()
+{
+    if (!runtimeDir.isValid() || !published.isValid())
+        return false;
+    // Lock files live here (a private directory, as the platform convention wants).
+    qputenv("XDG_RUNTIME_DIR", QFile::encodeName(runtimeDir.path()));
+    otherKeyPath = QFile::encodeName(runtimeDir.filePath(QStringLiteral("other_private.pem")));
+    if (!generateKeyPair(QString::fromLocal8Bit(otherKeyPath), runtimeDir.filePath(QStringLiteral("other_public.pem"))))
+        return false;
+    server = std::make_unique<TestServer>(published.path());
+    return server->start();
+}
+
+QString HostileBench::url(const QString& path) const
+{
+    return server->url(QStringLiteral("b/") + path);
+}
+
+QStringList HostileBench::applyManifestFails(const QString& path) const
+{
+    const QString quoted = QLatin1Char('"') + url(path) + QLatin1Char('"');
+    const QString last = path.endsWith(QLatin1String(".sig")) ? QStringLiteral("[Update] tai .sig that bai -> chay ban hien tai")
+                                                              : QStringLiteral("[Update] tai manifest that bai -> chay ban hien tai");
+    return {QStringLiteral("[Update] GET loi ") + quoted + QStringLiteral(" \"*\""),
+            QStringLiteral("[Update] thu lai GET ") + quoted + QStringLiteral(" lan 2"),
+            QStringLiteral("[Update] GET loi ") + quoted + QStringLiteral(" \"*\""), last};
+}
+
+QStringList HostileBench::applyFileFails(const QString& path) const
+{
+    return {QStringLiteral("[Update] GET(file) loi \"%1\" \"*\"").arg(url(path)),
+            QStringLiteral("[Update] tai \"%1\" that bai -> huy, chay ban hien tai").arg(path)};
+}
+
+QStringList HostileBench::applyUpdated()
+{
+    return {QStringLiteral("[Update] dung 0 / 3 file tu kho tam"), QStringLiteral("[Update] CAP NHAT THANH CONG -> \"2.0\"")};
+}
+
+QStringList HostileBench::prefetchStart()
+{
+    return {QStringLiteral("[UpdatePrefetch] bat dau 2.0 - 3 file, 0 MB"),
+            QStringLiteral("[UpdatePrefetch] a.bin tai tu dau 19 KB"),
+            QStringLiteral("[UpdatePrefetch] a.bin xong ( 1 / 3 )"),
+            QStringLiteral("[UpdatePrefetch] e.txt tai tu dau 0 KB"),
+            QStringLiteral("[UpdatePrefetch] e.txt xong ( 2 / 3 )")};
+}
+
+QString HostileBench::prefetchFresh()
+{
+    return QStringLiteral("[UpdatePrefetch] lib/c.bin tai tu dau 58 KB");
+}
+
+QStringList HostileBench::prefetchDone()
+{
+    return {QStringLiteral("[UpdatePrefetch] lib/c.bin xong ( 3 / 3 )"),
+            QStringLiteral("[UpdatePrefetch] xong toan bo - 3 file ok, 0 bo lai cho updater")};
+}
+
+QString HostileBench::prefetchLeft()
+{
+    return QStringLiteral("[UpdatePrefetch] xong toan bo - 2 file ok, 1 bo lai cho updater");
+}
+
+bool HostileBench::publish(const HostileRow& row, QString* error)
+{
+    QDir(published.filePath(QStringLiteral("b"))).removeRecursively();
+    server->clearRules();
+
+    BuildFiles files = build2();
+    QByteArray manifest;
+    switch (row.publication) {
+    case Publication::OtherProduct:
+        manifest = makeManifestJson(QStringLiteral("2.0"), 11, files, QStringLiteral("Other"));
+        break;
+    case Publication::OtherArch:
+        manifest = makeManifestJson(QStringLiteral("2.0"), 11, files, QStringLiteral("Corvanta"), QStringLiteral("arm64"));
+        break;
+    case Publication::OlderBuild:
+        files = olderBuild();
+        manifest = makeManifestJson(QStringLiteral("0.9"), 9, files);
+        break;
+    case Publication::SameBuildOtherContent:
+        manifest = makeManifestJson(QStringLiteral("1.0-replay"), 10, files);
+        break;
+    case Publication::HostilePath: {
+        for (int i = 0; i < 30; ++i)
+            files.insert(QStringLiteral("fill/f%1.txt").arg(i, 2, 10, QLatin1Char('0')), QByteArray("fill ") + QByteArray::number(i));
+        QJsonObject root = QJsonDocument::fromJson(makeManifestJson(QStringLiteral("2.0"), 11, files)).object();
+        QJsonArray entries = root.value(QStringLiteral("files")).toArray();
+        entries.insert(entries.size() / 2, QJsonObject{{QStringLiteral("path"), row.hostilePath},
+                                                       {QStringLiteral("size"), 4},
+                                                       {QStringLiteral("sha256"), sha256Hex("evil")}});
+        root.insert(QStringLiteral("files"), entries);
+        manifest = QJsonDocument(root).toJson();
+        break;
+    }
+    default:
+        manifest = makeManifestJson(QStringLiteral("2.0"), 11, files);
+        break;
+    }
+    if (!publishBuild(published.path(), QStringLiteral("b"), files, manifest)) {
+        *error = QStringLiteral("cannot publish");
+        return false;
+    }
+
+    // A second copy of lib/c.bin that a redirect may point to.
+    const QString served = published.filePath(QStringLiteral("b/") + kCBin);
+    if (!QDir().mkpath(published.filePath(QStringLiteral("b/mirror")))
+        || !QFile::copy(served, published.filePath(QStringLiteral("b/mirror/c.bin")))) {
+        *error = QStringLiteral("cannot write the mirror");
+        return false;
+    }
+    const QString signature = published.filePath(QStringLiteral("b/manifest.json.sig"));
+    bool ok = true;
+    if (row.publication == Publication::ShortFile)
+        ok = writeBytes(served, files.value(kCBin).left(30000));
+    else if (row.publication == Publication::LongFile)
+        ok = writeBytes(served, files.value(kCBin) + pattern(20000, 99));
+    else if (row.publication == Publication::SignatureOfOtherManifest)
+        ok = writeBytes(signature, signWithKey(makeManifestJson(QStringLiteral("2.1"), 12, files)));
+    else if (row.publication == Publication::OtherKey)
+        ok = writeBytes(signature, signWithKey(manifest, QString::fromLocal8Bit(otherKeyPath)));
+    if (!ok) {
+        *error = QStringLiteral("cannot write the hostile variant");
+        return false;
+    }
+    if (!row.rulePath.isEmpty())
+        server->setRule(QStringLiteral("b/") + row.rulePath, row.rule);
+    return true;
+}
+
+HostileResult HostileBench::run(const HostileRow& row)
+{
+    HostileResult result;
+    QString error;
+    if (!publish(row, &error)) {
+        result.violations.append(error);
+        return result;
+    }
+
+    // The installation is the only entry of its temporary parent, which is also the updater's
+    // TMPDIR; HOME is an empty directory of its own.
+    QTemporaryDir sandbox;
+    QTemporaryDir home;
+    const QByteArray previousTmp = qgetenv("TMPDIR");
+    qputenv("TMPDIR", QFile::encodeName(sandbox.path()));
+    std::unique_ptr<TestInstall> install = std::make_unique<TestInstall>();
+    qputenv("TMPDIR", previousTmp);
+    if (previousTmp.isEmpty())
+        qunsetenv("TMPDIR");
+    if (!sandbox.isValid() || !home.isValid() || !install->isValid()
+        || !install->installBuild(build1(), makeManifestJson(QStringLiteral("1.0"), 10, build1()))
+        || !install->writeConfig(url(QStringLiteral("manifest.json")))) {
+        result.violations.append(QStringLiteral("cannot prepare the installation"));
+        return result;
+    }
+    if (row.seedPartBytes > 0
+        && !writeBytes(install->path(QStringLiteral(".update-cache/2.0/files/lib/c.bin.part")),
+                       build2().value(kCBin).left(int(row.seedPartBytes)))) {
+        result.violations.append(QStringLiteral("cannot seed the cache"));
+        return result;
+    }
+    const QMap<QString, QString> before = snapshot(install->dir());
+
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("TMPDIR"), sandbox.path());
+    env.insert(QStringLiteral("HOME"), home.path());
+    const QStringList args = row.mode == RunMode::Prefetch ? QStringList{QStringLiteral("--prefetch-only")} : QStringList();
+    const int code = install->run(args, 120000, env);
+    if (code != 0)
+        result.violations.append(QStringLiteral("exit code %1").arg(code));
+
+    const QString tag = row.mode == RunMode::Prefetch ? QStringLiteral("[UpdatePrefetch]") : QStringLiteral("[Update]");
+    for (const QString& line : install->logTexts()) {
+        if (line.startsWith(tag + QLatin1Char(' ')))
+            result.lines.append(line);
+    }
+
+    const QStringList outside = entriesOf(sandbox.path());
+    if (outside != QStringList{QFileInfo(install->dir()).fileName()})
+        result.violations.append(QStringLiteral("written outside the installation: ") + outside.join(QStringLiteral(", ")));
+    if (!entriesOf(home.path()).isEmpty())
+        result.violations.append(QStringLiteral("written into HOME: ") + entriesOf(home.path()).join(QStringLiteral(", ")));
+    if (install->exists(QStringLiteral(".staging")))
+        result.violations.append(QStringLiteral(".staging left behind"));
+
+    QMap<QString, QString> expected = before;
+    if (row.updates) {
+        const BuildFiles files = build2();
+        for (auto it = files.cbegin(); it != files.cend(); ++it)
+            expected.insert(it.key(), sha256Hex(it.value()));
+        expected.insert(QStringLiteral("manifest.json"),
+                        sha256Hex(readBytes(published.filePath(QStringLiteral("b/manifest.json")))));
+    }
+    const QMap<QString, QString> after = snapshot(install->dir());
+    if (after != expected)
+        result.violations.append(QStringLiteral("installation: ") + describeSnapshotChange(expected, after));
+
+    // The cache may only hold what the published build really contains.
+    const QString cacheFiles = install->path(QStringLiteral(".update-cache/2.0/files"));
+    const QDir cacheDir(cacheFiles);
+    const BuildFiles truth = build2();
+    QDirIterator it(cacheFiles, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        const QString rel = cacheDir.relativeFilePath(it.next());
+        const QByteArray content = readBytes(it.filePath());
+        const bool part = rel.endsWith(QLatin1String(".part"));
+        const QByteArray right = truth.value(part ? rel.chopped(5) : rel);
+        if (part ? !right.startsWith(content) : content != right)
+            result.violations.append(QStringLiteral("cache holds bad bytes in %1 (%2 bytes)").arg(rel).arg(content.size()));
+    }
+    return result;
+}
+
+bool linesMatch(const QStringList& expected, const QStringList& actual)
+{
+    if (expected.size() != actual.size())
+        return false;
+    for (int i = 0; i < expected.size(); ++i) {
+        QStringList pieces = expected.at(i).split(QLatin1Char('*'));
+        for (QString& piece : pieces)
+            piece = QRegularExpression::escape(piece);
+        const QRegularExpression pattern(QStringLiteral("\\A") + pieces.join(QStringLiteral(".*")) + QStringLiteral("\\z"),
+                                         QRegularExpression::DotMatchesEverythingOption);
+        if (!pattern.match(actual.at(i)).hasMatch())
+            return false;
+    }
+    return true;
+}
+
+QString describeLines(const QStringList& expected, const QStringList& actual)
+{
+    return QStringLiteral("\nexpected:\n  ") + expected.join(QStringLiteral("\n  ")) + QStringLiteral("\nactual:\n  ")
+        + actual.join(QStringLiteral("\n  "));
+}

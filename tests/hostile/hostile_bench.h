@@ -1,0 +1,84 @@
+#pragma once
+// Hostile servers and inputs against the real updater executable, in apply and in prefetch
+// mode. Each row publishes build 2.0 (or a hostile variant of it) for an installation of build
+// 1.0, tells the fault-injecting server how to misbehave, runs the updater once and reports
+// its log lines and every broken invariant:
+//  - the process ends normally with exit code 0;
+//  - the installation is unchanged unless the row expects the update to complete, in which
+//    case it is exactly build 2.0; no ".staging" is left;
+//  - the update cache holds only verified files and ".part" files that are prefixes of them;
+//  - nothing is written outside the installation: the temporary directory that holds it
+//    (also the updater's TMPDIR) contains nothing else afterwards, and HOME stays empty.
+#include "support/test_install.h"
+#include "support/test_server.h"
+
+#include <QMetaType>
+#include <QString>
+#include <QStringList>
+#include <QTemporaryDir>
+#include <memory>
+
+enum class RunMode { Apply, Prefetch };
+
+// What the server publishes at b/manifest.json, b/manifest.json.sig and b/<files>.
+enum class Publication {
+    Normal,                    // build 2.0 (number 11), signed with the trusted key
+    OtherProduct,              // "product": "Other"
+    OtherArch,                 // "arch": "arm64"
+    OlderBuild,                // a validly signed older build 0.9 (number 9) replayed
+    SameBuildOtherContent,     // build number 10 as installed, with other files ("1.0-replay")
+    SignatureOfOtherManifest,  // a valid signature, but of another manifest
+    OtherKey,                  // signed with a key the updater does not trust
+    HostilePath,               // 30 more good entries and one unsafe path among them
+    ShortFile,                 // lib/c.bin served shorter than the manifest says
+    LongFile,                  // lib/c.bin served longer than the manifest says
+};
+
+struct HostileRow {
+    RunMode mode = RunMode::Apply;
+    Publication publication = Publication::Normal;
+    QString hostilePath;       // for Publication::HostilePath
+    QString rulePath;          // path below b/ that misbehaves ("" for none)
+    TestServer::Rule rule;
+    qint64 seedPartBytes = 0;  // lib/c.bin.part of that many correct bytes in the cache first
+    QStringList expected;      // the run's own log lines ("[Update]" or "[UpdatePrefetch]"); "*" matches any text
+    bool updates = false;      // the installation must become build 2.0
+};
+Q_DECLARE_METATYPE(HostileRow)
+
+struct HostileResult {
+    QStringList lines;       // the run's own log lines
+    QStringList violations;  // broken invariants
+};
+
+class HostileBench {
+public:
+    HostileBench();
+    ~HostileBench();
+    bool start();
+
+    // "http://127.0.0.1:<port>/b/" + path
+    QString url(const QString& path) const;
+    HostileResult run(const HostileRow& row);
+
+    // Expected lines of common outcomes, for building rows.
+    QStringList applyManifestFails(const QString& path) const;  // path: manifest.json or manifest.json.sig
+    QStringList applyFileFails(const QString& path) const;
+    static QStringList applyUpdated();
+    static QStringList prefetchStart();  // up to lib/c.bin, which comes last
+    static QString prefetchFresh();      // "lib/c.bin tai tu dau 58 KB"
+    static QStringList prefetchDone();   // lib/c.bin finished and the run's summary
+    static QString prefetchLeft();       // the summary when lib/c.bin was given up
+
+private:
+    bool publish(const HostileRow& row, QString* error);
+
+    QTemporaryDir runtimeDir;
+    QTemporaryDir published;
+    std::unique_ptr<TestServer> server;
+    QByteArray otherKeyPath;
+};
+
+// True when every expected line matches its actual line ("*" stands for any text).
+bool linesMatch(const QStringList& expected, const QStringList& actual);
+QString describeLines(const QStringList& expected, const QStringList& actual);

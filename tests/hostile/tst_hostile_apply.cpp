@@ -1,0 +1,159 @@
+// The updater in apply mode against servers and manifests that misbehave: each row names the
+// fault, the log lines it must produce, and whether the update may complete.
+#include "hostile/hostile_bench.h"
+
+#include <QtTest>
+
+namespace {
+
+TestServer::Rule status(int code)
+{
+    TestServer::Rule rule;
+    rule.status = code;
+    return rule;
+}
+
+TestServer::Rule cutAfter(qint64 bytes)
+{
+    TestServer::Rule rule;
+    rule.closeAfterBytes = bytes;
+    return rule;
+}
+
+TestServer::Rule corrupt(int times)
+{
+    TestServer::Rule rule;
+    rule.corruptBody = true;
+    rule.times = times;
+    return rule;
+}
+
+TestServer::Rule redirect(const QString& to)
+{
+    TestServer::Rule rule;
+    rule.redirectTo = to;
+    return rule;
+}
+
+} // namespace
+
+class TestHostileApply : public QObject {
+    Q_OBJECT
+
+private slots:
+    void initTestCase() { QVERIFY(bench.start()); }
+    void fault_data();
+    void fault();
+
+private:
+    HostileBench bench;
+};
+
+void TestHostileApply::fault_data()
+{
+    QTest::addColumn<HostileRow>("row");
+    const QString manifest = QStringLiteral("manifest.json");
+    const QString sig = QStringLiteral("manifest.json.sig");
+    const QString file = QStringLiteral("lib/c.bin");
+    auto row = [](Publication publication, const QString& rulePath, const TestServer::Rule& rule, const QStringList& expected,
+                  bool updates = false) {
+        HostileRow r;
+        r.mode = RunMode::Apply;
+        r.publication = publication;
+        r.rulePath = rulePath;
+        r.rule = rule;
+        r.expected = expected;
+        r.updates = updates;
+        return r;
+    };
+    const QString rejectedSignature = QStringLiteral("[Update] CHU KY MANIFEST SAI -> KHONG ap, chay ban hien tai");
+
+    // HTTP errors and broken transfers of the two documents: two attempts, then no update.
+    QTest::newRow("manifest 404") << row(Publication::Normal, manifest, status(404), bench.applyManifestFails(manifest));
+    QTest::newRow("manifest 500") << row(Publication::Normal, manifest, status(500), bench.applyManifestFails(manifest));
+    QTest::newRow("manifest cut mid-body") << row(Publication::Normal, manifest, cutAfter(200), bench.applyManifestFails(manifest));
+    QTest::newRow("manifest redirect loop")
+        << row(Publication::Normal, manifest, redirect(QStringLiteral("b/manifest.json")), bench.applyManifestFails(manifest));
+    QTest::newRow("signature 403") << row(Publication::Normal, sig, status(403), bench.applyManifestFails(sig));
+    QTest::newRow("signature 503") << row(Publication::Normal, sig, status(503), bench.applyManifestFails(sig));
+    QTest::newRow("signature cut mid-body") << row(Publication::Normal, sig, cutAfter(20), bench.applyManifestFails(sig));
+    // A failed first attempt is retried once.
+    TestServer::Rule once = status(500);
+    once.times = 1;
+    QTest::newRow("manifest 500 once")
+        << row(Publication::Normal, manifest, once,
+               QStringList{bench.applyManifestFails(manifest).at(0), bench.applyManifestFails(manifest).at(1)} + HostileBench::applyUpdated(),
+               true);
+
+    // Wrong bytes where the signature protects them.
+    QTest::newRow("manifest wrong bytes") << row(Publication::Normal, manifest, corrupt(-1), QStringList{rejectedSignature});
+    QTest::newRow("signature wrong bytes") << row(Publication::Normal, sig, corrupt(-1), QStringList{rejectedSignature});
+    QTest::newRow("signature of another manifest")
+        << row(Publication::SignatureOfOtherManifest, QString(), {}, QStringList{rejectedSignature});
+    QTest::newRow("signed with an untrusted key") << row(Publication::OtherKey, QString(), {}, QStringList{rejectedSignature});
+
+    // Signed manifests that must still not be acted on.
+    QTest::newRow("other product")
+        << row(Publication::OtherProduct, QString(), {},
+               {QStringLiteral("[Update] MANIFEST KHONG DANH CHO BAN NAY: product=Other (can Corvanta) -> KHONG ap, chay ban hien tai")});
+    QTest::newRow("other architecture")
+        << row(Publication::OtherArch, QString(), {},
+               {QStringLiteral("[Update] MANIFEST KHONG DANH CHO BAN NAY: arch=arm64 (can x64) -> KHONG ap, chay ban hien tai")});
+    QTest::newRow("older build replayed")
+        << row(Publication::OlderBuild, QString(), {}, {QStringLiteral("[Update] da moi nhat: \"0.9\"")});
+    QTest::newRow("installed build number replayed with other files")
+        << row(Publication::SameBuildOtherContent, QString(), {}, {QStringLiteral("[Update] da moi nhat: \"1.0-replay\"")});
+    for (const char* path : {"../escape.txt", "lib/../../escape.txt", "..\\escape.txt", "/tmp/escape.txt", "C:/escape.txt",
+                             "lib/./c.bin", "x:stream"}) {
+        HostileRow hostile = row(Publication::HostilePath, QString(), {}, {QStringLiteral("[Update] manifest hong")});
+        hostile.hostilePath = QString::fromLatin1(path);
+        QTest::newRow(qPrintable(QStringLiteral("one hostile path among 36: ") + hostile.hostilePath)) << hostile;
+    }
+
+    // The files: any failed transfer gives the update up before anything is replaced.
+    QTest::newRow("file 404") << row(Publication::Normal, file, status(404), bench.applyFileFails(file));
+    QTest::newRow("file 500") << row(Publication::Normal, file, status(500), bench.applyFileFails(file));
+    QTest::newRow("file cut mid-body") << row(Publication::Normal, file, cutAfter(5000), bench.applyFileFails(file));
+    QTest::newRow("file redirect loop")
+        << row(Publication::Normal, file, redirect(QStringLiteral("b/lib/c.bin")), bench.applyFileFails(file));
+    QTest::newRow("file wrong bytes")
+        << row(Publication::Normal, file, corrupt(-1),
+               {QStringLiteral("[Update] hash lech \"lib/c.bin\" -> bo phan da co, tai lai tu dau"),
+                QStringLiteral("[Update] hash van lech \"lib/c.bin\" -> huy")});
+    QTest::newRow("file wrong bytes once")
+        << row(Publication::Normal, file, corrupt(1),
+               QStringList{QStringLiteral("[Update] hash lech \"lib/c.bin\" -> bo phan da co, tai lai tu dau")}
+                   + HostileBench::applyUpdated(),
+               true);
+    QTest::newRow("file shorter than its manifest entry")
+        << row(Publication::ShortFile, QString(), {},
+               {QStringLiteral("[Update] hash lech \"lib/c.bin\" -> bo phan da co, tai lai tu dau"),
+                QStringLiteral("[Update] hash van lech \"lib/c.bin\" -> huy")});
+    TestServer::Rule noRange;
+    noRange.partialWithoutRange = true;
+    QTest::newRow("file 206 without a range") << row(Publication::Normal, file, noRange, HostileBench::applyUpdated(), true);
+    QTest::newRow("file redirected once to a mirror")
+        << row(Publication::Normal, file, redirect(QStringLiteral("b/mirror/c.bin")), HostileBench::applyUpdated(), true);
+
+    // A resume from the cache that the server answers with the whole file: rewritten from 0.
+    TestServer::Rule ignoreRange;
+    ignoreRange.ignoreRange = true;
+    HostileRow resumed = row(Publication::Normal, file, ignoreRange,
+                             QStringList{QStringLiteral("[Update] \"lib/c.bin\" noi tiep tu kho tam: 1000 byte"),
+                                         QStringLiteral("[Update] dung 0 / 3 file tu kho tam"),
+                                         QStringLiteral("[Update] CAP NHAT THANH CONG -> \"2.0\"")},
+                             true);
+    resumed.seedPartBytes = 1000;
+    QTest::newRow("file 200 for a range") << resumed;
+}
+
+void TestHostileApply::fault()
+{
+    QFETCH(HostileRow, row);
+    const HostileResult result = bench.run(row);
+    QVERIFY2(result.violations.isEmpty(), qPrintable(result.violations.join(QLatin1Char('\n'))));
+    QVERIFY2(linesMatch(row.expected, result.lines), qPrintable(describeLines(row.expected, result.lines)));
+}
+
+QTEST_GUILESS_MAIN(TestHostileApply)
+#include "tst_hostile_apply.moc"
