@@ -1,6 +1,8 @@
 #include "app/file_log.h"
 #include "app/installation_dir.h"
 
+#include "support/test_files.h"
+
 #include <QDateTime>
 #include <QDir>
 #include <QFile>
@@ -33,18 +35,6 @@ QtMessageHandler currentHandler()
     QtMessageHandler current = qInstallMessageHandler(nullptr);
     qInstallMessageHandler(current);
     return current;
-}
-
-QByteArray readAll(const QString& path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-bool writeAll(const QString& path, const QByteArray& bytes)
-{
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size();
 }
 
 // Splits a log line into timestamp, level and tag, and checks the fixed punctuation.
@@ -147,7 +137,7 @@ void TestFileLog::lineFormat()
     const QDateTime after = QDateTime::currentDateTime();
     shutdownFileLog();
 
-    const QByteArray bytes = readAll(logPath());
+    const QByteArray bytes = readFile(logPath());
     QVERIFY(bytes.endsWith('\n'));
     QVERIFY(!bytes.contains('\r'));
     QCOMPARE(bytes.count('\n'), 1);
@@ -182,7 +172,7 @@ void TestFileLog::textKeptAsGiven()
     qInfo().noquote() << text;
     shutdownFileLog();
 
-    const QByteArray bytes = readAll(logPath());
+    const QByteArray bytes = readFile(logPath());
     // The text follows "] [apply] " as UTF-8, and exactly one LF ends the line.
     QVERIFY2(bytes.endsWith("] [apply] " + text.toUtf8() + '\n'), bytes.constData());
     QCOMPARE(bytes.count('\n'), text.count(QLatin1Char('\n')) + 1);
@@ -191,7 +181,7 @@ void TestFileLog::textKeptAsGiven()
 void TestFileLog::appendsToEarlierRuns()
 {
     const QByteArray earlier("2020-01-01 00:00:00.000 [I] [prefetch] luot truoc\n");
-    QVERIFY(writeAll(logPath(), earlier));
+    QVERIFY(writeFile(logPath(), earlier));
 
     installFileLog(QStringLiteral("apply"));
     qInfo() << "[Update] luot nay";
@@ -200,7 +190,7 @@ void TestFileLog::appendsToEarlierRuns()
     qWarning() << "[UpdatePrefetch] luot sau";
     shutdownFileLog();
 
-    const QByteArray bytes = readAll(logPath());
+    const QByteArray bytes = readFile(logPath());
     QVERIFY(bytes.startsWith(earlier));
     const QList<QByteArray> lines = bytes.mid(earlier.size()).split('\n');
     QCOMPARE(lines.size(), 3);
@@ -214,9 +204,9 @@ void TestFileLog::eachLineReachesDiskAtOnce()
     installFileLog(QStringLiteral("apply"));
     qInfo() << "[Update] mot";
     // Read by another handle while the log is still open, as after a crash.
-    QVERIFY(readAll(logPath()).endsWith("] [apply] [Update] mot\n"));
+    QVERIFY(readFile(logPath()).endsWith("] [apply] [Update] mot\n"));
     qInfo() << "[Update] hai";
-    QVERIFY(readAll(logPath()).endsWith("] [apply] [Update] hai\n"));
+    QVERIFY(readFile(logPath()).endsWith("] [apply] [Update] hai\n"));
 }
 
 void TestFileLog::sizeCap_data()
@@ -239,14 +229,14 @@ void TestFileLog::sizeCap()
     QFETCH(bool, notice);
 
     const QByteArray filler = initialSize > 0 ? QByteArray(initialSize - 1, 'x') + '\n' : QByteArray();
-    QVERIFY(writeAll(logPath(), filler));
+    QVERIFY(writeFile(logPath(), filler));
 
     installFileLog(QStringLiteral("apply"));
     for (int i = 0; i < messages; ++i)
         qInfo() << "[Update] dong" << i;
     shutdownFileLog();
 
-    const QByteArray bytes = readAll(logPath());
+    const QByteArray bytes = readFile(logPath());
     QVERIFY(bytes.startsWith(filler));
     QByteArray rest = bytes.mid(filler.size());
     if (notice) {
@@ -264,14 +254,14 @@ void TestFileLog::sizeCap()
 void TestFileLog::oneCapNoticePerRun()
 {
     const QByteArray filler(262144, 'x');
-    QVERIFY(writeAll(logPath(), filler));
+    QVERIFY(writeFile(logPath(), filler));
     for (int run = 0; run < 2; ++run) {
         installFileLog(run == 0 ? QStringLiteral("apply") : QStringLiteral("prefetch"));
         qInfo() << "[Update] a";
         qWarning() << "[Update] b";
         shutdownFileLog();
     }
-    QCOMPARE(readAll(logPath()), filler + kCapNotice + kCapNotice);
+    QCOMPARE(readFile(logPath()), filler + kCapNotice + kCapNotice);
 }
 
 void TestFileLog::chainsAndRestoresPreviousHandler()
@@ -284,7 +274,7 @@ void TestFileLog::chainsAndRestoresPreviousHandler()
 
     qInfo() << "[Update] sau";
     QCOMPARE(recorded, (QStringList{QStringLiteral("[Update] trong"), QStringLiteral("[Update] sau")}));
-    QVERIFY(!readAll(logPath()).contains("sau"));
+    QVERIFY(!readFile(logPath()).contains("sau"));
 }
 
 void TestFileLog::secondInstallChangesNothing()
@@ -296,7 +286,7 @@ void TestFileLog::secondInstallChangesNothing()
     qInfo() << "[Update] x";
     shutdownFileLog();
 
-    QVERIFY(readAll(logPath()).endsWith(" [I] [apply] [Update] x\n"));
+    QVERIFY(readFile(logPath()).endsWith(" [I] [apply] [Update] x\n"));
     QVERIFY(!QFile::exists(QDir(other.path()).filePath(QStringLiteral("updater.log"))));
     // One shutdown undid the one install.
     QVERIFY(currentHandler() == &recordingHandler);
@@ -318,7 +308,7 @@ void TestFileLog::unopenableFileKeepsDefaultOutput()
     installFileLog(QStringLiteral("prefetch"));
     qInfo() << "[Update] lan sau";
     shutdownFileLog();
-    QVERIFY(readAll(QDir(usable.path()).filePath(QStringLiteral("updater.log")))
+    QVERIFY(readFile(QDir(usable.path()).filePath(QStringLiteral("updater.log")))
                 .endsWith(" [I] [prefetch] [Update] lan sau\n"));
 }
 
@@ -346,7 +336,7 @@ void TestFileLog::threadsNeverInterleave()
         QVERIFY(thread->wait(30000));
     shutdownFileLog();
 
-    QList<QByteArray> lines = readAll(logPath()).split('\n');
+    QList<QByteArray> lines = readFile(logPath()).split('\n');
     QVERIFY(lines.takeLast().isEmpty());
     QCOMPARE(lines.size(), kThreads * kPerThread);
     QSet<QString> seen;

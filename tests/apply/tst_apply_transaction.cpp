@@ -1,10 +1,10 @@
 #include "apply/apply_transaction.h"
-#include "log_capture.h"
 #include "platform/file_replace.h"
+#include "support/log_capture.h"
+#include "support/test_files.h"
 #include "update/update_session.h"
 
 #include <QDir>
-#include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
 #include <QTemporaryDir>
@@ -16,33 +16,9 @@ namespace {
 
 const QByteArray kMissing("<missing>");
 
-bool writeFile(const QString& path, const QByteArray& bytes)
-{
-    QDir().mkpath(QFileInfo(path).path());
-    QFile f(path);
-    return f.open(QIODevice::WriteOnly | QIODevice::Truncate) && f.write(bytes) == bytes.size();
-}
-
-QByteArray readFile(const QString& path)
-{
-    QFile f(path);
-    return f.open(QIODevice::ReadOnly) ? f.readAll() : kMissing;
-}
-
 std::string native(const QString& path)
 {
     return QDir::toNativeSeparators(path).toStdString();
-}
-
-// Relative paths of every file below dir, sorted.
-QStringList filesBelow(const QString& dir)
-{
-    QStringList files;
-    QDirIterator it(dir, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
-    while (it.hasNext())
-        files.append(QDir(dir).relativeFilePath(it.next()));
-    files.sort();
-    return files;
 }
 
 } // namespace
@@ -109,9 +85,9 @@ void ApplyTransactionTest::everyFilePlaced()
     LogCapture capture;
     QVERIFY(applyStagedFiles(*session, staged));
     QCOMPARE(capture.lines(), QStringList());
-    QCOMPARE(readFile(installed("a.dll")), QByteArray("new a"));
-    QCOMPARE(readFile(installed("data/b.pak")), QByteArray("new b"));
-    QCOMPARE(readFile(installed("plugins/new/c.dll")), QByteArray("new c"));
+    QCOMPARE(readFile(installed("a.dll"), kMissing), QByteArray("new a"));
+    QCOMPARE(readFile(installed("data/b.pak"), kMissing), QByteArray("new b"));
+    QCOMPARE(readFile(installed("plugins/new/c.dll"), kMissing), QByteArray("new c"));
     // Backups are gone and the staging directory is empty of files.
     QCOMPARE(filesBelow(dir->path()),
              (QStringList{"Updater.exe", "a.dll", "data/b.pak", "plugins/new/c.dll"}));
@@ -143,10 +119,10 @@ void ApplyTransactionTest::updaterItself()
     QCOMPARE(capture.lines(), QStringList());
     QCOMPARE(filesBelow(dir->path()), filesAfter);
     if (ordinary) {
-        QCOMPARE(readFile(installed(relPath)), QByteArray("next updater"));
+        QCOMPARE(readFile(installed(relPath), kMissing), QByteArray("next updater"));
     } else {
-        QCOMPARE(readFile(installed("Updater.exe")), QByteArray("running updater"));
-        QCOMPARE(readFile(installed(relPath + ".new")), QByteArray("next updater"));
+        QCOMPARE(readFile(installed("Updater.exe"), kMissing), QByteArray("running updater"));
+        QCOMPARE(readFile(installed(relPath + ".new"), kMissing), QByteArray("next updater"));
     }
 }
 
@@ -159,8 +135,8 @@ void ApplyTransactionTest::updaterItselfFailingIsNoFailure()
     LogCapture capture;
     QVERIFY(applyStagedFiles(*session, {self, stage("a.dll", "new a")}));
     QCOMPARE(capture.lines(), QStringList{"W [Update] ghi \"Updater.exe.new\" that bai (bo qua self-update)"});
-    QCOMPARE(readFile(installed("a.dll")), QByteArray("new a"));
-    QCOMPARE(readFile(installed("Updater.exe")), QByteArray("running updater"));
+    QCOMPARE(readFile(installed("a.dll"), kMissing), QByteArray("new a"));
+    QCOMPARE(readFile(installed("Updater.exe"), kMissing), QByteArray("running updater"));
     QVERIFY(!QFileInfo::exists(installed("updater.exe.new")));
 }
 
@@ -209,14 +185,14 @@ void ApplyTransactionTest::failureRollsBack()
     QCOMPARE(capture.lines(), log);
     // The first file is back from its backup, the added second one deleted (its directory
     // stays), the third unchanged, the fourth and fifth never touched.
-    QCOMPARE(readFile(installed("a.dll")), QByteArray("old a"));
+    QCOMPARE(readFile(installed("a.dll"), kMissing), QByteArray("old a"));
     QVERIFY(!QFileInfo::exists(installed("sub/b.dll")));
     QVERIFY(QFileInfo(installed("sub")).isDir());
-    QCOMPARE(readFile(installed(thirdPath)), thirdInstalled ? QByteArray("old c") : kMissing);
-    QCOMPARE(readFile(installed("d.dll")), QByteArray("old d"));
+    QCOMPARE(readFile(installed(thirdPath), kMissing), thirdInstalled ? QByteArray("old c") : kMissing);
+    QCOMPARE(readFile(installed("d.dll"), kMissing), QByteArray("old d"));
     QVERIFY(!QFileInfo::exists(installed("e.dll")));
     for (int i = 2; i < 5; ++i)
-        QCOMPARE(readFile(staged[i].stagedPath), QByteArray("new ") + "cde"[i - 2]);
+        QCOMPARE(readFile(staged[i].stagedPath, kMissing), QByteArray("new ") + "cde"[i - 2]);
     QCOMPARE(filesBelow(dir->path()).filter(QStringLiteral(".bak")), QStringList());
 }
 
@@ -229,9 +205,9 @@ void ApplyTransactionTest::rollbackGoesOnAfterAFailedRestore()
     corv::platform::injectFileFailure(FileCall::MoveFile, native(installed("a.dll.bak")), 32);
 
     QVERIFY(!applyStagedFiles(*session, staged));
-    QCOMPARE(readFile(installed("a.dll")), QByteArray("new a"));
-    QCOMPARE(readFile(installed("a.dll.bak")), QByteArray("old a"));
-    QCOMPARE(readFile(installed("b.dll")), QByteArray("old b"));
+    QCOMPARE(readFile(installed("a.dll"), kMissing), QByteArray("new a"));
+    QCOMPARE(readFile(installed("a.dll.bak"), kMissing), QByteArray("old a"));
+    QCOMPARE(readFile(installed("b.dll"), kMissing), QByteArray("old b"));
     QVERIFY(!QFileInfo::exists(installed("b.dll.bak")));
 }
 
@@ -246,8 +222,8 @@ void ApplyTransactionTest::rollbackRunsFirstToLast()
 
     QVERIFY(!applyStagedFiles(*session, staged));
     // First (x.bak -> x), then second (x.bak.bak -> x.bak); last to first would give "old x".
-    QCOMPARE(readFile(installed("x")), QByteArray("new x.bak"));
-    QCOMPARE(readFile(installed("x.bak")), QByteArray("old x"));
+    QCOMPARE(readFile(installed("x"), kMissing), QByteArray("new x.bak"));
+    QCOMPARE(readFile(installed("x.bak"), kMissing), QByteArray("old x"));
     QVERIFY(!QFileInfo::exists(installed("x.bak.bak")));
 }
 
@@ -274,8 +250,8 @@ void ApplyTransactionTest::hostilePathNeverLeavesTheInstallation()
                                            "W [Update] ap that bai -> ROLLBACK"}));
     QVERIFY(!QFileInfo::exists(parentDir + QStringLiteral("/escaped.dll")));
     QVERIFY(!QFileInfo::exists(QStringLiteral("/escaped.dll")));
-    QCOMPARE(readFile(installed("a.dll")), QByteArray("old a"));
-    QCOMPARE(readFile(hostile.stagedPath), QByteArray("payload"));
+    QCOMPARE(readFile(installed("a.dll"), kMissing), QByteArray("old a"));
+    QCOMPARE(readFile(hostile.stagedPath, kMissing), QByteArray("payload"));
 }
 
 void ApplyTransactionTest::installedManifest()
@@ -284,7 +260,7 @@ void ApplyTransactionTest::installedManifest()
     QVERIFY(writeFile(path, QByteArray(5000, 'o')));
     const QByteArray bytes("{\"fullVersion\": \"5.1\",\r\n \"files\": []}\n");
     writeInstalledManifest(*session, bytes);
-    QCOMPARE(readFile(path), bytes);
+    QCOMPARE(readFile(path, kMissing), bytes);
 
     // A directory in its place: nothing written, nothing thrown.
     QVERIFY(QFile::remove(path));

@@ -1,9 +1,9 @@
 #include "apply/file_replacement.h"
-#include "log_capture.h"
 #include "platform/file_replace.h"
+#include "support/log_capture.h"
+#include "support/test_files.h"
 
 #include <QDir>
-#include <QFile>
 #include <QFileInfo>
 #include <QTemporaryDir>
 #include <QtTest>
@@ -17,18 +17,6 @@ using Faults = QList<QPair<int, unsigned long>>;
 namespace {
 
 const QByteArray kMissing("<missing>");
-
-bool writeFile(const QString& path, const QByteArray& bytes)
-{
-    QFile f(path);
-    return f.open(QIODevice::WriteOnly | QIODevice::Truncate) && f.write(bytes) == bytes.size();
-}
-
-QByteArray readFile(const QString& path)
-{
-    QFile f(path);
-    return f.open(QIODevice::ReadOnly) ? f.readAll() : kMissing;
-}
 
 std::string native(const QString& path)
 {
@@ -118,9 +106,9 @@ void FileReplacementTest::replace()
     LogCapture capture;
     QCOMPARE(replaceInstalledFile(staged, target, backup), result);
     QCOMPARE(capture.lines(), log);
-    QCOMPARE(readFile(target), targetAfter);
-    QCOMPARE(readFile(backup), backupAfter);
-    QCOMPARE(readFile(staged), stagedAfter);
+    QCOMPARE(readFile(target, kMissing), targetAfter);
+    QCOMPARE(readFile(backup, kMissing), backupAfter);
+    QCOMPARE(readFile(staged, kMissing), stagedAfter);
 }
 
 QTEST_GUILESS_MAIN(FileReplacementTest)

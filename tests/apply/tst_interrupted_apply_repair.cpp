@@ -1,6 +1,7 @@
 #include "apply/interrupted_apply_repair.h"
-#include "log_capture.h"
 #include "platform/file_replace.h"
+#include "support/log_capture.h"
+#include "support/test_files.h"
 #include "update/update_session.h"
 
 #include <QDir>
@@ -13,13 +14,6 @@
 namespace {
 
 using Files = QMap<QString, QByteArray>;  // relative path -> content
-
-bool writeFile(const QString& path, const QByteArray& bytes)
-{
-    QDir().mkpath(QFileInfo(path).path());
-    QFile f(path);
-    return f.open(QIODevice::WriteOnly | QIODevice::Truncate) && f.write(bytes) == bytes.size();
-}
 
 // Every file below dir, hidden ones included, links not followed.
 Files snapshot(const QString& dir)

@@ -1,44 +1,20 @@
 #include "app/installation_dir.h"
 #include "apply/staging_download.h"
 #include "apply/update_cache.h"
-#include "log_capture.h"
+#include "support/log_capture.h"
+#include "support/test_files.h"
 #include "support/test_install.h"
 #include "support/test_server.h"
 #include "update/update_session.h"
 
-#include <QDir>
-#include <QDirIterator>
-#include <QFile>
 #include <QFileInfo>
 #include <QTemporaryDir>
 #include <QtTest>
 
 namespace {
 
+const QByteArray kMissing("<missing>");
 const QString kVersion = QStringLiteral("5.2.0 (rc)");
-
-bool writeFile(const QString& path, const QByteArray& bytes)
-{
-    QDir().mkpath(QFileInfo(path).path());
-    QFile f(path);
-    return f.open(QIODevice::WriteOnly | QIODevice::Truncate) && f.write(bytes) == bytes.size();
-}
-
-QByteArray readFile(const QString& path)
-{
-    QFile f(path);
-    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray("<missing>");
-}
-
-QStringList filesBelow(const QString& dir)
-{
-    QStringList files;
-    QDirIterator it(dir, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
-    while (it.hasNext())
-        files.append(QDir(dir).relativeFilePath(it.next()));
-    files.sort();
-    return files;
-}
 
 // Bytes that differ from position to position, so a resume from the wrong offset shows.
 QByteArray patterned(int size, char seed)
@@ -151,7 +127,7 @@ void StagingDownloadTest::finishedCacheFilesCounted()
     for (int i = 0; i < 5; ++i) {
         QCOMPARE(staged[i].relPath, changed[i].path);
         QCOMPARE(staged[i].stagedPath, staging() + QLatin1Char('/') + changed[i].path);
-        QCOMPARE(sha256Hex(readFile(staged[i].stagedPath)), changed[i].sha256);
+        QCOMPARE(sha256Hex(readFile(staged[i].stagedPath, kMissing)), changed[i].sha256);
     }
     QStringList requested;
     for (const TestServer::Request& request : server->requests())
@@ -176,7 +152,7 @@ void StagingDownloadTest::failedCacheCopyFallsThroughToDownload()
     QCOMPARE(stagingLines(capture), (QStringList{"W [Update] khong chep duoc tu kho tam \"d\" -> tai lai",
                                                  "W [Update] tai \"d\" that bai -> huy, chay ban hien tai"}));
     QCOMPARE(server->requestsFor(QStringLiteral("b/d")).size(), 1);
-    QCOMPARE(readFile(cached(QStringLiteral("d"))), d);
+    QCOMPARE(readFile(cached(QStringLiteral("d")), kMissing), d);
 }
 
 void StagingDownloadTest::partialFile_data()
@@ -242,13 +218,13 @@ void StagingDownloadTest::partialFile()
     QVERIFY(run({entry}, staged));
     QCOMPARE(capture.lines(), log);
     QCOMPARE(staged.size(), 1);
-    QCOMPARE(readFile(staged[0].stagedPath), content);
+    QCOMPARE(readFile(staged[0].stagedPath, kMissing), content);
     QStringList sent;
     for (const TestServer::Request& request : server->requestsFor(urlPath))
         sent.append(QString::fromLatin1(request.headers.value("range")));
     QCOMPARE(sent, ranges);
     // The partial file is copied, never completed in place.
-    QCOMPARE(readFile(partPath), partKept ? partContent : QByteArray("<missing>"));
+    QCOMPARE(readFile(partPath, kMissing), partKept ? partContent : kMissing);
 }
 
 void StagingDownloadTest::resumeFailureStartsOver()
@@ -269,7 +245,7 @@ void StagingDownloadTest::resumeFailureStartsOver()
              (QStringList{"I [Update] \"lib/r.dll\" noi tiep tu kho tam: 1000 byte",
                           "W [Update] tai tiep \"lib/r.dll\" that bai -> thu lai tu dau",
                           "I [Update] dung 0 / 1 file tu kho tam"}));
-    QCOMPARE(readFile(staged[0].stagedPath), content);
+    QCOMPARE(readFile(staged[0].stagedPath, kMissing), content);
     QCOMPARE(server->requestsFor(urlPath).size(), 2);
     QCOMPARE(server->requestsFor(urlPath).at(1).headers.value("range"), QByteArray());
 }
@@ -304,7 +280,7 @@ void StagingDownloadTest::mismatchTwiceGivesUp()
     QVERIFY(run({entryFor(QStringLiteral("sub/x.dll"), content)}, staged));
     QCOMPARE(capture.lines(), (QStringList{"W [Update] hash lech \"sub/x.dll\" -> bo phan da co, tai lai tu dau",
                                            "I [Update] dung 0 / 1 file tu kho tam"}));
-    QCOMPARE(readFile(staged[0].stagedPath), content);
+    QCOMPARE(readFile(staged[0].stagedPath, kMissing), content);
 }
 
 void StagingDownloadTest::downloadFailureDeletesStaging()
@@ -321,7 +297,7 @@ void StagingDownloadTest::downloadFailureDeletesStaging()
     QCOMPARE(stagingLines(capture), QStringList{"W [Update] tai \"b.dll\" that bai -> huy, chay ban hien tai"});
     QVERIFY(!QFileInfo::exists(staging()));
     QCOMPARE(server->requestsFor(QStringLiteral("b/c.dll")).size(), 0);
-    QCOMPARE(readFile(cachePartPath(kVersion, QStringLiteral("c.dll"))), QByteArray("kept"));
+    QCOMPARE(readFile(cachePartPath(kVersion, QStringLiteral("c.dll")), kMissing), QByteArray("kept"));
 }
 
 void StagingDownloadTest::leftoverStagingEmptiedFirst()

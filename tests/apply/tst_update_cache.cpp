@@ -1,6 +1,7 @@
 #include "app/installation_dir.h"
 #include "apply/update_cache.h"
 #include "platform/file_replace.h"
+#include "support/test_files.h"
 #include "support/test_install.h"
 
 #include <QDir>
@@ -13,19 +14,6 @@
 #include <QtTest>
 
 namespace {
-
-bool writeFile(const QString& path, const QByteArray& bytes)
-{
-    QDir().mkpath(QFileInfo(path).path());
-    QFile f(path);
-    return f.open(QIODevice::WriteOnly | QIODevice::Truncate) && f.write(bytes) == bytes.size();
-}
-
-QByteArray readFile(const QString& path)
-{
-    QFile f(path);
-    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
-}
 
 QStringList entries(const QString& dir)
 {

@@ -1,4 +1,5 @@
 #include "support/nginx_server.h"
+#include "support/test_files.h"
 #include "support/test_install.h"
 #include "support/test_signing.h"
 #include "tools/publish_tool.h"
@@ -88,7 +89,7 @@ void TestNginxUpdate::initTestCase()
 {
     qputenv("XDG_RUNTIME_DIR", locks.path().toUtf8());
     QVERIFY2(!NginxServer::executable().isEmpty(), "nginx is not installed (Debian package nginx-light)");
-    if (QByteArray(kEmbeddedPublicKeyPem) != readFileAt(QStringLiteral(CORV_SOURCE_DIR "/keys/dev_public.pem")))
+    if (QByteArray(kEmbeddedPublicKeyPem) != readFile(QStringLiteral(CORV_SOURCE_DIR "/keys/dev_public.pem")))
         QSKIP("the updater is built with another key than the development key these builds are signed with");
     QVERIFY(generateKeyPair(keys.filePath(QStringLiteral("other.pem")), keys.filePath(QStringLiteral("other.pub"))));
 }
@@ -103,7 +104,7 @@ void TestNginxUpdate::init()
 
     // The vendor's sequence: build 1 was published and installed, build 2 is published over it.
     QVERIFY(publish(build1(), kVersion1, 1, devPrivateKeyPath()));
-    manifest1 = readFileAt(served + QStringLiteral("/manifest.json"));
+    manifest1 = readFile(served + QStringLiteral("/manifest.json"));
     installBuild1();
 }
 
@@ -119,7 +120,7 @@ bool TestNginxUpdate::publish(const BuildFiles& files, const QString& version, i
     const QString input = work->filePath(QStringLiteral("build-") + version);
     QDir(input).removeRecursively();
     for (auto it = files.cbegin(); it != files.cend(); ++it) {
-        if (!writeFileAt(input + QLatin1Char('/') + it.key(), it.value()))
+        if (!writeFile(input + QLatin1Char('/') + it.key(), it.value()))
             return false;
     }
     const ToolRun run = runPublishTool({QStringLiteral("build"), QStringLiteral("--input"), input, QStringLiteral("--out"),
@@ -146,7 +147,7 @@ void TestNginxUpdate::verifyInstalledBuild2()
     QCOMPARE(install->allFiles(), all);  // nothing left in .staging, no .bak, no cache
     for (auto it = expected.cbegin(); it != expected.cend(); ++it)
         QVERIFY2(install->readFile(it.key()) == it.value(), qPrintable(it.key()));
-    QCOMPARE(install->readFile(QStringLiteral("manifest.json")), readFileAt(served + QStringLiteral("/manifest.json")));
+    QCOMPARE(install->readFile(QStringLiteral("manifest.json")), readFile(served + QStringLiteral("/manifest.json")));
     QVERIFY(!install->exists(QStringLiteral(".staging")));
 }
 

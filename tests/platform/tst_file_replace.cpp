@@ -1,7 +1,8 @@
 #include "platform/file_replace.h"
 
+#include "support/test_files.h"
+
 #include <QDir>
-#include <QFile>
 #include <QFileInfo>
 #include <QTemporaryDir>
 #include <QtTest>
@@ -13,17 +14,7 @@ using namespace corv::platform;
 
 namespace {
 
-bool writeFile(const QString& path, const QByteArray& bytes)
-{
-    QFile f(path);
-    return f.open(QIODevice::WriteOnly | QIODevice::Truncate) && f.write(bytes) == bytes.size();
-}
-
-QByteArray readFile(const QString& path)
-{
-    QFile f(path);
-    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray("<missing>");
-}
+const QByteArray kMissing("<missing>");
 
 std::string utf8(const QString& path)
 {
@@ -77,8 +68,8 @@ void FileReplaceTest::replaceKeepsOldContentAsBackup()
         QCOMPARE(::link(utf8(target).c_str(), utf8(backup).c_str()), 0);
 
     QVERIFY(replaceFile(utf8(target), utf8(replacement), utf8(backup)));
-    QCOMPARE(readFile(target), QByteArray("new content"));
-    QCOMPARE(readFile(backup), QByteArray("old"));
+    QCOMPARE(readFile(target, kMissing), QByteArray("new content"));
+    QCOMPARE(readFile(backup, kMissing), QByteArray("old"));
     QVERIFY(!QFileInfo::exists(replacement));
     // Nothing else is left behind in the directory.
     QCOMPARE(QDir(dir.path()).entryList(QDir::Files | QDir::Hidden).size(), 2);
@@ -127,8 +118,8 @@ void FileReplaceTest::replaceFailures()
 
     QVERIFY(!replaceFile(utf8(dir.filePath(target)), utf8(dir.filePath(replacement)), utf8(dir.filePath(backup))));
     QCOMPARE(qulonglong(lastError()), error);
-    QCOMPARE(readFile(dir.filePath(QStringLiteral("installed"))), QByteArray("old"));
-    QCOMPARE(readFile(dir.filePath(QStringLiteral("staged"))), QByteArray("new"));
+    QCOMPARE(readFile(dir.filePath(QStringLiteral("installed")), kMissing), QByteArray("old"));
+    QCOMPARE(readFile(dir.filePath(QStringLiteral("staged")), kMissing), QByteArray("new"));
     QVERIFY(QFileInfo(dir.filePath(QStringLiteral("folder"))).isDir());
 }
 
@@ -155,7 +146,7 @@ void FileReplaceTest::moveReplacesExisting()
 
     QVERIFY(moveFileReplaceWriteThrough(utf8(from), utf8(dir.filePath(to))));
     QVERIFY(!QFileInfo::exists(from));
-    QCOMPARE(readFile(dir.filePath(to)), QByteArray("moved bytes"));
+    QCOMPARE(readFile(dir.filePath(to), kMissing), QByteArray("moved bytes"));
 }
 
 void FileReplaceTest::moveFailures_data()
@@ -184,9 +175,9 @@ void FileReplaceTest::moveFailures()
 
     QVERIFY(!moveFileReplaceWriteThrough(utf8(dir.filePath(from)), utf8(dir.filePath(to))));
     QCOMPARE(qulonglong(lastError()), error);
-    QCOMPARE(readFile(dir.filePath(QStringLiteral("file"))), QByteArray("content"));
+    QCOMPARE(readFile(dir.filePath(QStringLiteral("file")), kMissing), QByteArray("content"));
     QVERIFY(QFileInfo(dir.filePath(QStringLiteral("empty"))).isDir());
-    QCOMPARE(readFile(dir.filePath(QStringLiteral("folder/inner"))), QByteArray("inner"));
+    QCOMPARE(readFile(dir.filePath(QStringLiteral("folder/inner")), kMissing), QByteArray("inner"));
 }
 
 void FileReplaceTest::moveAcrossFileSystemsIsRefused()
@@ -227,13 +218,13 @@ void FileReplaceTest::injectedFailures()
         QVERIFY(!moveFileReplaceWriteThrough(utf8(target), utf8(target + QStringLiteral(".bak"))));
         QCOMPARE(lastError(), 5ul);
     }
-    QCOMPARE(readFile(target), QByteArray("old"));
-    QCOMPARE(readFile(staged), QByteArray("new"));
+    QCOMPARE(readFile(target, kMissing), QByteArray("old"));
+    QCOMPARE(readFile(staged, kMissing), QByteArray("new"));
     QVERIFY(!QFileInfo::exists(target + QStringLiteral(".bak")));
 
     QVERIFY(moveFileReplaceWriteThrough(utf8(staged), utf8(dir.filePath(QStringLiteral("moved")))));
     QVERIFY(replaceFile(utf8(other), utf8(dir.filePath(QStringLiteral("moved"))), std::string()));
-    QCOMPARE(readFile(other), QByteArray("new"));
+    QCOMPARE(readFile(other, kMissing), QByteArray("new"));
 
     clearInjectedFileFailures();
     QVERIFY(moveFileReplaceWriteThrough(utf8(target), utf8(target + QStringLiteral(".bak"))));

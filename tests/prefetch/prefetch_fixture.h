@@ -5,6 +5,7 @@
 #include "app/installation_dir.h"
 #include "app/instance_locks.h"
 #include "prefetch/update_prefetcher.h"
+#include "support/test_files.h"
 #include "support/test_install.h"
 #include "support/test_server.h"
 #include "support/test_signing.h"
@@ -102,19 +103,6 @@ inline QByteArray patternBytes(qint64 size, quint32 seed)
     return bytes;
 }
 
-inline bool writeFileBytes(const QString& path, const QByteArray& bytes)
-{
-    QDir().mkpath(QFileInfo(path).absolutePath());
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(bytes) == bytes.size();
-}
-
-inline QByteArray readFileBytes(const QString& path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
 // Gives each suite its own lock namespace (the prefetch lock lives in $XDG_RUNTIME_DIR).
 inline void isolateLockNamespace()
 {
@@ -160,10 +148,10 @@ public:
         root = installDir.isEmpty() ? install.path() : installDir;
         setInstallationDirForTesting(root);
         LogCapture::clear();
-        return writeFileBytes(dir() + QStringLiteral("/updater.conf"),
-                              QJsonDocument(QJsonObject{
-                                  {QStringLiteral("manifestUrl"), server.url(QStringLiteral("b/manifest.json"))},
-                              }).toJson());
+        return writeFile(dir() + QStringLiteral("/updater.conf"),
+                         QJsonDocument(QJsonObject{
+                             {QStringLiteral("manifestUrl"), server.url(QStringLiteral("b/manifest.json"))},
+                         }).toJson());
     }
     QString dir() const { return root; }
 
@@ -179,8 +167,8 @@ public:
     }
     bool installManifest(const QString& version, qint64 buildNumber, const BuildFiles& files)
     {
-        return writeFileBytes(dir() + QStringLiteral("/manifest.json"),
-                              makeManifestJson(version, buildNumber, files));
+        return writeFile(dir() + QStringLiteral("/manifest.json"),
+                         makeManifestJson(version, buildNumber, files));
     }
 
     QString cacheDir(const QString& versionKey) const
@@ -197,7 +185,7 @@ public:
     }
     QJsonObject readState(const QString& versionKey) const
     {
-        return QJsonDocument::fromJson(readFileBytes(cacheDir(versionKey) + QStringLiteral("/state.json")))
+        return QJsonDocument::fromJson(readFile(cacheDir(versionKey) + QStringLiteral("/state.json")))
             .object();
     }
     // The state.json entry of one file.

@@ -75,7 +75,7 @@ void TestPrefetchRate::writeRateAndMemoryStayFlat()
     QVERIFY(finished.wait(30000));
     sampler.stop();
     QCOMPARE(LogCapture::prefetchLines().last(), QStringLiteral("[UpdatePrefetch] xong toan bo - 1 file ok, 0 bo lai cho updater"));
-    QCOMPARE(readFileBytes(bench.cacheFile(kVersion, "big.bin")), content);
+    QCOMPARE(readFile(bench.cacheFile(kVersion, "big.bin")), content);
 
     // The steady part of the transfer: from 10% to 85% of the file (the end is drained from the
     // read buffer without the budget, and hashing follows).

@@ -176,7 +176,7 @@ void TestPrefetchRound::refusals()
     QVERIFY(bench.publishManifest(manifest));
     const QString published = bench.published.path() + QStringLiteral("/b/");
     if (!signature.isNull())
-        QVERIFY(writeFileBytes(published + QStringLiteral("manifest.json.sig"), signature));
+        QVERIFY(writeFile(published + QStringLiteral("manifest.json.sig"), signature));
     TestServer::Rule status;
     status.status = manifestStatus;
     if (manifestStatus)
@@ -185,15 +185,15 @@ void TestPrefetchRound::refusals()
     if (signatureStatus)
         bench.server.setRule(QStringLiteral("b/manifest.json.sig"), status);
     if (!installed.isNull())
-        QVERIFY(writeFileBytes(bench.dir() + QStringLiteral("/manifest.json"), installed));
+        QVERIFY(writeFile(bench.dir() + QStringLiteral("/manifest.json"), installed));
     if (cacheHoldsEverything) {
         const BuildFiles files = remoteFiles();
         for (auto it = files.cbegin(); it != files.cend(); ++it)
-            QVERIFY(writeFileBytes(bench.cacheFile(kVersion, it.key()), it.value()));
+            QVERIFY(writeFile(bench.cacheFile(kVersion, it.key()), it.value()));
     }
     QVERIFY(createParts(bench, parts));
     const QString otherBuild = bench.cacheFile(QStringLiteral("2.3.0"), QStringLiteral("old.bin"));
-    QVERIFY(writeFileBytes(otherBuild, "old"));
+    QVERIFY(writeFile(otherBuild, "old"));
 
     QVERIFY(runPrefetchToEnd());
 
@@ -287,8 +287,8 @@ void TestPrefetchRound::planFollowsDeltaAndCache()
     QVERIFY(bench.publish(kVersion, 7, remote));
     QVERIFY(bench.installManifest("2.4.0", 6,
                                   {{"a.bin", remote.value("a.bin")}, {"b.bin", "old b"}, {"gone.bin", "gone"}}));
-    QVERIFY(writeFileBytes(bench.cacheFile(kVersion, "c.bin"), remote.value("c.bin")));
-    QVERIFY(writeFileBytes(bench.partFile(kVersion, "d.bin"), remote.value("d.bin").left(15000)));
+    QVERIFY(writeFile(bench.cacheFile(kVersion, "c.bin"), remote.value("c.bin")));
+    QVERIFY(writeFile(bench.partFile(kVersion, "d.bin"), remote.value("d.bin").left(15000)));
 
     QVERIFY(runPrefetchToEnd());
 
@@ -299,7 +299,7 @@ void TestPrefetchRound::planFollowsDeltaAndCache()
     QCOMPARE(bench.fileRequests(), QStringList({"b/b.bin", "b/d.bin"}));
     QCOMPARE(stateProgress(bench), QStringList({"b.bin=20000 done", "d.bin=40000 done"}));
     for (const QString path : {"b.bin", "c.bin", "d.bin"})
-        QCOMPARE(readFileBytes(bench.cacheFile(kVersion, path)), remote.value(path));
+        QCOMPARE(readFile(bench.cacheFile(kVersion, path)), remote.value(path));
     QVERIFY(!QFileInfo::exists(bench.cacheFile(kVersion, "a.bin")));
 }
 

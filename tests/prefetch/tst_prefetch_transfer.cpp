@@ -70,16 +70,16 @@ void TestPrefetchTransfer::cleanRunFillsCache()
 
     // Every file under its final name with its content, no ".part" left behind.
     for (auto it = files.cbegin(); it != files.cend(); ++it) {
-        QCOMPARE(readFileBytes(bench.cacheFile(kVersion, it.key())), it.value());
+        QCOMPARE(readFile(bench.cacheFile(kVersion, it.key())), it.value());
         QVERIFY(QFileInfo::exists(bench.cacheFile(kVersion, it.key())));
         QVERIFY(!QFileInfo::exists(bench.partFile(kVersion, it.key())));
     }
     // The documents are kept byte for byte.
     const QString publishedDir = bench.published.path() + QStringLiteral("/b/");
-    QCOMPARE(readFileBytes(bench.cacheDir(kVersion) + QStringLiteral("/manifest.json")),
-             readFileBytes(publishedDir + QStringLiteral("manifest.json")));
-    QCOMPARE(readFileBytes(bench.cacheDir(kVersion) + QStringLiteral("/manifest.json.sig")),
-             readFileBytes(publishedDir + QStringLiteral("manifest.json.sig")));
+    QCOMPARE(readFile(bench.cacheDir(kVersion) + QStringLiteral("/manifest.json")),
+             readFile(publishedDir + QStringLiteral("manifest.json")));
+    QCOMPARE(readFile(bench.cacheDir(kVersion) + QStringLiteral("/manifest.json.sig")),
+             readFile(publishedDir + QStringLiteral("manifest.json.sig")));
 
     const QJsonObject state = bench.readState(kVersion);
     QCOMPARE(state.value(QStringLiteral("fullVersion")).toString(), kVersion);
@@ -176,7 +176,7 @@ void TestPrefetchTransfer::existingPart()
     QVERIFY(bench.publish(kVersion, 12, {{QStringLiteral("c.bin"), content}}));
     bench.server.setRule(QStringLiteral("b/c.bin"), rule);
     if (!part.isNull())
-        QVERIFY(writeFileBytes(bench.partFile(kVersion, QStringLiteral("c.bin")), part));
+        QVERIFY(writeFile(bench.partFile(kVersion, QStringLiteral("c.bin")), part));
 
     QVERIFY(runPrefetchToEnd());
 
@@ -184,7 +184,7 @@ void TestPrefetchTransfer::existingPart()
         + QStringList({line("xong toan bo - 1 file ok, 0 bo lai cho updater")});
     QCOMPARE(LogCapture::prefetchLines(), expected);
     QCOMPARE(rangesFor(bench.server, QStringLiteral("b/c.bin")), ranges);
-    QCOMPARE(readFileBytes(bench.cacheFile(kVersion, QStringLiteral("c.bin"))), content);
+    QCOMPARE(readFile(bench.cacheFile(kVersion, QStringLiteral("c.bin"))), content);
     QVERIFY(!QFileInfo::exists(bench.partFile(kVersion, QStringLiteral("c.bin"))));
 }
 
@@ -230,7 +230,7 @@ void TestPrefetchTransfer::refusedStatusLeavesFileForUpdater()
     QVERIFY2(clock.elapsed() >= 3000, "the three retries wait one second each");
     QVERIFY(!QFileInfo::exists(bench.cacheFile(kVersion, QStringLiteral("x.bin"))));
     QVERIFY(!QFileInfo::exists(bench.partFile(kVersion, QStringLiteral("x.bin"))));
-    QCOMPARE(readFileBytes(bench.cacheFile(kVersion, QStringLiteral("y.bin"))), files.value("y.bin"));
+    QCOMPARE(readFile(bench.cacheFile(kVersion, QStringLiteral("y.bin"))), files.value("y.bin"));
     const QJsonObject left = bench.stateEntry(kVersion, QStringLiteral("x.bin"));
     QCOMPARE(left.value(QStringLiteral("done")).toBool(true), false);
     QCOMPARE(left.value(QStringLiteral("got")).toDouble(-1), 0.0);
@@ -262,7 +262,7 @@ void TestPrefetchTransfer::cutConnectionResumesInTheSameRun()
     QCOMPARE(lines.mid(3), QStringList({line("big.bin resume tu 65536 byte"), line("big.bin xong ( 1 / 1 )"),
                                         line("xong toan bo - 1 file ok, 0 bo lai cho updater")}));
     QCOMPARE(rangesFor(bench.server, QStringLiteral("b/big.bin")).last(), QStringLiteral("bytes=65536-"));
-    QCOMPARE(readFileBytes(bench.cacheFile(kVersion, QStringLiteral("big.bin"))), content);
+    QCOMPARE(readFile(bench.cacheFile(kVersion, QStringLiteral("big.bin"))), content);
 }
 
 // A run stopped in the middle of a file leaves its ".part" and the matching state.json; the
@@ -290,7 +290,7 @@ void TestPrefetchTransfer::stoppedRunResumesInTheNextRun()
     }
     const qint64 kept = QFileInfo(part).size();
     QVERIFY(kept >= 50000 && kept <= 100000);
-    QCOMPARE(readFileBytes(part), content.left(int(kept)));
+    QCOMPARE(readFile(part), content.left(int(kept)));
     QCOMPARE(LogCapture::prefetchLines(),
              QStringList({line("bat dau 2.4.1 - 1 file, 0 MB"), line("big.bin tai tu dau 390 KB"),
                           line("dung - xong 0 file, con 1")}));
@@ -306,7 +306,7 @@ void TestPrefetchTransfer::stoppedRunResumesInTheNextRun()
              QStringList({line("bat dau 2.4.1 - 1 file, 0 MB"), line(QStringLiteral("big.bin resume tu %1 byte").arg(kept)),
                           line("big.bin xong ( 1 / 1 )"), line("xong toan bo - 1 file ok, 0 bo lai cho updater")}));
     QCOMPARE(rangesFor(bench.server, QStringLiteral("b/big.bin")), QStringList({QStringLiteral("bytes=%1-").arg(kept)}));
-    QCOMPARE(readFileBytes(bench.cacheFile(kVersion, QStringLiteral("big.bin"))), content);
+    QCOMPARE(readFile(bench.cacheFile(kVersion, QStringLiteral("big.bin"))), content);
     QVERIFY(!QFileInfo::exists(part));
 }
 

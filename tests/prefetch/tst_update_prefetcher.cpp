@@ -77,7 +77,7 @@ void TestUpdatePrefetcher::noUsableConfigurationStartsNothing()
     QVERIFY(bench.setUp());
     QVERIFY(bench.publish(kVersion, 7, {{"a.bin", "a"}}));
     const QString confPath = bench.dir() + QStringLiteral("/updater.conf");
-    QVERIFY(config.isNull() ? QFile::remove(confPath) : writeFileBytes(confPath, config));
+    QVERIFY(config.isNull() ? QFile::remove(confPath) : writeFile(confPath, config));
 
     UpdatePrefetcher prefetcher;
     QSignalSpy finished(&prefetcher, &UpdatePrefetcher::finished);
@@ -183,7 +183,7 @@ void TestUpdatePrefetcher::applicationEndingStopsTheDownload()
                           line("a.bin xong ( 1 / 3 )"), line("b.bin tai tu dau 2929 KB"),
                           line("app da dong -> dung tai"), line("dung - xong 1 file, con 2")}));
     const qint64 kept = QFileInfo(part).size();
-    QCOMPARE(readFileBytes(part), files.value("b.bin").left(int(kept)));
+    QCOMPARE(readFile(part), files.value("b.bin").left(int(kept)));
     QCOMPARE(bench.stateEntry(kVersion, "a.bin").value("got").toDouble(), 50000.0);
     QVERIFY(bench.stateEntry(kVersion, "a.bin").value("done").toBool());
     QCOMPARE(bench.stateEntry(kVersion, "b.bin").value("got").toDouble(), double(kept));
@@ -246,7 +246,7 @@ void TestUpdatePrefetcher::destructionSavesProgressAndFreesTheLock()
     QCOMPARE(emitted, 1);
     QCOMPARE(LogCapture::prefetchLines().last(), line("dung - xong 0 file, con 1"));
     const qint64 kept = QFileInfo(part).size();
-    QCOMPARE(readFileBytes(part), content.left(int(kept)));
+    QCOMPARE(readFile(part), content.left(int(kept)));
     QCOMPARE(bench.stateEntry(kVersion, "big.bin").value("got").toDouble(), double(kept));
     QVERIFY(prefetchLockIsFree());
 }

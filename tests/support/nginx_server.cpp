@@ -1,4 +1,5 @@
 #include "support/nginx_server.h"
+#include "support/test_files.h"
 
 #include <QDir>
 #include <QElapsedTimer>
@@ -49,12 +50,6 @@ quint16 freePort()
 {
     QTcpServer probe;
     return probe.listen(QHostAddress::LocalHost, 0) ? probe.serverPort() : 0;
-}
-
-QByteArray readAll(const QString& path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
 } // namespace
@@ -125,7 +120,7 @@ bool NginxServer::startOnPort(quint16 port, QString* error)
     }
     *error = QStringLiteral("nginx did not start: %1 %2")
                  .arg(QString::fromUtf8(process->readAll()),
-                      QString::fromUtf8(readAll(prefix.filePath(QStringLiteral("error.log")))));
+                      QString::fromUtf8(readFile(prefix.filePath(QStringLiteral("error.log")))));
     stop();
     return false;
 }
@@ -153,7 +148,7 @@ QString NginxServer::url(const QString& path) const
 QList<NginxServer::Request> NginxServer::requests() const
 {
     QList<Request> requests;
-    const QList<QByteArray> lines = readAll(prefix.filePath(QStringLiteral("access.log"))).split('\n');
+    const QList<QByteArray> lines = readFile(prefix.filePath(QStringLiteral("access.log"))).split('\n');
     for (const QByteArray& line : lines) {
         const QList<QByteArray> fields = line.split('\t');
         if (fields.size() != 4)

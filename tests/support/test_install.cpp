@@ -1,4 +1,5 @@
 #include "support/test_install.h"
+#include "support/test_files.h"
 #include "support/test_signing.h"
 
 #include <QDir>
@@ -14,15 +15,6 @@
 #include <openssl/evp.h>
 
 namespace {
-
-bool writeBytes(const QString& path, const QByteArray& bytes)
-{
-    if (!QDir().mkpath(QFileInfo(path).absolutePath()))
-        return false;
-    QFile f(path);
-    return f.open(QIODevice::WriteOnly | QIODevice::Truncate) && f.write(bytes) == bytes.size()
-        && f.flush();
-}
 
 QProcessEnvironment withOffscreen(const QProcessEnvironment& env)
 {
@@ -107,12 +99,12 @@ bool publishBuild(const QString& serverRoot, const QString& subdir, const BuildF
 {
     const QString base = subdir.isEmpty() ? serverRoot : serverRoot + QLatin1Char('/') + subdir;
     for (auto it = files.cbegin(); it != files.cend(); ++it) {
-        if (!writeBytes(base + QLatin1Char('/') + it.key(), it.value()))
+        if (!writeFile(base + QLatin1Char('/') + it.key(), it.value()))
             return false;
     }
     const QByteArray signature = signWithKey(manifestJson);
-    return !signature.isEmpty() && writeBytes(base + QStringLiteral("/manifest.json"), manifestJson)
-        && writeBytes(base + QStringLiteral("/manifest.json.sig"), signature);
+    return !signature.isEmpty() && writeFile(base + QStringLiteral("/manifest.json"), manifestJson)
+        && writeFile(base + QStringLiteral("/manifest.json.sig"), signature);
 }
 
 TestInstall::TestInstall()
@@ -153,13 +145,12 @@ QString TestInstall::logPath() const
 
 bool TestInstall::writeFile(const QString& relPath, const QByteArray& bytes)
 {
-    return writeBytes(path(relPath), bytes);
+    return ::writeFile(path(relPath), bytes);
 }
 
 QByteArray TestInstall::readFile(const QString& relPath) const
 {
-    QFile f(path(relPath));
-    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+    return ::readFile(path(relPath));
 }
 
 bool TestInstall::exists(const QString& relPath) const

@@ -1,6 +1,6 @@
 #include "support/test_signing.h"
+#include "support/test_files.h"
 
-#include <QFile>
 
 #include <openssl/bio.h>
 #include <openssl/ec.h>
@@ -13,18 +13,6 @@ namespace {
 
 template <typename T, void (*Free)(T*)>
 using OsslPtr = std::unique_ptr<T, std::integral_constant<decltype(Free), Free>>;
-
-QByteArray readFile(const QString& path)
-{
-    QFile f(path);
-    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
-}
-
-bool writeFile(const QString& path, const QByteArray& bytes)
-{
-    QFile f(path);
-    return f.open(QIODevice::WriteOnly | QIODevice::Truncate) && f.write(bytes) == bytes.size();
-}
 
 } // namespace
 

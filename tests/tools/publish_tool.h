@@ -18,9 +18,5 @@ ToolRun runPublishTool(const QStringList& args, const QString& umask = QString()
 // Runs another program (openssl, mkfifo, strace); its exit code, or -1 when it did not run.
 int runProgram(const QString& program, const QStringList& args, QByteArray* output = nullptr);
 
-bool writeFileAt(const QString& path, const QByteArray& bytes);  // creates parent directories
-QByteArray readFileAt(const QString& path);
-// Relative paths of every regular file below dir, sorted.
-QStringList filesBelow(const QString& dir);
 // Deterministic pseudo-random content of the given length.
 QByteArray patternBytes(int length, quint32 seed);

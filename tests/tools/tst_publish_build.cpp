@@ -1,5 +1,6 @@
 #include "publish_tool.h"
 
+#include "support/test_files.h"
 #include "support/test_install.h"
 #include "support/test_signing.h"
 #include "update/manifest.h"
@@ -36,7 +37,7 @@ BuildFiles sampleBuild()
 bool writeBuild(const QString& dir, const BuildFiles& files)
 {
     for (auto it = files.cbegin(); it != files.cend(); ++it) {
-        if (!writeFileAt(dir + QLatin1Char('/') + it.key(), it.value()))
+        if (!writeFile(dir + QLatin1Char('/') + it.key(), it.value()))
             return false;
     }
     return true;
@@ -44,7 +45,7 @@ bool writeBuild(const QString& dir, const BuildFiles& files)
 
 QJsonObject manifestObject(const QString& outDir)
 {
-    return QJsonDocument::fromJson(readFileAt(outDir + QStringLiteral("/manifest.json"))).object();
+    return QJsonDocument::fromJson(readFile(outDir + QStringLiteral("/manifest.json"))).object();
 }
 
 QStringList manifestPaths(const QString& outDir)
@@ -138,7 +139,7 @@ void TestPublishBuild::initTestCase()
                       QStringLiteral("ec_paramgen_curve:P-256"), QStringLiteral("-aes-256-cbc"),
                       QStringLiteral("-pass"), QStringLiteral("pass:secret")}),
              0);
-    QVERIFY(writeFileAt(keys.filePath(QStringLiteral("garbage.pem")), "not a key\n"));
+    QVERIFY(writeFile(keys.filePath(QStringLiteral("garbage.pem")), "not a key\n"));
 }
 
 void TestPublishBuild::init()
@@ -169,7 +170,7 @@ void TestPublishBuild::publishesEveryFileWithSortedManifestAndSignature()
     // The tree holds the build byte for byte, plus the two documents.
     QCOMPARE(filesBelow(out), withManifest(build.keys()));
     for (auto it = build.cbegin(); it != build.cend(); ++it)
-        QCOMPARE(readFileAt(out + QLatin1Char('/') + it.key()), it.value());
+        QCOMPARE(readFile(out + QLatin1Char('/') + it.key()), it.value());
 
     // The manifest, read as plain JSON: every file in order, with its size and lower-case hash.
     const QJsonObject manifest = manifestObject(out);
@@ -189,11 +190,11 @@ void TestPublishBuild::publishesEveryFileWithSortedManifestAndSignature()
     }
 
     // The signature file is one line of base64 DER, and OpenSSL verifies it over the exact bytes.
-    const QByteArray signatureText = readFileAt(out + QStringLiteral("/manifest.json.sig"));
+    const QByteArray signatureText = readFile(out + QStringLiteral("/manifest.json.sig"));
     QVERIFY(signatureText.endsWith('\n'));
     QCOMPARE(signatureText.count('\n'), 1);
     const QString der = work->filePath(QStringLiteral("signature.der"));
-    QVERIFY(writeFileAt(der, QByteArray::fromBase64(signatureText.trimmed())));
+    QVERIFY(writeFile(der, QByteArray::fromBase64(signatureText.trimmed())));
     QByteArray output;
     QCOMPARE(runProgram(QStringLiteral("openssl"),
                         {QStringLiteral("dgst"), QStringLiteral("-sha256"), QStringLiteral("-verify"), publicKey,
@@ -204,7 +205,7 @@ void TestPublishBuild::publishesEveryFileWithSortedManifestAndSignature()
 
     // The updater's own parser reads it back unchanged.
     Manifest parsed;
-    QVERIFY(parseManifest(readFileAt(out + QStringLiteral("/manifest.json")), &parsed));
+    QVERIFY(parseManifest(readFile(out + QStringLiteral("/manifest.json")), &parsed));
     QCOMPARE(parsed.files.size(), build.size());
     QCOMPARE(parsed.files.at(3).path, QStringLiteral("bin/core.dll"));
     QCOMPARE(parsed.files.at(3).size, qint64(5 * 512 * 1024 + 1));
@@ -247,7 +248,7 @@ void TestPublishBuild::manifestHeader()
 {
     QFETCH(QStringList, extra);
     QFETCH(QVariantMap, expected);
-    QVERIFY(writeFileAt(input + QStringLiteral("/app.exe"), "app"));
+    QVERIFY(writeFile(input + QStringLiteral("/app.exe"), "app"));
     QCOMPARE(runPublishTool(buildArgs(extra)).exitCode, 0);
     QVariantMap header = manifestObject(out).toVariantMap();
     QVERIFY(header.remove(QStringLiteral("files")) == 1);
@@ -256,35 +257,35 @@ void TestPublishBuild::manifestHeader()
 
 void TestPublishBuild::developmentKeySignatureIsTrustedByTheUpdater()
 {
-    if (QByteArray(kEmbeddedPublicKeyPem) != readFileAt(QStringLiteral(CORV_SOURCE_DIR "/keys/dev_public.pem")))
+    if (QByteArray(kEmbeddedPublicKeyPem) != readFile(QStringLiteral(CORV_SOURCE_DIR "/keys/dev_public.pem")))
         QSKIP("this build of the updater embeds another key than the development key");
-    QVERIFY(writeFileAt(input + QStringLiteral("/app.exe"), "app"));
+    QVERIFY(writeFile(input + QStringLiteral("/app.exe"), "app"));
     QCOMPARE(runPublishTool(buildArgs({QStringLiteral("--key"), devPrivateKeyPath()})).exitCode, 0);
-    const QByteArray manifest = readFileAt(out + QStringLiteral("/manifest.json"));
-    QVERIFY(verifyManifestSignature(manifest, readFileAt(out + QStringLiteral("/manifest.json.sig"))));
+    const QByteArray manifest = readFile(out + QStringLiteral("/manifest.json"));
+    QVERIFY(verifyManifestSignature(manifest, readFile(out + QStringLiteral("/manifest.json.sig"))));
 
     // A build signed with any other key is not trusted.
     QCOMPARE(runPublishTool(buildArgs()).exitCode, 0);
-    QVERIFY(!verifyManifestSignature(readFileAt(out + QStringLiteral("/manifest.json")),
-                                     readFileAt(out + QStringLiteral("/manifest.json.sig"))));
+    QVERIFY(!verifyManifestSignature(readFile(out + QStringLiteral("/manifest.json")),
+                                     readFile(out + QStringLiteral("/manifest.json.sig"))));
 }
 
 void TestPublishBuild::republishingReplacesTheOlderBuild()
 {
-    QVERIFY(writeFileAt(input + QStringLiteral("/app.exe"), "app 1"));
-    QVERIFY(writeFileAt(input + QStringLiteral("/old.dll"), "only in build 1"));
-    QVERIFY(writeFileAt(input + QStringLiteral("/same.dat"), "unchanged"));
+    QVERIFY(writeFile(input + QStringLiteral("/app.exe"), "app 1"));
+    QVERIFY(writeFile(input + QStringLiteral("/old.dll"), "only in build 1"));
+    QVERIFY(writeFile(input + QStringLiteral("/same.dat"), "unchanged"));
     QCOMPARE(runPublishTool(buildArgs({QStringLiteral("--version"), QStringLiteral("1.0")})).exitCode, 0);
 
     QVERIFY(QFile::remove(input + QStringLiteral("/old.dll")));
-    QVERIFY(writeFileAt(input + QStringLiteral("/app.exe"), "app 2, longer"));
-    QVERIFY(writeFileAt(input + QStringLiteral("/lib/new.dll"), "new in build 2"));
+    QVERIFY(writeFile(input + QStringLiteral("/app.exe"), "app 2, longer"));
+    QVERIFY(writeFile(input + QStringLiteral("/lib/new.dll"), "new in build 2"));
     QCOMPARE(runPublishTool(buildArgs({QStringLiteral("--version"), QStringLiteral("2.0")})).exitCode, 0);
 
     QCOMPARE(manifestObject(out).value(QStringLiteral("fullVersion")).toString(), QStringLiteral("2.0"));
     QCOMPARE(manifestPaths(out), (QStringList{QStringLiteral("app.exe"), QStringLiteral("lib/new.dll"),
                                               QStringLiteral("same.dat")}));
-    QCOMPARE(readFileAt(out + QStringLiteral("/app.exe")), QByteArray("app 2, longer"));
+    QCOMPARE(readFile(out + QStringLiteral("/app.exe")), QByteArray("app 2, longer"));
     // A file the new build dropped stays on the server (a client of the old build may still
     // be fetching it); no temporary file is left behind.
     QCOMPARE(filesBelow(out), withManifest({QStringLiteral("app.exe"), QStringLiteral("lib/new.dll"),
@@ -297,7 +298,7 @@ void TestPublishBuild::republishingReplacesTheOlderBuild()
 
 void TestPublishBuild::publishedTreeIsReadableByEveryoneUnderAStrictUmask()
 {
-    QVERIFY(writeFileAt(input + QStringLiteral("/bin/deep/app.dll"), "x"));
+    QVERIFY(writeFile(input + QStringLiteral("/bin/deep/app.dll"), "x"));
     const ToolRun run = runPublishTool(buildArgs(), QStringLiteral("077"));
     QCOMPARE(run.exitCode, 0);
     for (const QString& path : {QStringLiteral("bin/deep/app.dll"), QStringLiteral("manifest.json"),
@@ -326,7 +327,7 @@ void TestPublishBuild::manifestAndSignatureAreRenamedLastAndBackToBack()
     // Every traced call in order: a rename as its target path, any data written as "write".
     const QRegularExpression renameCall(QStringLiteral("rename(?:at2?)?\\((?:\\w+, )?\"[^\"]*\", (?:\\w+, )?\"([^\"]*)\""));
     QStringList events;
-    for (const QByteArray& line : readFileAt(trace).split('\n')) {
+    for (const QByteArray& line : readFile(trace).split('\n')) {
         const QRegularExpressionMatch match = renameCall.match(QString::fromLatin1(line));
         if (match.hasMatch())
             events.append(QDir(out).relativeFilePath(straceString(match.captured(1))));
@@ -421,9 +422,9 @@ void TestPublishBuild::refusesUnpublishableEntries()
     QFETCH(QString, named);
     QFETCH(QString, reason);
 
-    QVERIFY(writeFileAt(input + QStringLiteral("/bin/good.dll"), "good"));
+    QVERIFY(writeFile(input + QStringLiteral("/bin/good.dll"), "good"));
     for (const QString& file : files)
-        QVERIFY(writeFileAt(input + QLatin1Char('/') + file, file.toUtf8()));
+        QVERIFY(writeFile(input + QLatin1Char('/') + file, file.toUtf8()));
     const QString specialFile = input + QLatin1Char('/') + specialPath;
     QLocalServer server;
     if (!special.isEmpty())
@@ -488,7 +489,7 @@ void TestPublishBuild::excludePatterns()
     for (const QString& file : {QStringLiteral("a.pdb"), QStringLiteral("app.exe"), QStringLiteral("bin/b.pdb"),
                                 QStringLiteral("bin/c.dll"), QStringLiteral("deep/sub/z.tmp"),
                                 QStringLiteral("logs/sub/y.txt"), QStringLiteral("logs/x.txt"), QStringLiteral("sub/z.tmp")})
-        QVERIFY(writeFileAt(input + QLatin1Char('/') + file, file.toUtf8()));
+        QVERIFY(writeFile(input + QLatin1Char('/') + file, file.toUtf8()));
     QStringList args;
     for (const QString& pattern : patterns)
         args << QStringLiteral("--exclude") << pattern;
@@ -500,11 +501,11 @@ void TestPublishBuild::excludePatterns()
 
 void TestPublishBuild::excludedSpecialEntriesAreNotRefused()
 {
-    QVERIFY(writeFileAt(input + QStringLiteral("/app.exe"), "app"));
+    QVERIFY(writeFile(input + QStringLiteral("/app.exe"), "app"));
     QVERIFY(QFile::link(input + QStringLiteral("/app.exe"), input + QStringLiteral("/app-link.exe")));
     QVERIFY(QDir().mkpath(input + QStringLiteral("/run")));
     QCOMPARE(runProgram(QStringLiteral("mkfifo"), {input + QStringLiteral("/run/pipe")}), 0);
-    QVERIFY(writeFileAt(input + QStringLiteral("/bad:name"), "x"));
+    QVERIFY(writeFile(input + QStringLiteral("/bad:name"), "x"));
     const ToolRun run = runPublishTool(buildArgs({QStringLiteral("--exclude"), QStringLiteral("*-link.exe"),
                                                   QStringLiteral("--exclude"), QStringLiteral("run"),
                                                   QStringLiteral("--exclude"), QStringLiteral("bad:name")}));
@@ -554,9 +555,9 @@ void TestPublishBuild::failures()
     QFETCH(QStringList, args);
     QFETCH(QString, message);
     if (setup == QLatin1String("file"))
-        QVERIFY(writeFileAt(work->filePath(QStringLiteral("file")), "x"));
+        QVERIFY(writeFile(work->filePath(QStringLiteral("file")), "x"));
     if (setup != QLatin1String("empty"))
-        QVERIFY(writeFileAt(input + QStringLiteral("/app.exe"), "app"));
+        QVERIFY(writeFile(input + QStringLiteral("/app.exe"), "app"));
 
     QStringList full = buildArgs();
     for (int i = 0; i + 1 < args.size(); i += 2) {

@@ -1,5 +1,6 @@
 #include "publish_tool.h"
 
+#include "support/test_files.h"
 #include "support/test_install.h"
 #include "support/test_signing.h"
 #include "update/manifest_signature.h"
@@ -59,7 +60,7 @@ void TestPublishVerify::initTestCase()
                                                     keys.filePath(QStringLiteral("p384.pem")), QStringLiteral("-pubout"),
                                                     QStringLiteral("-out"), keys.filePath(QStringLiteral("p384.pub"))}),
              0);
-    QVERIFY(writeFileAt(keys.filePath(QStringLiteral("garbage.pub")), "-----BEGIN PUBLIC KEY-----\nAAAA\n"));
+    QVERIFY(writeFile(keys.filePath(QStringLiteral("garbage.pub")), "-----BEGIN PUBLIC KEY-----\nAAAA\n"));
 }
 
 void TestPublishVerify::init()
@@ -89,10 +90,10 @@ void TestPublishVerify::acceptsAnIntactTree()
 {
     QFETCH(QString, change);
     if (change == QLatin1String("crlf"))
-        QVERIFY(writeFileAt(tree(QStringLiteral("manifest.json.sig")),
-                            readFileAt(tree(QStringLiteral("manifest.json.sig"))).trimmed() + "\r\n"));
+        QVERIFY(writeFile(tree(QStringLiteral("manifest.json.sig")),
+                          readFile(tree(QStringLiteral("manifest.json.sig"))).trimmed() + "\r\n"));
     if (change == QLatin1String("extra"))
-        QVERIFY(writeFileAt(tree(QStringLiteral("old/left-over.dll")), "from an older build"));
+        QVERIFY(writeFile(tree(QStringLiteral("old/left-over.dll")), "from an older build"));
 
     const ToolRun run = runPublishTool({QStringLiteral("verify"), QStringLiteral("--dir"), tree(),
                                         QStringLiteral("--public-key"), kDevPublicKey});
@@ -133,21 +134,21 @@ void TestPublishVerify::reportsEveryProblem()
     for (const QString& change : changes) {
         const QString path = tree(change.section(QLatin1Char(':'), 1));
         if (change == QLatin1String("manifest-byte")) {
-            QByteArray manifest = readFileAt(tree(QStringLiteral("manifest.json")));
+            QByteArray manifest = readFile(tree(QStringLiteral("manifest.json")));
             manifest.replace("2.0.0", "2.0.1");
-            QVERIFY(writeFileAt(tree(QStringLiteral("manifest.json")), manifest));
+            QVERIFY(writeFile(tree(QStringLiteral("manifest.json")), manifest));
         } else if (change == QLatin1String("other-key")) {
-            QVERIFY(writeFileAt(tree(QStringLiteral("manifest.json.sig")),
-                                signWithKey(readFileAt(tree(QStringLiteral("manifest.json"))),
-                                            keys.filePath(QStringLiteral("other.pem")))));
+            QVERIFY(writeFile(tree(QStringLiteral("manifest.json.sig")),
+                              signWithKey(readFile(tree(QStringLiteral("manifest.json"))),
+                                          keys.filePath(QStringLiteral("other.pem")))));
         } else if (change.startsWith(QLatin1String("remove:"))) {
             QVERIFY(QFile::remove(path));
         } else if (change.startsWith(QLatin1String("append:"))) {
-            QVERIFY(writeFileAt(path, readFileAt(path) + "!"));
+            QVERIFY(writeFile(path, readFile(path) + "!"));
         } else if (change.startsWith(QLatin1String("flip:"))) {
-            QByteArray bytes = readFileAt(path);
+            QByteArray bytes = readFile(path);
             bytes[bytes.size() / 2] = char(bytes.at(bytes.size() / 2) ^ 0x01);
-            QVERIFY(writeFileAt(path, bytes));
+            QVERIFY(writeFile(path, bytes));
             flippedHash = sha256Hex(bytes);
         } else if (change.startsWith(QLatin1String("dir:"))) {
             QVERIFY(QFile::remove(path));
@@ -207,8 +208,8 @@ void TestPublishVerify::unusableDocumentsAndKeys()
         QVERIFY(QFile::remove(tree(change.mid(7))));
     } else if (change.startsWith(QLatin1String("manifest:"))) {
         const QByteArray manifest = change.mid(9).toUtf8();
-        QVERIFY(writeFileAt(tree(QStringLiteral("manifest.json")), manifest));
-        QVERIFY(writeFileAt(tree(QStringLiteral("manifest.json.sig")), signWithKey(manifest)));
+        QVERIFY(writeFile(tree(QStringLiteral("manifest.json")), manifest));
+        QVERIFY(writeFile(tree(QStringLiteral("manifest.json.sig")), signWithKey(manifest)));
     }
     const ToolRun run = runPublishTool({QStringLiteral("verify"), QStringLiteral("--dir"), tree(),
                                         QStringLiteral("--public-key"), QString(key).replace(QLatin1String("%2"), keys.path())});
@@ -222,12 +223,12 @@ void TestPublishVerify::builtInKeyIsTheUpdatersKey()
 {
     // Without --public-key the tool checks with the key the updater was built with.
     const ToolRun run = runPublishTool({QStringLiteral("verify"), QStringLiteral("--dir"), tree()});
-    const bool devKeyBuiltIn = QByteArray(kEmbeddedPublicKeyPem) == readFileAt(kDevPublicKey);
+    const bool devKeyBuiltIn = QByteArray(kEmbeddedPublicKeyPem) == readFile(kDevPublicKey);
     QCOMPARE(run.exitCode, devKeyBuiltIn ? 0 : 1);
 
-    QVERIFY(writeFileAt(tree(QStringLiteral("manifest.json.sig")),
-                        signWithKey(readFileAt(tree(QStringLiteral("manifest.json"))),
-                                    keys.filePath(QStringLiteral("other.pem")))));
+    QVERIFY(writeFile(tree(QStringLiteral("manifest.json.sig")),
+                      signWithKey(readFile(tree(QStringLiteral("manifest.json"))),
+                                  keys.filePath(QStringLiteral("other.pem")))));
     const ToolRun other = runPublishTool({QStringLiteral("verify"), QStringLiteral("--dir"), tree()});
     QCOMPARE(other.exitCode, 1);
     QCOMPARE(other.errLines().constFirst(),

@@ -1,7 +1,7 @@
+#include "support/test_files.h"
 #include "support/test_signing.h"
 
 #include <QDir>
-#include <QFile>
 #include <QProcess>
 #include <QRegularExpression>
 #include <QTemporaryDir>
@@ -18,18 +18,6 @@ constexpr int kConfigureTimeoutMs = 180000;
 constexpr int kBuildTimeoutMs = 840000;
 
 const QByteArray kManifest = R"({"fullVersion": "9.9.9", "files": [{"path": "a.dll", "sha256": "aa"}]})";
-
-bool writeFile(const QString& path, const QByteArray& bytes)
-{
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(bytes) == bytes.size();
-}
-
-QByteArray readFile(const QString& path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
 
 // PEM text of a freshly generated key (public part, or the private key itself).
 QByteArray generatedPem(EVP_PKEY* key, bool privatePart)

@@ -1,3 +1,5 @@
+#include "support/log_capture.h"
+#include "support/test_files.h"
 #include "support/test_server.h"
 #include "update/http_fetch.h"
 
@@ -11,17 +13,9 @@
 #include <QtTest>
 
 #include <memory>
+#include <optional>
 
 namespace {
-
-// Every warning written while a test runs, exactly as the log file would get its text.
-QStringList capturedWarnings;
-
-void captureWarnings(QtMsgType type, const QMessageLogContext&, const QString& text)
-{
-    if (type == QtWarningMsg)
-        capturedWarnings.append(text);
-}
 
 QByteArray randomBytes(int size)
 {
@@ -30,18 +24,6 @@ QByteArray randomBytes(int size)
     for (char& byte : bytes)
         byte = char(generator.bounded(256));
     return bytes;
-}
-
-bool writeFile(const QString& path, const QByteArray& bytes)
-{
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size();
-}
-
-QByteArray readFile(const QString& path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
 }  // namespace
@@ -94,7 +76,8 @@ private:
     std::unique_ptr<TestServer> server;
     QByteArray body;  // "body.bin"
     QByteArray big;   // "big.bin", several read chunks long
-    QtMessageHandler previousHandler = nullptr;
+    // Every message written while a test runs, exactly as the log file would get its text.
+    std::optional<LogCapture> capture;
 };
 
 void HttpFetchTest::initTestCase()
@@ -117,13 +100,12 @@ void HttpFetchTest::init()
     server->clearRequests();
     work = std::make_unique<QTemporaryDir>();
     QVERIFY(work->isValid());
-    capturedWarnings.clear();
-    previousHandler = qInstallMessageHandler(captureWarnings);
+    capture.emplace();
 }
 
 void HttpFetchTest::cleanup()
 {
-    qInstallMessageHandler(previousHandler);
+    capture.reset();
 }
 
 void HttpFetchTest::requestShape_data()
@@ -169,7 +151,7 @@ void HttpFetchTest::getReturnsBody()
     QVERIFY(!requests.at(0).headers.contains("range"));
     QVERIFY(!requests.at(0).headers.contains("authorization"));
     QCOMPARE(requests.at(1).target, QString("/dir%20with%20space/a%20b.bin"));
-    QCOMPARE(capturedWarnings, QStringList());
+    QCOMPARE(capture->warnings(), QStringList());
 }
 
 void HttpFetchTest::getEmptyBodyIsSuccess()
@@ -178,7 +160,7 @@ void HttpFetchTest::getEmptyBodyIsSuccess()
     bool ok = false;
     QCOMPARE(httpGet(network, server->url("empty.bin"), ok), QByteArray());
     QVERIFY(ok);
-    QCOMPARE(capturedWarnings, QStringList());
+    QCOMPARE(capture->warnings(), QStringList());
 }
 
 void HttpFetchTest::getErrorStatus_data()
@@ -203,7 +185,7 @@ void HttpFetchTest::getErrorStatus()
     bool ok = true;  // must be reset by the call
     QCOMPARE(httpGet(network, server->url("body.bin"), ok), QByteArray());
     QVERIFY(!ok);
-    QCOMPARE(capturedWarnings,
+    QCOMPARE(capture->warnings(),
              QStringList{QStringLiteral("[Update] GET loi \"%1\" \"%2\"")
                              .arg(server->url("body.bin"), serverError("body.bin", reason))});
     QCOMPARE(server->requests().size(), 1);
@@ -218,7 +200,7 @@ void HttpFetchTest::getConnectionClosed()
     bool ok = true;
     QCOMPARE(httpGet(network, server->url("body.bin"), ok), QByteArray());
     QVERIFY(!ok);
-    QCOMPARE(capturedWarnings,
+    QCOMPARE(capture->warnings(),
              QStringList{QStringLiteral("[Update] GET loi \"%1\" \"Connection closed\"")
                              .arg(server->url("body.bin"))});
 }
@@ -233,7 +215,7 @@ void HttpFetchTest::getFollowsRedirect()
     QCOMPARE(httpGet(network, server->url("moved.json"), ok), body);
     QVERIFY(ok);
     QCOMPARE(server->requestsFor("body.bin").size(), 1);
-    QCOMPARE(capturedWarnings, QStringList());
+    QCOMPARE(capture->warnings(), QStringList());
 }
 
 void HttpFetchTest::getForcesNetworkAccessible()
@@ -295,7 +277,7 @@ void HttpFetchTest::retry()
     QStringList expected;
     for (const QString& line : expectWarnings)
         expected.append(line.contains("%2") ? line.arg(url, error) : line.arg(url));
-    QCOMPARE(capturedWarnings, expected);
+    QCOMPARE(capture->warnings(), expected);
 }
 
 void HttpFetchTest::fileResume_data()
@@ -350,7 +332,7 @@ void HttpFetchTest::fileResume()
     QCOMPARE(requests.size(), 1);
     QCOMPARE(requests.at(0).headers.contains("range"), !range.isEmpty());
     QCOMPARE(requests.at(0).headers.value("range"), range);
-    QCOMPARE(capturedWarnings, QStringList());
+    QCOMPARE(capture->warnings(), QStringList());
 }
 
 void HttpFetchTest::fileErrorStatus_data()
@@ -395,7 +377,7 @@ void HttpFetchTest::fileErrorStatus()
     if (!reason.isEmpty())
         expected.append(QStringLiteral("[Update] GET(file) loi \"%1\" \"%2\"")
                             .arg(server->url("body.bin"), serverError("body.bin", reason)));
-    QCOMPARE(capturedWarnings, expected);
+    QCOMPARE(capture->warnings(), expected);
 }
 
 void HttpFetchTest::fileConnectionClosed_data()
@@ -422,7 +404,7 @@ void HttpFetchTest::fileConnectionClosed()
     QVERIFY(!httpGetToFile(network, server->url("body.bin"), path, offset));
     // What arrived stays: the caller resumes from the file's size.
     QCOMPARE(readFile(path), body.left(int(offset + closeAfter)));
-    QCOMPARE(capturedWarnings,
+    QCOMPARE(capture->warnings(),
              QStringList{QStringLiteral("[Update] GET(file) loi \"%1\" \"Connection closed\"")
                              .arg(server->url("body.bin"))});
 }
@@ -433,7 +415,7 @@ void HttpFetchTest::fileCannotBeOpened()
     QNetworkAccessManager network;
     QVERIFY(!httpGetToFile(network, server->url("body.bin"), path, 0));
     QVERIFY(!QFile::exists(path));
-    QCOMPARE(capturedWarnings,
+    QCOMPARE(capture->warnings(),
              QStringList{QStringLiteral("[Update] GET(file) loi \"%1\" \"Operation canceled\"")
                              .arg(server->url("body.bin"))});
 }
@@ -449,7 +431,7 @@ void HttpFetchTest::fileLargeBody()
     QVERIFY(httpGetToFile(network, server->url("big.bin"), path, 0));
     QCOMPARE(QFileInfo(path).size(), qint64(big.size()));
     QVERIFY(readFile(path) == big);
-    QCOMPARE(capturedWarnings, QStringList());
+    QCOMPARE(capture->warnings(), QStringList());
 }
 
 void HttpFetchTest::fileEmptyBody()
@@ -464,7 +446,7 @@ void HttpFetchTest::fileEmptyBody()
     const QString fresh = target("fresh-empty.bin");
     QVERIFY(httpGetToFile(network, server->url("empty.bin"), fresh, 0));
     QVERIFY(QFile::exists(fresh));
-    QCOMPARE(capturedWarnings, QStringList());
+    QCOMPARE(capture->warnings(), QStringList());
 }
 
 void HttpFetchTest::fileFollowsRedirect()
@@ -476,7 +458,7 @@ void HttpFetchTest::fileFollowsRedirect()
     QNetworkAccessManager network;
     QVERIFY(httpGetToFile(network, server->url("files/old.bin"), path, 0));
     QCOMPARE(readFile(path), body);
-    QCOMPARE(capturedWarnings, QStringList());
+    QCOMPARE(capture->warnings(), QStringList());
 }
 
 void HttpFetchTest::fileForcesNetworkAccessible()
@@ -511,7 +493,7 @@ void HttpFetchTest::fileDiskFull()
     const QByteArray written = readFile(path);
     QVERIFY(written.size() <= 1024 * 1024);
     QVERIFY(big.startsWith(written));
-    QCOMPARE(capturedWarnings,
+    QCOMPARE(capture->warnings(),
              QStringList{QStringLiteral("[Update] GET(file) loi \"%1\" \"Operation canceled\"")
                              .arg(server->url("big.bin"))});
 }

@@ -1,3 +1,4 @@
+#include "support/log_capture.h"
 #include "support/test_server.h"
 #include "update/http_fetch.h"
 
@@ -7,16 +8,9 @@
 #include <QtTest>
 
 #include <memory>
+#include <optional>
 
 namespace {
-
-QStringList capturedWarnings;
-
-void captureWarnings(QtMsgType type, const QMessageLogContext&, const QString& text)
-{
-    if (type == QtWarningMsg)
-        capturedWarnings.append(text);
-}
 
 constexpr int kChunk = 1000;
 
@@ -38,7 +32,8 @@ private:
     QTemporaryDir root;
     std::unique_ptr<TestServer> server;
     QByteArray body;
-    QtMessageHandler previousHandler = nullptr;
+    // Every message written while a test runs, exactly as the log file would get its text.
+    std::optional<LogCapture> capture;
 };
 
 void HttpTimeoutTest::initTestCase()
@@ -56,13 +51,12 @@ void HttpTimeoutTest::initTestCase()
 
 void HttpTimeoutTest::init()
 {
-    capturedWarnings.clear();
-    previousHandler = qInstallMessageHandler(captureWarnings);
+    capture.emplace();
 }
 
 void HttpTimeoutTest::cleanup()
 {
-    qInstallMessageHandler(previousHandler);
+    capture.reset();
 }
 
 void HttpTimeoutTest::inactivity_data()
@@ -105,7 +99,7 @@ void HttpTimeoutTest::inactivity()
         expected.append(QStringLiteral("[Update] %1 \"%2\" \"Operation canceled\"")
                             .arg(toFile ? "GET(file) loi" : "GET loi", url));
     }
-    QCOMPARE(capturedWarnings, expected);
+    QCOMPARE(capture->warnings(), expected);
     if (toFile) {
         // An aborted transfer keeps what it had received: the first piece.
         QFile file(path);

@@ -1,9 +1,9 @@
 #include "update/manifest_signature.h"
 
+#include "support/test_files.h"
 #include "support/test_server.h"
 #include "support/test_signing.h"
 
-#include <QFile>
 #include <QJsonDocument>
 #include <QNetworkAccessManager>
 #include <QTemporaryDir>
@@ -69,12 +69,6 @@ QStringList captured;
 void captureMessage(QtMsgType, const QMessageLogContext&, const QString& message)
 {
     captured << message;
-}
-
-bool writeFile(const QString& path, const QByteArray& bytes)
-{
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size();
 }
 
 } // namespace

@@ -1,7 +1,8 @@
 #include "update/sha256.h"
 
+#include "support/test_files.h"
+
 #include <QCryptographicHash>
-#include <QFile>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -25,12 +26,6 @@ QByteArray patternBytes(int length)
 QString referenceHex(const QByteArray& bytes)
 {
     return QString::fromLatin1(QCryptographicHash::hash(bytes, QCryptographicHash::Sha256).toHex());
-}
-
-bool writeFile(const QString& path, const QByteArray& bytes)
-{
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size();
 }
 
 } // namespace

@@ -3,11 +3,11 @@
 #include "app/installation_dir.h"
 #include "update/update_session.h"
 
+#include "support/test_files.h"
 #include "support/test_install.h"
 #include "support/test_server.h"
 
 #include <QDir>
-#include <QDirIterator>
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -43,16 +43,6 @@ BuildFiles newBuild()
             {QStringLiteral("lib/c.dat"), "charlie 2"},
             {QStringLiteral("d.txt"), "delta"},
             {QStringLiteral("e.txt"), "echo"}};
-}
-
-QStringList filesBelow(const QString& dir)
-{
-    QStringList files;
-    QDirIterator it(dir, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
-    while (it.hasNext())
-        files.append(QDir(dir).relativeFilePath(it.next()));
-    files.sort();
-    return files;
 }
 
 QStringList requestedPaths(const TestServer& server)
@@ -151,13 +141,10 @@ bool TestUpdateSession::prepare(const BuildFiles& installed, const QByteArray& i
 {
     const QDir dir(installDir->path());
     for (auto it = installed.cbegin(); it != installed.cend(); ++it) {
-        dir.mkpath(QFileInfo(dir.filePath(it.key())).path());
-        QFile f(dir.filePath(it.key()));
-        if (!f.open(QIODevice::WriteOnly) || f.write(it.value()) != it.value().size())
+        if (!writeFile(dir.filePath(it.key()), it.value()))
             return false;
     }
-    QFile manifest(dir.filePath(QStringLiteral("manifest.json")));
-    return manifest.open(QIODevice::WriteOnly) && manifest.write(installedManifest) == installedManifest.size();
+    return writeFile(dir.filePath(QStringLiteral("manifest.json")), installedManifest);
 }
 
 void TestUpdateSession::publish(const BuildFiles& files, const QByteArray& manifest)
@@ -175,8 +162,7 @@ void TestUpdateSession::writeConfig()
 
 QByteArray TestUpdateSession::read(const QString& relPath) const
 {
-    QFile f(QDir(installDir->path()).filePath(relPath));
-    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray("<missing>");
+    return readFile(QDir(installDir->path()).filePath(relPath), QByteArray("<missing>"));
 }
 
 void TestUpdateSession::fillSession(UpdateSession& session, QStringList* statuses)

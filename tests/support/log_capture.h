@@ -17,6 +17,16 @@ public:
     LogCapture& operator=(const LogCapture&) = delete;
 
     QStringList lines() const { return recorded; }
+    // The texts of the warnings alone, without the level letter.
+    QStringList warnings() const
+    {
+        QStringList texts;
+        for (const QString& line : recorded) {
+            if (line.startsWith(QLatin1String("W ")))
+                texts.append(line.mid(2));
+        }
+        return texts;
+    }
     void clear() { recorded.clear(); }
 
 private:
