@@ -61,6 +61,8 @@ bool downloadToStaging(UpdateSession& session, const QList<ManifestFile>& change
             return giveUp(file);
         const QString dst = staging + QLatin1Char('/') + safePath;
         QDir().mkpath(QFileInfo(dst).path());
+        // Every download is bounded by the manifest size: a server that sends without end
+        // cannot fill the disk.
         const QString url = baseUrl + file.path;
 
         const QString cached = findCompleteCachedFile(version, file);
@@ -79,13 +81,13 @@ bool downloadToStaging(UpdateSession& session, const QList<ManifestFile>& change
         bool downloaded = false;
         if (resumable && copyReplacing(part, dst)) {
             qInfo() << "[Update]" << file.path << "noi tiep tu kho tam:" << have << "byte";
-            downloaded = httpGetToFile(session.network, url, dst, have);
+            downloaded = httpGetToFile(session.network, url, dst, have, file.size);
             if (!downloaded) {
                 qWarning() << "[Update] tai tiep" << file.path << "that bai -> thu lai tu dau";
                 QFile::remove(dst);
             }
         }
-        if (!downloaded && !httpGetToFile(session.network, url, dst, 0))
+        if (!downloaded && !httpGetToFile(session.network, url, dst, 0, file.size))
             return giveUp(file);
 
         if (sha256OfFile(dst) == file.sha256) {
@@ -97,7 +99,7 @@ bool downloadToStaging(UpdateSession& session, const QList<ManifestFile>& change
         if (!part.isEmpty())
             QFile::remove(part);
         QFile::remove(dst);
-        if (!httpGetToFile(session.network, url, dst, 0) || sha256OfFile(dst) != file.sha256) {
+        if (!httpGetToFile(session.network, url, dst, 0, file.size) || sha256OfFile(dst) != file.sha256) {
             qWarning() << "[Update] hash van lech" << file.path << "-> huy";
             removeStaging(staging);
             return false;

@@ -60,6 +60,7 @@ void UpdatePrefetcher::fetchSignature()
     phase = FetchingSignature;
     sendGet(manifestUrl + QStringLiteral(".sig"), 0);
     connect(reply, &QNetworkReply::finished, this, &UpdatePrefetcher::onManifestReplyFinished);
+    limitDocumentSize(kMaxSignatureBytes);
 }
 
 void UpdatePrefetcher::planRound()

@@ -123,6 +123,8 @@ void UpdatePrefetcher::onReadyRead()
         const QByteArray chunk = reply->read(qMin(writeBudget, reply->bytesAvailable()));
         if (chunk.isEmpty())
             break;
+        if (exceedsManifestSize(chunk.size()))
+            return;
         if (partFile->write(chunk) < chunk.size()) {
             qWarning() << "[UpdatePrefetch] ghi dia hong -> bo file nay";
             advance(false);
@@ -164,6 +166,8 @@ void UpdatePrefetcher::onFileReplyFinished()
             const QByteArray chunk = reply->read(kPrefetchDrainChunkBytes);
             if (chunk.isEmpty())
                 break;
+            if (exceedsManifestSize(chunk.size()))
+                return;
             partFile->write(chunk);
             bytesHave += chunk.size();
         }
@@ -181,6 +185,17 @@ void UpdatePrefetcher::onFileReplyFinished()
     qWarning().noquote() << "[UpdatePrefetch]" << plan.at(currentIndex).path << "dut o" << bytesHave
                          << "byte:" << finishedReply->errorString();
     advance(false);
+}
+
+bool UpdatePrefetcher::exceedsManifestSize(qint64 chunkBytes)
+{
+    const ManifestFile& file = plan.at(currentIndex);
+    if (file.size <= 0 || bytesHave + chunkBytes <= file.size)
+        return false;
+    // More bytes than the file has: a broken or hostile server, which could fill the disk.
+    qWarning() << "[UpdatePrefetch]" << file.path << "vuot qua" << file.size << "byte cua manifest -> bo file nay";
+    advance(false);
+    return true;
 }
 
 void UpdatePrefetcher::completeFile()

@@ -4,6 +4,7 @@
 #include "app/instance_locks.h"
 #include "app/network_guard.h"
 #include "update/http_fetch.h"
+#include "update/manifest_signature.h"
 #include "update/sha256.h"
 #include "update/updater_config.h"
 
@@ -75,6 +76,7 @@ bool UpdatePrefetcher::start()
     phase = FetchingManifest;
     sendGet(manifestUrl, 0);
     connect(reply, &QNetworkReply::finished, this, &UpdatePrefetcher::onManifestReplyFinished);
+    limitDocumentSize(kMaxManifestBytes);
     return true;
 }
 
@@ -91,6 +93,21 @@ void UpdatePrefetcher::sendGet(const QString& url, qint64 rangeFrom)
     ensureNetworkAccessible(*network);
     reply = network->get(request);
     stallTimer->start(kPrefetchStallTimeoutMs);
+}
+
+void UpdatePrefetcher::limitDocumentSize(qint64 maxBytes)
+{
+    // The whole body of a document is kept in memory until it has arrived; Qt reads no further
+    // ahead than about one read chunk beyond the bound (see httpGet).
+    reply->setReadBufferSize(maxBytes + kHttpReadChunkBytes);
+    QNetworkReply* document = reply;
+    connect(document, &QNetworkReply::readyRead, this, [this, document, maxBytes] {
+        const qint64 announced = document->header(QNetworkRequest::ContentLengthHeader).toLongLong();
+        if (stopping || document != reply || qMax(document->bytesAvailable(), announced) <= maxBytes)
+            return;
+        abortReply();
+        finish(QStringLiteral("tai manifest/sig hong -> thoi (updater se tu tai): body larger than %1 bytes").arg(maxBytes));
+    });
 }
 
 void UpdatePrefetcher::onStallTimeout()

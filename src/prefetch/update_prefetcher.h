@@ -74,6 +74,8 @@ private:
     // Sends the one GET of the moment into `reply` (with "Range: bytes=N-" when rangeFrom > 0)
     // and arms the stall timer.
     void sendGet(const QString& url, qint64 rangeFrom);
+    // Ends the run as a failed request once the current reply's body exceeds maxBytes.
+    void limitDocumentSize(qint64 maxBytes);
 
     // The round: manifest, signature, plan.
     void onManifestReplyFinished();
@@ -86,6 +88,9 @@ private:
     void onReadyRead();
     void onPumpTick();
     void onFileReplyFinished();
+    // True, after failing the attempt, when chunkBytes more would make the file longer than
+    // its manifest size (when that is above 0).
+    bool exceedsManifestSize(qint64 chunkBytes);
     void completeFile();
     void hashStep();
     void advance(bool ok);

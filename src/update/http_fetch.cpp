@@ -12,17 +12,26 @@ namespace {
 
 constexpr int kMaxGetAttempts = 2;
 
+// The error text of a body cut off at its bound, in place of the network library's own.
+QString bodyTooLarge(qint64 maxBytes)
+{
+    return QStringLiteral("body larger than %1 bytes").arg(maxBytes);
+}
+
 // The body of one file fetch on its way to disk. The file is opened only once the status
 // is known, so an error answer never creates or truncates anything.
 struct FileSink {
     QNetworkReply* reply;
     QFile file;
     qint64 offset;
+    qint64 maxLength;    // the file may not grow beyond this; 0 or less: no bound
+    qint64 length = 0;   // bytes the file holds
     bool opened = false;
     bool writeFailed = false;
+    bool tooLarge = false;
 
-    FileSink(QNetworkReply* reply, const QString& filePath, qint64 offset)
-        : reply(reply), file(filePath), offset(offset)
+    FileSink(QNetworkReply* reply, const QString& filePath, qint64 offset, qint64 maxLength)
+        : reply(reply), file(filePath), offset(offset), maxLength(maxLength)
     {
     }
 
@@ -34,8 +43,8 @@ struct FileSink {
 
     void drain()
     {
-        // After a failed open or write nothing more goes to the file.
-        if (writeFailed)
+        // After a failed open or write, or too many bytes, nothing more goes to the file.
+        if (writeFailed || tooLarge)
             return;
         if (!opened) {
             const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
@@ -53,15 +62,22 @@ struct FileSink {
                 return;
             }
             opened = true;
+            length = file.size();
         }
         while (reply->bytesAvailable() > 0) {
             const QByteArray chunk = reply->read(kHttpReadChunkBytes);
             if (chunk.isEmpty())
                 return;
+            if (maxLength > 0 && length + chunk.size() > maxLength) {
+                tooLarge = true;
+                reply->abort();
+                return;
+            }
             if (file.write(chunk) < chunk.size()) {
                 fail();
                 return;
             }
+            length += chunk.size();
         }
     }
 };
@@ -102,7 +118,7 @@ void ensureNetworkAccessible(QNetworkAccessManager& network)
     QT_WARNING_POP
 }
 
-QByteArray httpGet(QNetworkAccessManager& network, const QString& url, bool& ok)
+QByteArray httpGet(QNetworkAccessManager& network, const QString& url, bool& ok, qint64 maxBodyBytes)
 {
     ok = false;
     ensureNetworkAccessible(network);
@@ -110,10 +126,26 @@ QByteArray httpGet(QNetworkAccessManager& network, const QString& url, bool& ok)
     QTimer inactivity;
     QObject::connect(reply, &QNetworkReply::downloadProgress, &inactivity,
                      [&inactivity] { inactivity.start(kHttpInactivityTimeoutMs); });
+    bool tooLarge = false;
+    if (maxBodyBytes >= 0) {
+        // Qt stops reading from the socket shortly before this much waits unread, so a body
+        // beyond the bound never piles up in memory; one read chunk of room makes sure that
+        // the byte beyond the bound arrives. The announced length alone may refuse it too.
+        reply->setReadBufferSize(maxBodyBytes + kHttpReadChunkBytes);
+        QObject::connect(reply, &QNetworkReply::readyRead, reply, [reply, maxBodyBytes, &tooLarge] {
+            const qint64 announced = reply->header(QNetworkRequest::ContentLengthHeader).toLongLong();
+            if (!tooLarge && qMax(reply->bytesAvailable(), announced) > maxBodyBytes) {
+                tooLarge = true;
+                reply->abort();
+            }
+        });
+    }
     waitForReply(reply, inactivity);
 
     QByteArray body;
-    if (reply->error() != QNetworkReply::NoError) {
+    if (tooLarge) {
+        qWarning() << "[Update] GET loi" << url << bodyTooLarge(maxBodyBytes);
+    } else if (reply->error() != QNetworkReply::NoError) {
         qWarning() << "[Update] GET loi" << url << reply->errorString();
     } else {
         body = reply->readAll();
@@ -123,10 +155,10 @@ QByteArray httpGet(QNetworkAccessManager& network, const QString& url, bool& ok)
     return body;
 }
 
-QByteArray httpGetWithRetry(QNetworkAccessManager& network, const QString& url, bool& ok)
+QByteArray httpGetWithRetry(QNetworkAccessManager& network, const QString& url, bool& ok, qint64 maxBodyBytes)
 {
     for (int attempt = 1; attempt <= kMaxGetAttempts; ++attempt) {
-        const QByteArray body = httpGet(network, url, ok);
+        const QByteArray body = httpGet(network, url, ok, maxBodyBytes);
         if (ok)
             return body;
         if (attempt < kMaxGetAttempts)
@@ -137,14 +169,14 @@ QByteArray httpGetWithRetry(QNetworkAccessManager& network, const QString& url, 
 }
 
 bool httpGetToFile(QNetworkAccessManager& network, const QString& url, const QString& filePath,
-                   qint64 offset)
+                   qint64 offset, qint64 expectedSize)
 {
     QNetworkRequest request = makeUpdateRequest(url);
     if (offset > 0)
         request.setRawHeader("Range", "bytes=" + QByteArray::number(offset) + '-');
     ensureNetworkAccessible(network);
     QNetworkReply* reply = network.get(request);
-    FileSink sink(reply, filePath, offset);
+    FileSink sink(reply, filePath, offset, expectedSize);
     QTimer inactivity;
     QObject::connect(reply, &QNetworkReply::readyRead, &inactivity, [&inactivity, &sink] {
         inactivity.start(kHttpInactivityTimeoutMs);
@@ -154,8 +186,10 @@ bool httpGetToFile(QNetworkAccessManager& network, const QString& url, const QSt
     // Data that came with the finished signal, or the open of an empty successful body.
     sink.drain();
 
-    const bool failed = reply->error() != QNetworkReply::NoError;
-    if (failed)
+    const bool failed = sink.tooLarge || reply->error() != QNetworkReply::NoError;
+    if (sink.tooLarge)
+        qWarning() << "[Update] GET(file) loi" << url << QStringLiteral("file larger than %1 bytes").arg(expectedSize);
+    else if (failed)
         qWarning() << "[Update] GET(file) loi" << url << reply->errorString();
     reply->deleteLater();
     if (sink.opened) {

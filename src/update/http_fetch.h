@@ -15,10 +15,14 @@ QNetworkRequest makeUpdateRequest(const QString& url);
 void ensureNetworkAccessible(QNetworkAccessManager& network);
 
 // Blocking GETs: each runs a nested event loop until the reply finishes or 10 s pass without
-// progress.
-QByteArray httpGet(QNetworkAccessManager& network, const QString& url, bool& ok);
-QByteArray httpGetWithRetry(QNetworkAccessManager& network, const QString& url, bool& ok);
+// progress. A body of more than maxBodyBytes (when it is 0 or more) is aborted and fails the
+// GET like a network error: a server that sends without end cannot fill the memory.
+QByteArray httpGet(QNetworkAccessManager& network, const QString& url, bool& ok,
+                   qint64 maxBodyBytes = -1);
+QByteArray httpGetWithRetry(QNetworkAccessManager& network, const QString& url, bool& ok,
+                            qint64 maxBodyBytes = -1);
 // Streams the body into filePath. offset > 0 asks for "Range: bytes=offset-": a 206 answer
-// is appended, a 200 answer rewrites the file from byte 0.
+// is appended, a 200 answer rewrites the file from byte 0. With expectedSize > 0 the transfer
+// is aborted and fails as soon as the file would grow beyond that many bytes.
 bool httpGetToFile(QNetworkAccessManager& network, const QString& url, const QString& filePath,
-                   qint64 offset);
+                   qint64 offset, qint64 expectedSize = 0);

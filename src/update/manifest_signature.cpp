@@ -68,13 +68,13 @@ bool fetchTrustedManifest(QNetworkAccessManager& network, const QString& manifes
                           Manifest& manifest, QByteArray& rawBytes)
 {
     bool ok = false;
-    const QByteArray bytes = httpGetWithRetry(network, manifestUrl, ok);
+    const QByteArray bytes = httpGetWithRetry(network, manifestUrl, ok, kMaxManifestBytes);
     rawBytes = bytes;
     if (!ok || bytes.isEmpty()) {
         qWarning() << "[Update] tai manifest that bai -> chay ban hien tai";
         return false;
     }
-    const QByteArray signature = httpGetWithRetry(network, manifestUrl + QStringLiteral(".sig"), ok);
+    const QByteArray signature = httpGetWithRetry(network, manifestUrl + QStringLiteral(".sig"), ok, kMaxSignatureBytes);
     if (!ok || signature.isEmpty()) {
         qWarning() << "[Update] tai .sig that bai -> chay ban hien tai";
         return false;

@@ -6,6 +6,11 @@
 
 class QNetworkAccessManager;
 
+// Bounds on the two documents: a real manifest is far smaller, a DER signature in base64 is
+// about a hundred bytes; anything beyond is a hostile or broken server.
+constexpr qint64 kMaxManifestBytes = 16777216;
+constexpr qint64 kMaxSignatureBytes = 65536;
+
 // The publisher's P-256 public key, embedded at build time (CORV_PUBLIC_KEY_FILE).
 extern const char kEmbeddedPublicKeyPem[];
 

@@ -4,11 +4,13 @@
 
 #include <QDir>
 #include <QDirIterator>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QProcess>
 #include <QRegularExpression>
 
 namespace {
@@ -237,6 +239,45 @@ bool HostileBench::publish(const HostileRow& row, QString* error)
     return true;
 }
 
+// Runs the updater with its file size limited (a longer file ends it with SIGXFSZ) while its
+// memory is watched; kills it when its resident size passes the bound or it runs too long.
+void HostileBench::runBounded(const QString& exe, const QStringList& args, const QProcessEnvironment& env,
+                              HostileResult& result)
+{
+    QProcess process;
+    process.setProcessChannelMode(QProcess::ForwardedChannels);
+    process.setProcessEnvironment(env);
+    process.start(QStringLiteral("prlimit"), QStringList{QStringLiteral("--fsize=%1").arg(kFileSizeLimit), QStringLiteral("--"), exe} + args);
+    if (!process.waitForStarted(10000)) {
+        result.violations.append(QStringLiteral("cannot start prlimit (util-linux): ") + process.errorString());
+        return;
+    }
+    QFile status(QStringLiteral("/proc/%1/status").arg(process.processId()));
+    QElapsedTimer clock;
+    clock.start();
+    while (!process.waitForFinished(50)) {
+        if (status.open(QIODevice::ReadOnly)) {
+            static const QRegularExpression highWater(QStringLiteral("VmHWM:\\s+(\\d+) kB"));
+            const QRegularExpressionMatch m = highWater.match(QString::fromLatin1(status.readAll()));
+            status.close();
+            if (m.hasMatch())
+                result.peakRssKiB = qMax(result.peakRssKiB, m.captured(1).toLongLong());
+        }
+        if (result.peakRssKiB > kPeakRssLimitKiB || clock.elapsed() > kRunLimitMs) {
+            process.kill();
+            process.waitForFinished(10000);
+            result.violations.append(result.peakRssKiB > kPeakRssLimitKiB
+                                         ? QStringLiteral("resident memory grew beyond %1 KiB").arg(kPeakRssLimitKiB)
+                                         : QStringLiteral("still running after %1 ms").arg(kRunLimitMs));
+            return;
+        }
+    }
+    if (process.exitStatus() != QProcess::NormalExit)
+        result.violations.append(QStringLiteral("ended by a signal (SIGXFSZ when a file grew beyond %1 bytes)").arg(kFileSizeLimit));
+    else if (process.exitCode() != 0)
+        result.violations.append(QStringLiteral("exit code %1").arg(process.exitCode()));
+}
+
 HostileResult HostileBench::run(const HostileRow& row)
 {
     HostileResult result;
@@ -273,10 +314,9 @@ HostileResult HostileBench::run(const HostileRow& row)
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert(QStringLiteral("TMPDIR"), sandbox.path());
     env.insert(QStringLiteral("HOME"), home.path());
-    const QStringList args = row.mode == RunMode::Prefetch ? QStringList{QStringLiteral("--prefetch-only")} : QStringList();
-    const int code = install->run(args, 120000, env);
-    if (code != 0)
-        result.violations.append(QStringLiteral("exit code %1").arg(code));
+    env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
+    runBounded(install->exePath(), row.mode == RunMode::Prefetch ? QStringList{QStringLiteral("--prefetch-only")} : QStringList(),
+               env, result);
 
     const QString tag = row.mode == RunMode::Prefetch ? QStringLiteral("[UpdatePrefetch]") : QStringLiteral("[Update]");
     for (const QString& line : install->logTexts()) {

@@ -8,11 +8,13 @@
 //    case it is exactly build 2.0; no ".staging" is left;
 //  - the update cache holds only verified files and ".part" files that are prefixes of them;
 //  - nothing is written outside the installation: the temporary directory that holds it
-//    (also the updater's TMPDIR) contains nothing else afterwards, and HOME stays empty.
+//    (also the updater's TMPDIR) contains nothing else afterwards, and HOME stays empty;
+//  - no file grows beyond 4 MiB, the resident memory stays below 256 MiB, the run ends.
 #include "support/test_install.h"
 #include "support/test_server.h"
 
 #include <QMetaType>
+#include <QProcessEnvironment>
 #include <QString>
 #include <QStringList>
 #include <QTemporaryDir>
@@ -49,7 +51,14 @@ Q_DECLARE_METATYPE(HostileRow)
 struct HostileResult {
     QStringList lines;       // the run's own log lines
     QStringList violations;  // broken invariants
+    qint64 peakRssKiB = 0;   // the updater's resident high-water mark, sampled every 50 ms
 };
+
+// Bounds of every run: no file may grow beyond kFileSizeLimit (the largest file of these
+// builds is 80 KB), the resident memory must stay below kPeakRssLimitKiB, and a run must end.
+constexpr qint64 kFileSizeLimit = 4194304;
+constexpr qint64 kPeakRssLimitKiB = 262144;
+constexpr int kRunLimitMs = 90000;
 
 class HostileBench {
 public:
@@ -72,6 +81,7 @@ public:
 
 private:
     bool publish(const HostileRow& row, QString* error);
+    void runBounded(const QString& exe, const QStringList& args, const QProcessEnvironment& env, HostileResult& result);
 
     QTemporaryDir runtimeDir;
     QTemporaryDir published;
