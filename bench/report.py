@@ -103,6 +103,11 @@ def render(r):
         w(f"| &nbsp; (b) `openssl dgst -sha256` over the whole installed tree | {fig([x['dgst'] for x in rows])} s |")
         w(f"| &nbsp; (c) `cp` of the changed files into place | {fig([x['copy'] for x in rows])} s |")
         w(f"| **ratio updater / limit** | **{ratio(up, lim)}** |")
+        if rows[0].get("flush") is not None:
+            durable = [x["limit"] + x["flush"] for x in rows]
+            w(f"| not in the limit: (d) `sync` of the copied files (fsync each: data on disk, as the updater's "
+              f"write-through replacement requires before each rename) | {fig([x['flush'] for x in rows])} s |")
+            w(f"| ratio updater / (limit + (d)) | {ratio(up, durable)} |")
         w(f"| bytes served by nginx for files / bytes of the changed files | "
           f"{fig([x['served'] / a['changed_bytes'] for x in rows], 4)} |")
         w(f"| peak resident memory of the updater | {fig([x['peak_kib'] for x in rows], 1, 1 / 1024, 'MiB')} |")
@@ -151,6 +156,9 @@ def render(r):
         w(f"| apply whose single changed file is {mib(s['bytes'], 0)}: wall | {fig(s['apply'])} s |")
         w(f"| &nbsp; hash pass / download + verify / replace | {fig(phase_values(s['phases'], 'check_and_hash'))} / "
           f"{fig(phase_values(s['phases'], 'download'))} / {fig(phase_values(s['phases'], 'replace'))} s |")
+        if s.get("reference"):
+            w(f"| &nbsp; for comparison: curl of the new file / `openssl dgst -sha256` of the installed one | "
+              f"{fig([x['curl'] for x in s['reference']])} / {fig([x['dgst'] for x in s['reference']])} s |")
         w(f"| &nbsp; peak resident memory | {fig(s['peak_kib'], 1, 1 / 1024, 'MiB')} |")
         if s["curves"]:
             w(f"| &nbsp; resident memory over the run (MiB, one repetition) | {' → '.join(map(str, s['curves'][0]))} |")
@@ -242,7 +250,8 @@ def render(r):
           f"{fig([x['peak_kib'] for x in r['apply']['rows']], 1, 1 / 1024, 'MiB') if 'apply' in r else 'n/a'} |\n")
 
     if r.get("perf_apply"):
-        w("## Profile of one apply (item 1's data, `perf record -F 999 -g`, self time by library and symbol)\n")
+        w("## Profile of one apply (item 1's data, `perf record -F 999 -g`, all threads; self time by "
+          "thread and library, then by library and symbol)\n")
         w("```")
         out.extend(r["perf_apply"])
         w("```\n")
