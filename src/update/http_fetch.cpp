@@ -26,6 +26,7 @@ struct FileSink {
     qint64 offset;
     qint64 maxLength;    // the file may not grow beyond this; 0 or less: no bound
     qint64 length = 0;   // bytes the file holds
+    qint64 received = 0; // body bytes of this response written to the file
     bool opened = false;
     bool writeFailed = false;
     bool tooLarge = false;
@@ -78,7 +79,16 @@ struct FileSink {
                 return;
             }
             length += chunk.size();
+            received += chunk.size();
         }
+    }
+
+    // Qt now and then ends a response that the server cut off without reporting an error; the
+    // announced length tells such a short body from a complete one.
+    bool endedShort() const
+    {
+        const QVariant announced = reply->header(QNetworkRequest::ContentLengthHeader);
+        return opened && announced.isValid() && received < announced.toLongLong();
     }
 };
 
@@ -176,6 +186,9 @@ bool httpGetToFile(QNetworkAccessManager& network, const QString& url, const QSt
         request.setRawHeader("Range", "bytes=" + QByteArray::number(offset) + '-');
     ensureNetworkAccessible(network);
     QNetworkReply* reply = network.get(request);
+    // Back-pressure: Qt stops reading from the socket while this much waits unread, so a slow
+    // disk or a busy GUI thread never lets the body pile up in memory.
+    reply->setReadBufferSize(kHttpFileReadBufferBytes);
     FileSink sink(reply, filePath, offset, expectedSize);
     QTimer inactivity;
     QObject::connect(reply, &QNetworkReply::readyRead, &inactivity, [&inactivity, &sink] {
@@ -186,9 +199,16 @@ bool httpGetToFile(QNetworkAccessManager& network, const QString& url, const QSt
     // Data that came with the finished signal, or the open of an empty successful body.
     sink.drain();
 
-    const bool failed = sink.tooLarge || reply->error() != QNetworkReply::NoError;
+    const bool networkError = reply->error() != QNetworkReply::NoError;
+    const bool endedShort = !networkError && sink.endedShort();
+    const bool failed = sink.tooLarge || networkError || endedShort;
     if (sink.tooLarge)
         qWarning() << "[Update] GET(file) loi" << url << QStringLiteral("file larger than %1 bytes").arg(expectedSize);
+    else if (endedShort)
+        qWarning() << "[Update] GET(file) loi" << url
+                   << QStringLiteral("body ended after %1 of %2 bytes")
+                          .arg(sink.received)
+                          .arg(reply->header(QNetworkRequest::ContentLengthHeader).toLongLong());
     else if (failed)
         qWarning() << "[Update] GET(file) loi" << url << reply->errorString();
     reply->deleteLater();

@@ -7,6 +7,8 @@ class QNetworkAccessManager;
 
 constexpr int kHttpInactivityTimeoutMs = 10000;
 constexpr qint64 kHttpReadChunkBytes = 262144;
+// Unread bytes a file download may hold in memory before Qt stops reading the socket.
+constexpr qint64 kHttpFileReadBufferBytes = 4 * kHttpReadChunkBytes;
 
 // The one request shape of the updater: tolerant URL parsing, redirects followed unless they
 // go from HTTPS to HTTP, never answered from a cache, no headers of its own.

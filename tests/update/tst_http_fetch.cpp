@@ -404,9 +404,16 @@ void HttpFetchTest::fileConnectionClosed()
     QVERIFY(!httpGetToFile(network, server->url("body.bin"), path, offset));
     // What arrived stays: the caller resumes from the file's size.
     QCOMPARE(readFile(path), body.left(int(offset + closeAfter)));
-    QCOMPARE(capture->warnings(),
-             QStringList{QStringLiteral("[Update] GET(file) loi \"%1\" \"Connection closed\"")
-                             .arg(server->url("body.bin"))});
+    // Qt reports the cut as an error, or now and then ends the reply without one; then the
+    // announced length gives the short body away.
+    const QString line = QStringLiteral("[Update] GET(file) loi \"%1\" \"%2\"").arg(server->url("body.bin"));
+    const QStringList reported = capture->warnings();
+    const QStringList closed{line.arg(QStringLiteral("Connection closed"))};
+    const QStringList endedShort{line.arg(QStringLiteral("body ended after %1 of %2 bytes")
+                                              .arg(closeAfter)
+                                              .arg(body.size() - offset))};
+    if (reported != endedShort)
+        QCOMPARE(reported, closed);
 }
 
 void HttpFetchTest::fileCannotBeOpened()
