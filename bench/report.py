@@ -186,6 +186,9 @@ def render(r):
         w(f"| CPU seconds per MB transferred (whole process: start, manifest, transfer, stop) | "
           f"{fig([x['cpu'] / (x['transferred'] / 1e6) for x in rows], 4)} |")
         w(f"| peak resident memory | {fig([x['peak_kib'] for x in rows], 1, 1 / 1024, 'MiB')} |")
+        early = [x for x in rows if x.get("stopped") is False]
+        if early:
+            w(f"| runs in which the whole file arrived before the window ended | {len(early)} of {len(rows)} |")
         ps = r.get("prefetch_small")
         if ps and ps["rows"]:
             rows = ps["rows"]
@@ -204,6 +207,10 @@ def render(r):
               f"seconds from the request to the verified file (the cap allows no less than {capped:.2f} s) | "
               f"{' '.join(f'{x:.2f}' for x in race['seconds'])} |")
             w(f"| &nbsp; runs that took less than half the capped time | {len(fast)} of {len(race['seconds'])} |")
+            if race.get("bursts"):
+                slow = [b for b, x in zip(race["bursts"], race["seconds"]) if x >= capped / 2]
+                w(f"| &nbsp; largest growth of the `.part` within 20 ms (the budget allows 204800 bytes per 100 ms), "
+                  f"in the runs that kept the cap | {fig(slow, 0)} bytes |")
         w("")
     elif "streaming" in r:
         w("")
