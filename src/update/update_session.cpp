@@ -34,6 +34,10 @@ UpdateOutcome runUpdateSession(UpdateSession& session)
 {
     // A cut-short earlier apply is repaired even when this installation does not update itself.
     repairInterruptedApply(session);
+    // Staging left by a run that was killed after its files were moved into place would
+    // otherwise stay until the next real update; this run holds the updater lock, so nothing
+    // else uses it.
+    QDir(stagingDir(session)).removeRecursively();
 
     QString manifestUrl;
     QString baseUrl;

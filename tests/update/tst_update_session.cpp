@@ -90,6 +90,8 @@ private slots:
     void statusTexts();
     void stepsHappenInOrder();
     void runsWithoutStatusCallback();
+    void leftoverStagingIsRemoved_data();
+    void leftoverStagingIsRemoved();
     void changedFiles_data();
     void changedFiles();
     void changedFilesKeepManifestOrder();
@@ -334,6 +336,40 @@ void TestUpdateSession::runsWithoutStatusCallback()
     QTest::ignoreMessage(QtInfoMsg, "[Update] CAP NHAT THANH CONG -> \"4.3.0\"");
     QCOMPARE(int(runUpdateSession(session)), int(Updated));
     QCOMPARE(read(QStringLiteral("e.txt")), QByteArray("echo"));
+}
+
+void TestUpdateSession::leftoverStagingIsRemoved_data()
+{
+    QTest::addColumn<int>("scenario");
+    QTest::newRow("no configuration") << int(NoConfiguration);
+    QTest::newRow("installed build is newer") << int(UpToDateByBuild);
+    QTest::newRow("every file already current") << int(HashesAlreadyMatch);
+}
+
+// A run killed after its files were moved into place leaves staging behind, and the next run
+// finds nothing to download; whatever it decides, it does not keep that directory.
+void TestUpdateSession::leftoverStagingIsRemoved()
+{
+    QVERIFY(startServer());
+    QFETCH(int, scenario);
+    const QByteArray oldManifest = makeManifestJson(kOldVersion, 100, oldBuild());
+    publish(newBuild(), makeManifestJson(kNewVersion, 101, newBuild()));
+    if (scenario == HashesAlreadyMatch)
+        QVERIFY(prepare(newBuild(), oldManifest));
+    else if (scenario == UpToDateByBuild)
+        QVERIFY(prepare(oldBuild(), makeManifestJson(kOldVersion, 120, oldBuild())));
+    else
+        QVERIFY(prepare(oldBuild(), oldManifest));
+    if (scenario != NoConfiguration)
+        writeConfig();
+    QVERIFY(writeFile(QDir(installDir->path()).filePath(QStringLiteral(".staging/lib/c.dat")), "staged earlier"));
+
+    {
+        UpdateSession session;
+        fillSession(session, nullptr);
+        runUpdateSession(session);
+    }
+    QVERIFY(!QFileInfo::exists(QDir(installDir->path()).filePath(QStringLiteral(".staging"))));
 }
 
 void TestUpdateSession::changedFiles_data()
