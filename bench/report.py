@@ -68,7 +68,7 @@ def render(r):
     w(f"| CPU | {m['cpu']}, {m['cores']} cores ({m['virt']}) |")
     w(f"| memory | {m['memory_gib']} GiB |")
     w(f"| system | {m['distro']}, Linux {m['kernel']} |")
-    w(f"| data on | {m['filesystem']} |")
+    w(f"| data on | {' '.join(m['filesystem'].split())} |")
     w(f"| software | Qt {m['qt']}; {m['nginx']}; {m['curl'].split(' (')[0]}; {m['openssl']}; "
       f"{m['rsync']}; {m['coreutils']} |")
     w(f"| updater | {r.get('source', 'unknown')}, built RelWithDebInfo (-O2 -g) |")
@@ -77,8 +77,8 @@ def render(r):
     w("Everything runs on 127.0.0.1: nginx (one worker, `sendfile on`, default keep-alive of 1000 "
       "requests per connection) serves builds published with `corvanta-publish`; the data is "
       "generated from fixed seeds, so every run measures the same bytes. The page cache is warm "
-      "(the machine's memory holds every data set); before each timed step the installation is "
-      "freshly copied and `sync`ed, so no step pays for an earlier step's write-back.\n")
+      "(the machine's memory holds every data set); every apply starts from a fresh copy of build 1 "
+      "that has been written to disk (`sync`), so no step pays for an earlier step's write-back.\n")
 
     if "apply" in r:
         a = r["apply"]
@@ -151,7 +151,7 @@ def render(r):
 
     if "streaming" in r:
         s = r["streaming"]
-        w("## 4. Streaming: memory stays flat\n")
+        w("## 4. Streaming: memory of a 2 GiB apply and of a prefetch\n")
         w("| figure | value |\n|---|---|")
         w(f"| apply whose single changed file is {mib(s['bytes'], 0)}: wall | {fig(s['apply'])} s |")
         w(f"| &nbsp; hash pass / download + verify / replace | {fig(phase_values(s['phases'], 'check_and_hash'))} / "
@@ -225,10 +225,10 @@ def render(r):
         w("| figure | value |\n|---|---|")
         w(f"| `.part` left by the prefetch | {fig([y['part'] for y in rows], 0)} bytes |")
         w(f"| nginx sent to the prefetch before it stopped | {fig([y['prefetch_sent'] for y in rows], 0)} bytes |")
-        w(f"| killed apply: request | `Range: {x['first_range']}` |")
+        w(f"| killed apply: request (first repetition) | `Range: {x['first_range']}` |")
         w(f"| &nbsp; nginx sent / the staged copy had received past the `.part` | "
           f"{fig([y['first_sent'] for y in rows], 0)} / {fig([y['first_received'] for y in rows], 0)} bytes |")
-        w(f"| second apply: request | `Range: {x['second_range']}` |")
+        w(f"| second apply: request (first repetition) | `Range: {x['second_range']}` |")
         w(f"| &nbsp; nginx sent | {fig([y['second_sent'] for y in rows], 0)} bytes |")
         w(f"| &nbsp; bytes missing from the `.part` (file size − `.part`) | {fig([y['size'] - y['part'] for y in rows], 0)} bytes |")
         w(f"| bytes re-downloaded by the second apply (sent − missing) | "
