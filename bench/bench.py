@@ -36,7 +36,7 @@ class Sizes:
             self.real_bytes, self.real_files = 8 * MIB, 60
             self.small_counts = [10, 50]
             self.big_bytes = 16 * MIB
-            self.prefetch_bytes, self.prefetch_window = 32 * MIB, 1.5
+            self.prefetch_bytes, self.prefetch_window = 8 * MIB, 1.0
             self.prefetch_small_files = 6
             self.prefetch_race_runs, self.prefetch_race_bytes = 1, 1 * MIB
             # nginx's rate limit keeps even a prefetch that ignores its own cap from finishing the
