@@ -365,15 +365,30 @@ bool linesMatch(const QStringList& expected, const QStringList& actual)
     if (expected.size() != actual.size())
         return false;
     for (int i = 0; i < expected.size(); ++i) {
-        QStringList pieces = expected.at(i).split(QLatin1Char('*'));
-        for (QString& piece : pieces)
-            piece = QRegularExpression::escape(piece);
-        const QRegularExpression pattern(QStringLiteral("\\A") + pieces.join(QStringLiteral(".*")) + QStringLiteral("\\z"),
+        QStringList choices;
+        for (const QString& choice : expected.at(i).split(QStringLiteral(" ||| "))) {
+            QStringList pieces = choice.split(QLatin1Char('*'));
+            for (QString& piece : pieces)
+                piece = QRegularExpression::escape(piece);
+            choices.append(pieces.join(QStringLiteral(".*")));
+        }
+        const QRegularExpression pattern(QStringLiteral("\\A(?:") + choices.join(QLatin1Char('|')) + QStringLiteral(")\\z"),
                                          QRegularExpression::DotMatchesEverythingOption);
         if (!pattern.match(actual.at(i)).hasMatch())
             return false;
     }
     return true;
+}
+
+bool outcomeMatches(const HostileRow& row, const QStringList& actual)
+{
+    if (linesMatch(row.expected, actual))
+        return true;
+    for (const QStringList& alternative : row.alternatives) {
+        if (linesMatch(alternative, actual))
+            return true;
+    }
+    return false;
 }
 
 QString describeLines(const QStringList& expected, const QStringList& actual)

@@ -79,11 +79,16 @@ void TestHostilePrefetch::fault_data()
     // The two documents: one attempt each; any failure ends the run.
     QTest::newRow("manifest 404") << row(Publication::Normal, manifest, status(404), documentFailed);
     QTest::newRow("manifest 500") << row(Publication::Normal, manifest, status(500), documentFailed);
-    QTest::newRow("manifest cut mid-body") << row(Publication::Normal, manifest, cutAfter(200), documentFailed);
+    // A cut that Qt reports as a short but complete body fails the signature check instead.
+    HostileRow cutManifest = row(Publication::Normal, manifest, cutAfter(200), documentFailed);
+    cutManifest.alternatives = {rejectedSignature};
+    QTest::newRow("manifest cut mid-body") << cutManifest;
     QTest::newRow("manifest redirect loop")
         << row(Publication::Normal, manifest, redirect(QStringLiteral("b/manifest.json")), documentFailed);
     QTest::newRow("signature 403") << row(Publication::Normal, sig, status(403), documentFailed);
-    QTest::newRow("signature cut mid-body") << row(Publication::Normal, sig, cutAfter(20), documentFailed);
+    HostileRow cutSignature = row(Publication::Normal, sig, cutAfter(20), documentFailed);
+    cutSignature.alternatives = {rejectedSignature};
+    QTest::newRow("signature cut mid-body") << cutSignature;
     QTest::newRow("manifest wrong bytes") << row(Publication::Normal, manifest, corrupt(-1), rejectedSignature);
     QTest::newRow("signature of another manifest") << row(Publication::SignatureOfOtherManifest, QString(), {}, rejectedSignature);
     QTest::newRow("signed with an untrusted key") << row(Publication::OtherKey, QString(), {}, rejectedSignature);
@@ -113,18 +118,20 @@ void TestHostilePrefetch::fault_data()
         << row(Publication::Normal, file, status(503),
                start + fourTimes({fresh, QStringLiteral("[UpdatePrefetch] \"lib/c.bin\" HTTP 503 -> bo file nay")})
                    + QStringList{HostileBench::prefetchLeft()});
-    // Every cut keeps its bytes: the next attempt resumes where the last one ended.
+    // Every cut keeps its bytes: the next attempt resumes where the last one ended. A cut that
+    // Qt reports as a short but complete body fails the length check instead.
+    const QString shortBody = QStringLiteral(" ||| [UpdatePrefetch] \"lib/c.bin\" thieu byte sau khi tai xong -> bo");
     QTest::newRow("file cut mid-body")
         << row(Publication::Normal, file, cutAfter(5000),
                start
                    + QStringList{fresh,
-                                 QStringLiteral("[UpdatePrefetch] lib/c.bin dut o 5000 byte: *"),
+                                 QStringLiteral("[UpdatePrefetch] lib/c.bin dut o 5000 byte: *") + shortBody,
                                  QStringLiteral("[UpdatePrefetch] lib/c.bin resume tu 5000 byte"),
-                                 QStringLiteral("[UpdatePrefetch] lib/c.bin dut o 10000 byte: *"),
+                                 QStringLiteral("[UpdatePrefetch] lib/c.bin dut o 10000 byte: *") + shortBody,
                                  QStringLiteral("[UpdatePrefetch] lib/c.bin resume tu 10000 byte"),
-                                 QStringLiteral("[UpdatePrefetch] lib/c.bin dut o 15000 byte: *"),
+                                 QStringLiteral("[UpdatePrefetch] lib/c.bin dut o 15000 byte: *") + shortBody,
                                  QStringLiteral("[UpdatePrefetch] lib/c.bin resume tu 15000 byte"),
-                                 QStringLiteral("[UpdatePrefetch] lib/c.bin dut o 20000 byte: *"),
+                                 QStringLiteral("[UpdatePrefetch] lib/c.bin dut o 20000 byte: *") + shortBody,
                                  HostileBench::prefetchLeft()});
     // The last answer of the loop is a 302 like the others: a status other than 200 or 206.
     QTest::newRow("file redirect loop")
@@ -176,7 +183,7 @@ void TestHostilePrefetch::fault()
     QFETCH(HostileRow, row);
     const HostileResult result = bench.run(row);
     QVERIFY2(result.violations.isEmpty(), qPrintable(result.violations.join(QLatin1Char('\n'))));
-    QVERIFY2(linesMatch(row.expected, result.lines), qPrintable(describeLines(row.expected, result.lines)));
+    QVERIFY2(outcomeMatches(row, result.lines), qPrintable(describeLines(row.expected, result.lines)));
 }
 
 QTEST_GUILESS_MAIN(TestHostilePrefetch)
