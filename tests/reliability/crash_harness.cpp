@@ -23,6 +23,8 @@ const QString kVersion1 = QStringLiteral("5.0.1");
 const QString kVersion2 = QStringLiteral("5.1.0");
 constexpr qint64 kChunk = 1 << 20;
 constexpr int kRunTimeoutMs = 180000;
+// The log line that ends the staging download: "[Update] dung N / M file tu kho tam".
+constexpr char kApplyStartText[] = "file tu kho tam";
 
 // Writes `size` reproducible bytes that depend on seed and position; returns their SHA-256
 // (empty on a write failure). Generated in chunks, so large files never sit in memory.
@@ -236,7 +238,7 @@ CrashHarness::RunProfile CrashHarness::measureRun(QString* error)
             const QDateTime at = QDateTime::fromString(line.left(23), QStringLiteral("yyyy-MM-dd HH:mm:ss.zzz"));
             if (!at.isValid())
                 continue;
-            if (line.contains(QLatin1String("file tu kho tam")))
+            if (line.contains(QLatin1String(kApplyStartText)))
                 profile.applyFrom = at.toMSecsSinceEpoch() - startedAt;
             else if (line.contains(QLatin1String("CAP NHAT THANH CONG")))
                 profile.applyTo = at.toMSecsSinceEpoch() - startedAt;
@@ -268,10 +270,9 @@ CrashHarness::RunProfile CrashHarness::measureRuns(int runs, QString* error)
     return median;
 }
 
-TrialResult CrashHarness::runTrial(qint64 killAtMs)
+TrialResult CrashHarness::runTrial(const KillMoment& moment)
 {
     TrialResult result;
-    result.killAtMs = killAtMs;
     TestInstall install;
     if (!prepareInstall(install)) {
         result.violations.append(QStringLiteral("cannot prepare an installation"));
@@ -281,7 +282,18 @@ TrialResult CrashHarness::runTrial(qint64 killAtMs)
     QElapsedTimer clock;
     clock.start();
     std::unique_ptr<QProcess> process(install.start());
-    const qint64 left = killAtMs - clock.elapsed();
+    if (moment.fromApply) {
+        // The log is flushed line by line; polling it costs far less than the apply takes.
+        QFile log(install.logPath());
+        QByteArray seen;
+        // waitForFinished(1) is the pause between polls, and notices an early exit.
+        while (!seen.contains(kApplyStartText) && clock.elapsed() < kRunTimeoutMs && !process->waitForFinished(1)) {
+            if (log.isOpen() || log.open(QIODevice::ReadOnly))
+                seen += log.readAll();
+        }
+        clock.restart();
+    }
+    const qint64 left = moment.ms - clock.elapsed();
     if (left > 0)
         QThread::usleep(quint64(left) * 1000);
     process->kill();  // SIGKILL
@@ -393,22 +405,27 @@ void CrashHarness::checkFinal(const TestInstall& install, const QString& stage, 
         violations.append(QStringLiteral("%1: manifest.json is not build 2's").arg(stage));
 }
 
-QList<qint64> planKillMoments(const CrashHarness::RunProfile& profile, int trials, quint32 seed)
+QString describeKillMoment(const KillMoment& moment)
+{
+    return moment.fromApply ? QStringLiteral("%1 ms into the apply").arg(moment.ms, 5)
+                            : QStringLiteral("%1 ms after start").arg(moment.ms, 5);
+}
+
+QList<KillMoment> planKillMoments(const CrashHarness::RunProfile& profile, int trials, quint32 seed)
 {
     QRandomGenerator random(seed);
-    // A little before the staging download ends and after the run records the update.
-    const qint64 applyFrom = profile.applyFrom >= 0 ? qMax<qint64>(0, profile.applyFrom - 20) : 0;
-    const qint64 applyTo = profile.applyTo > applyFrom ? profile.applyTo + 20 : profile.total;
+    // Up to a little after the run records the update.
+    const qint64 applySpan = profile.applyTo >= profile.applyFrom && profile.applyFrom >= 0
+        ? profile.applyTo - profile.applyFrom + 20
+        : profile.total;
     const int overWholeRun = (trials + 1) / 2;
-    QList<qint64> moments;
+    QList<KillMoment> moments;
     for (int i = 0; i < trials; ++i) {
         const bool whole = i < overWholeRun;
         const int slices = whole ? overWholeRun : trials - overWholeRun;
         const int slice = whole ? i : i - overWholeRun;
-        const qint64 from = whole ? 0 : applyFrom;
-        const qint64 span = (whole ? profile.total : applyTo) - from;
         const double at = (slice + random.generateDouble()) / slices;
-        moments.append(from + qint64(at * double(span)));
+        moments.append({!whole, qint64(at * double(whole ? profile.total : applySpan))});
     }
     return moments;
 }

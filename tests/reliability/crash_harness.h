@@ -22,8 +22,17 @@ enum class KillPhase {
 };
 const char* killPhaseName(KillPhase phase);
 
+// When a trial's kill comes: `ms` after the process starts, or `ms` after its log says that the
+// staged files are about to be applied. Anchoring the second kind to the log keeps those kills
+// inside the apply however long the start-up and the download take on a busy or slow (sanitizer)
+// build.
+struct KillMoment {
+    bool fromApply = false;
+    qint64 ms = 0;
+};
+QString describeKillMoment(const KillMoment& moment);
+
 struct TrialResult {
-    qint64 killAtMs = 0;
     KillPhase phase = KillPhase::BeforeDownload;
     int newFiles = 0;        // build-2 contents in place at the kill (changed or added files)
     int backups = 0;         // ".bak" files at the kill
@@ -57,9 +66,9 @@ public:
     // The median of `runs` measurements, each of its three figures taken separately: one run
     // on a busy machine says little.
     RunProfile measureRuns(int runs, QString* error);
-    // One trial: a fresh installation of build 1, an apply killed after killAtMs, the check of
+    // One trial: a fresh installation of build 1, an apply killed at `moment`, the check of
     // what it left, a second uninterrupted run and the check that it yields build 2 exactly.
-    TrialResult runTrial(qint64 killAtMs);
+    TrialResult runTrial(const KillMoment& moment);
 
     int fileCount() const { return build2.size(); }
     qint64 build2Bytes() const;
@@ -81,5 +90,5 @@ private:
 
 // Kill moments for `trials` trials, stratified so that they are spread evenly: the first half
 // over the whole run, the second half over the apply window (the part of the run that changes
-// the installation), each moment drawn at random within its slice.
-QList<qint64> planKillMoments(const CrashHarness::RunProfile& profile, int trials, quint32 seed);
+// the installation) and a little beyond, each moment drawn at random within its slice.
+QList<KillMoment> planKillMoments(const CrashHarness::RunProfile& profile, int trials, quint32 seed);

@@ -40,14 +40,15 @@ int main(int argc, char** argv)
     int violating = 0;
     int missingWithBak = 0;
     int index = 0;
-    for (qint64 killAt : planKillMoments(profile, trials, seed)) {
-        const TrialResult result = harness.runTrial(killAt);
+    for (const KillMoment& moment : planKillMoments(profile, trials, seed)) {
+        const TrialResult result = harness.runTrial(moment);
         ++index;
         ++phases[QString::fromLatin1(killPhaseName(result.phase))];
         missingWithBak += result.missingWithBak > 0;
         if (!result.violations.isEmpty())
             ++violating;
-        std::printf("%4d kill at %5lld ms: %-16s %2d new, %2d .bak, %d only as .bak%s\n", index, killAt,
+        std::printf("%4d kill %s: %-16s %2d new, %2d .bak, %d only as .bak%s\n", index,
+                    qPrintable(describeKillMoment(moment)),
                     killPhaseName(result.phase), result.newFiles, result.backups, result.missingWithBak,
                     result.violations.isEmpty() ? "" : "  VIOLATION");
         for (const QString& v : result.violations)

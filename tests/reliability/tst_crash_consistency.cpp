@@ -31,18 +31,19 @@ void TestCrashConsistency::killedApplyIsRecoverable()
 
     QMap<QString, int> phases;
     QStringList violations;
-    for (qint64 killAt : planKillMoments(profile, kTrials, seed)) {
-        const TrialResult result = harness.runTrial(killAt);
+    for (const KillMoment& moment : planKillMoments(profile, kTrials, seed)) {
+        const TrialResult result = harness.runTrial(moment);
         ++phases[QString::fromLatin1(killPhaseName(result.phase))];
-        qInfo("kill at %lld ms: %s, %d new, %d .bak, %d only as .bak%s", killAt, killPhaseName(result.phase),
+        const QString killAt = describeKillMoment(moment);
+        qInfo("kill %s: %s, %d new, %d .bak, %d only as .bak%s", qPrintable(killAt), killPhaseName(result.phase),
               result.newFiles, result.backups, result.missingWithBak, result.violations.isEmpty() ? "" : " VIOLATED");
         for (const QString& v : result.violations)
-            violations.append(QStringLiteral("kill at %1 ms: ").arg(killAt) + v);
+            violations.append(QStringLiteral("kill %1: ").arg(killAt) + v);
     }
     for (auto it = phases.cbegin(); it != phases.cend(); ++it)
         qInfo("%s: %d", qPrintable(it.key()), it.value());
     QVERIFY2(violations.isEmpty(), qPrintable(violations.join(QLatin1Char('\n'))));
-    // Half of the moments fall into the apply window: a run that never got killed while it
+    // Half of the moments are aimed at the apply: a run that never got killed while it
     // changed the installation would prove nothing.
     QVERIFY2(phases.value(QStringLiteral("apply")) > 0, "no kill landed inside the apply");
 }
