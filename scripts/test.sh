@@ -1,5 +1,7 @@
 #!/usr/bin/env bash
-# Installs what is missing (as root, with apt-get), builds, and runs the whole test suite.
+# Installs what is missing (as root, with apt-get), builds, and runs the whole test suite: once
+# in the normal build, then once more built with AddressSanitizer and UndefinedBehaviorSanitizer
+# (SANITIZE=0 leaves that second pass out).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -16,4 +18,27 @@ cmake --build "$build"
 scripts/fuzz.sh "${FUZZ_SECONDS:-10}"
 
 # Many suites wait on real timers and processes rather than the CPU, so run more than one per core.
-ctest --test-dir "$build" --output-on-failure -j "$(( $(nproc) * 2 ))" ${CTEST_ARGS:-}
+jobs=$(( $(nproc) * 2 ))
+ctest --test-dir "$build" --output-on-failure -j "$jobs" ${CTEST_ARGS:-}
+
+# The same suite again, every program of it instrumented: a memory error, a leak of our own or
+# undefined behaviour ends the process that has it, and so fails its suite. Each report is also
+# a file in sanitizer-reports, so one from a process that no test checks the exit of (a run
+# killed on purpose) fails the pass too.
+if [[ ${SANITIZE:-1} != 0 ]]; then
+    cmake -S . -B "$build-asan" -G Ninja -DCORV_SANITIZE=ON ${CMAKE_ARGS:-}
+    cmake --build "$build-asan"
+    reports="$build-asan/sanitizer-reports"
+    rm -rf "$reports" && mkdir -p "$reports"
+    status=0
+    ctest --test-dir "$build-asan" --output-on-failure -j "$jobs" ${CTEST_ARGS:-} || status=$?
+    if [[ -n $(ls -A "$reports") ]]; then
+        for report in "$reports"/*; do
+            echo "==== sanitizer report $report"
+            cat "$report"
+        done
+        echo "sanitizer reports: $(ls "$reports" | wc -l)" >&2
+        exit 1
+    fi
+    exit "$status"
+fi
