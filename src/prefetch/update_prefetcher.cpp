@@ -97,16 +97,13 @@ void UpdatePrefetcher::sendGet(const QString& url, qint64 rangeFrom)
 
 void UpdatePrefetcher::limitDocumentSize(qint64 maxBytes)
 {
-    // The whole body of a document is kept in memory until it has arrived; Qt reads no further
-    // ahead than about one read chunk beyond the bound (see httpGet).
-    reply->setReadBufferSize(maxBytes + kHttpReadChunkBytes);
+    limitBodySize(*reply, maxBytes);
     QNetworkReply* document = reply;
     connect(document, &QNetworkReply::readyRead, this, [this, document, maxBytes] {
-        const qint64 announced = document->header(QNetworkRequest::ContentLengthHeader).toLongLong();
-        if (stopping || document != reply || qMax(document->bytesAvailable(), announced) <= maxBytes)
+        if (stopping || document != reply || !bodyExceedsLimit(*document, maxBytes))
             return;
         abortReply();
-        finish(QStringLiteral("tai manifest/sig hong -> thoi (updater se tu tai): body larger than %1 bytes").arg(maxBytes));
+        finish(QStringLiteral("tai manifest/sig hong -> thoi (updater se tu tai): ") + bodyTooLargeText(maxBytes));
     });
 }
 

@@ -12,12 +12,6 @@ namespace {
 
 constexpr int kMaxGetAttempts = 2;
 
-// The error text of a body cut off at its bound, in place of the network library's own.
-QString bodyTooLarge(qint64 maxBytes)
-{
-    return QStringLiteral("body larger than %1 bytes").arg(maxBytes);
-}
-
 // The body of one file fetch on its way to disk. The file is opened only once the status
 // is known, so an error answer never creates or truncates anything.
 struct FileSink {
@@ -128,6 +122,26 @@ void ensureNetworkAccessible(QNetworkAccessManager& network)
     QT_WARNING_POP
 }
 
+void limitBodySize(QNetworkReply& reply, qint64 maxBytes)
+{
+    // Qt stops reading from the socket shortly before this much waits unread, so a body beyond
+    // the bound never piles up in memory; one read chunk of room makes sure that the byte
+    // beyond the bound arrives.
+    reply.setReadBufferSize(maxBytes + kHttpReadChunkBytes);
+}
+
+bool bodyExceedsLimit(const QNetworkReply& reply, qint64 maxBytes)
+{
+    // The announced length alone may refuse the body before it comes.
+    const qint64 announced = reply.header(QNetworkRequest::ContentLengthHeader).toLongLong();
+    return qMax(reply.bytesAvailable(), announced) > maxBytes;
+}
+
+QString bodyTooLargeText(qint64 maxBytes)
+{
+    return QStringLiteral("body larger than %1 bytes").arg(maxBytes);
+}
+
 QByteArray httpGet(QNetworkAccessManager& network, const QString& url, bool& ok, qint64 maxBodyBytes)
 {
     ok = false;
@@ -138,13 +152,9 @@ QByteArray httpGet(QNetworkAccessManager& network, const QString& url, bool& ok,
                      [&inactivity] { inactivity.start(kHttpInactivityTimeoutMs); });
     bool tooLarge = false;
     if (maxBodyBytes >= 0) {
-        // Qt stops reading from the socket shortly before this much waits unread, so a body
-        // beyond the bound never piles up in memory; one read chunk of room makes sure that
-        // the byte beyond the bound arrives. The announced length alone may refuse it too.
-        reply->setReadBufferSize(maxBodyBytes + kHttpReadChunkBytes);
+        limitBodySize(*reply, maxBodyBytes);
         QObject::connect(reply, &QNetworkReply::readyRead, reply, [reply, maxBodyBytes, &tooLarge] {
-            const qint64 announced = reply->header(QNetworkRequest::ContentLengthHeader).toLongLong();
-            if (!tooLarge && qMax(reply->bytesAvailable(), announced) > maxBodyBytes) {
+            if (!tooLarge && bodyExceedsLimit(*reply, maxBodyBytes)) {
                 tooLarge = true;
                 reply->abort();
             }
@@ -154,7 +164,7 @@ QByteArray httpGet(QNetworkAccessManager& network, const QString& url, bool& ok,
 
     QByteArray body;
     if (tooLarge) {
-        qWarning() << "[Update] GET loi" << url << bodyTooLarge(maxBodyBytes);
+        qWarning() << "[Update] GET loi" << url << bodyTooLargeText(maxBodyBytes);
     } else if (reply->error() != QNetworkReply::NoError) {
         qWarning() << "[Update] GET loi" << url << reply->errorString();
     } else {

@@ -4,6 +4,7 @@
 #include <QString>
 
 class QNetworkAccessManager;
+class QNetworkReply;
 
 constexpr int kHttpInactivityTimeoutMs = 10000;
 constexpr qint64 kHttpReadChunkBytes = 262144;
@@ -23,6 +24,13 @@ QByteArray httpGet(QNetworkAccessManager& network, const QString& url, bool& ok,
                    qint64 maxBodyBytes = -1);
 QByteArray httpGetWithRetry(QNetworkAccessManager& network, const QString& url, bool& ok,
                             qint64 maxBodyBytes = -1);
+// The bound on a document body held in memory, shared by the blocking GETs and the prefetcher:
+// limitBodySize lets Qt read no further than one read chunk beyond maxBytes, bodyExceedsLimit
+// tells from the announced length or the bytes already there that the body is beyond it, and
+// bodyTooLargeText is the failure's text in the log.
+void limitBodySize(QNetworkReply& reply, qint64 maxBytes);
+bool bodyExceedsLimit(const QNetworkReply& reply, qint64 maxBytes);
+QString bodyTooLargeText(qint64 maxBytes);
 // Streams the body into filePath. offset > 0 asks for "Range: bytes=offset-": a 206 answer
 // is appended, a 200 answer rewrites the file from byte 0. With expectedSize > 0 the transfer
 // is aborted and fails as soon as the file would grow beyond that many bytes.
