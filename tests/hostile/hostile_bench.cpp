@@ -360,6 +360,19 @@ HostileResult HostileBench::run(const HostileRow& row)
     return result;
 }
 
+HostileRow makeRow(RunMode mode, Publication publication, const QString& rulePath, const TestServer::Rule& rule,
+                   const QStringList& expected, bool updates)
+{
+    HostileRow row;
+    row.mode = mode;
+    row.publication = publication;
+    row.rulePath = rulePath;
+    row.rule = rule;
+    row.expected = expected;
+    row.updates = updates;
+    return row;
+}
+
 bool linesMatch(const QStringList& expected, const QStringList& actual)
 {
     if (expected.size() != actual.size())

@@ -53,6 +53,10 @@ struct HostileRow {
 };
 Q_DECLARE_METATYPE(HostileRow)
 
+// A row whose server misbehaves at rulePath ("" for none) as rule says.
+HostileRow makeRow(RunMode mode, Publication publication, const QString& rulePath, const TestServer::Rule& rule,
+                   const QStringList& expected, bool updates = false);
+
 struct HostileResult {
     QStringList lines;       // the run's own log lines
     QStringList violations;  // broken invariants

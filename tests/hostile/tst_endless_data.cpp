@@ -5,26 +5,9 @@
 
 #include <QtTest>
 
+using namespace faults;
+
 namespace {
-
-TestServer::Rule endless()
-{
-    TestServer::Rule rule;
-    rule.endless = true;
-    return rule;
-}
-
-HostileRow makeRow(RunMode mode, Publication publication, const QString& rulePath, const TestServer::Rule& rule,
-                   const QStringList& expected)
-{
-    HostileRow r;
-    r.mode = mode;
-    r.publication = publication;
-    r.rulePath = rulePath;
-    r.rule = rule;
-    r.expected = expected;
-    return r;
-}
 
 const QString kTooLongFile = QStringLiteral("[UpdatePrefetch] \"lib/c.bin\" vuot qua 60000 byte cua manifest -> bo file nay");
 

@@ -4,38 +4,7 @@
 
 #include <QtTest>
 
-namespace {
-
-TestServer::Rule status(int code)
-{
-    TestServer::Rule rule;
-    rule.status = code;
-    return rule;
-}
-
-TestServer::Rule cutAfter(qint64 bytes)
-{
-    TestServer::Rule rule;
-    rule.closeAfterBytes = bytes;
-    return rule;
-}
-
-TestServer::Rule corrupt(int times)
-{
-    TestServer::Rule rule;
-    rule.corruptBody = true;
-    rule.times = times;
-    return rule;
-}
-
-TestServer::Rule redirect(const QString& to)
-{
-    TestServer::Rule rule;
-    rule.redirectTo = to;
-    return rule;
-}
-
-} // namespace
+using namespace faults;
 
 class TestHostileApply : public QObject {
     Q_OBJECT
@@ -56,16 +25,7 @@ void TestHostileApply::fault_data()
     const QString sig = QStringLiteral("manifest.json.sig");
     const QString file = QStringLiteral("lib/c.bin");
     auto row = [](Publication publication, const QString& rulePath, const TestServer::Rule& rule, const QStringList& expected,
-                  bool updates = false) {
-        HostileRow r;
-        r.mode = RunMode::Apply;
-        r.publication = publication;
-        r.rulePath = rulePath;
-        r.rule = rule;
-        r.expected = expected;
-        r.updates = updates;
-        return r;
-    };
+                  bool updates = false) { return makeRow(RunMode::Apply, publication, rulePath, rule, expected, updates); };
 
     // HTTP errors and broken transfers of the two documents: two attempts, then no update.
     QTest::newRow("manifest 404") << row(Publication::Normal, manifest, status(404), bench.applyManifestFails(manifest));

@@ -5,36 +5,9 @@
 
 #include <QtTest>
 
+using namespace faults;
+
 namespace {
-
-TestServer::Rule status(int code)
-{
-    TestServer::Rule rule;
-    rule.status = code;
-    return rule;
-}
-
-TestServer::Rule cutAfter(qint64 bytes)
-{
-    TestServer::Rule rule;
-    rule.closeAfterBytes = bytes;
-    return rule;
-}
-
-TestServer::Rule corrupt(int times)
-{
-    TestServer::Rule rule;
-    rule.corruptBody = true;
-    rule.times = times;
-    return rule;
-}
-
-TestServer::Rule redirect(const QString& to)
-{
-    TestServer::Rule rule;
-    rule.redirectTo = to;
-    return rule;
-}
 
 // The same lines once per attempt: a file is tried four times before it is left.
 QStringList fourTimes(const QStringList& attempt)
@@ -63,13 +36,7 @@ void TestHostilePrefetch::fault_data()
     const QString sig = QStringLiteral("manifest.json.sig");
     const QString file = QStringLiteral("lib/c.bin");
     auto row = [](Publication publication, const QString& rulePath, const TestServer::Rule& rule, const QStringList& expected) {
-        HostileRow r;
-        r.mode = RunMode::Prefetch;
-        r.publication = publication;
-        r.rulePath = rulePath;
-        r.rule = rule;
-        r.expected = expected;
-        return r;
+        return makeRow(RunMode::Prefetch, publication, rulePath, rule, expected);
     };
     const QStringList documentFailed{QStringLiteral("[UpdatePrefetch] tai manifest/sig hong -> thoi (updater se tu tai): *")};
     const QStringList rejectedSignature{QStringLiteral("[UpdatePrefetch] CHU KY MANIFEST SAI -> khong tai san gi ca")};

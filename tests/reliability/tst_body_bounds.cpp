@@ -9,6 +9,8 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
+using namespace faults;
+
 #include <memory>
 
 Q_DECLARE_METATYPE(TestServer::Rule)
@@ -21,13 +23,6 @@ QByteArray bytesOf(int size)
     for (int i = 0; i < size; ++i)
         bytes[i] = char(i * 7 + (i >> 9));
     return bytes;
-}
-
-TestServer::Rule endless()
-{
-    TestServer::Rule rule;
-    rule.endless = true;
-    return rule;
 }
 
 } // namespace

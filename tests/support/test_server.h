@@ -73,3 +73,38 @@ private:
     int nextGeneration = 0;
     qint64 requestLogStart = 0;           // clearRequests() forgets what lies before this offset
 };
+
+// The rules the fault tables use most, by what they do.
+namespace faults {
+inline TestServer::Rule status(int code)
+{
+    TestServer::Rule rule;
+    rule.status = code;
+    return rule;
+}
+inline TestServer::Rule cutAfter(qint64 bytes)
+{
+    TestServer::Rule rule;
+    rule.closeAfterBytes = bytes;
+    return rule;
+}
+inline TestServer::Rule corrupt(int times)
+{
+    TestServer::Rule rule;
+    rule.corruptBody = true;
+    rule.times = times;
+    return rule;
+}
+inline TestServer::Rule redirect(const QString& to)
+{
+    TestServer::Rule rule;
+    rule.redirectTo = to;
+    return rule;
+}
+inline TestServer::Rule endless()
+{
+    TestServer::Rule rule;
+    rule.endless = true;
+    return rule;
+}
+} // namespace faults
