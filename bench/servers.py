@@ -72,15 +72,32 @@ class Request:
         self.request_time = float(fields[8])
 
 
-class Nginx:
+class _Daemon:
+    """A server process of the bench, on a free loopback port, with its files below `prefix`."""
+
+    def __init__(self, prefix):
+        self.prefix = prefix
+        self.process = None
+        self.port = None
+
+    def _launch(self, argv, log):
+        self.process = subprocess.Popen(argv, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        _wait_for_port(self.port, self.process, log)
+
+    def stop(self):
+        if self.process and self.process.poll() is None:
+            self.process.terminate()
+            self.process.wait(10)
+        self.process = None
+
+
+class Nginx(_Daemon):
     """nginx serving `root`; `rate_limited` maps a URI prefix to a per-connection limit_rate."""
 
     def __init__(self, prefix, root, rate_limited=None):
-        self.prefix = prefix
+        super().__init__(prefix)
         self.root = root
         self.rate_limited = rate_limited or {}
-        self.process = None
-        self.port = None
 
     def start(self):
         shutil.rmtree(self.prefix, ignore_errors=True)
@@ -91,15 +108,7 @@ class Nginx:
         with open(conf, "w") as f:
             f.write(_NGINX_CONF.format(prefix=self.prefix, root=self.root, port=self.port, extra=extra))
         log = os.path.join(self.prefix, "error.log")
-        self.process = subprocess.Popen(["/usr/sbin/nginx", "-p", self.prefix, "-c", conf, "-e", log],
-                                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        _wait_for_port(self.port, self.process, log)
-
-    def stop(self):
-        if self.process and self.process.poll() is None:
-            self.process.terminate()
-            self.process.wait(10)
-        self.process = None
+        self._launch(["/usr/sbin/nginx", "-p", self.prefix, "-c", conf, "-e", log], log)
 
     def url(self, path):
         return f"http://127.0.0.1:{self.port}/{path}"
@@ -119,15 +128,13 @@ class Nginx:
         return [Request(line.split("\t")) for line in lines if line.count("\t") == 8]
 
 
-class RsyncDaemon:
+class RsyncDaemon(_Daemon):
     """rsync --daemon in the foreground with one read-only module `name` serving `path`."""
 
     def __init__(self, prefix, name, path):
-        self.prefix = prefix
+        super().__init__(prefix)
         self.name = name
         self.path = path
-        self.process = None
-        self.port = None
 
     def start(self):
         shutil.rmtree(self.prefix, ignore_errors=True)
@@ -139,16 +146,8 @@ class RsyncDaemon:
                     f"use chroot = no\nuid = {os.getuid()}\ngid = {os.getgid()}\n"
                     f"[{self.name}]\n    path = {self.path}\n    read only = yes\n")
         log = os.path.join(self.prefix, "rsyncd.log")
-        self.process = subprocess.Popen(["rsync", "--daemon", "--no-detach", f"--config={conf}",
-                                         f"--port={self.port}", "--address=127.0.0.1"],
-                                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        _wait_for_port(self.port, self.process, log)
-
-    def stop(self):
-        if self.process and self.process.poll() is None:
-            self.process.terminate()
-            self.process.wait(10)
-        self.process = None
+        self._launch(["rsync", "--daemon", "--no-detach", f"--config={conf}", f"--port={self.port}",
+                      "--address=127.0.0.1"], log)
 
     def url(self):
         return f"rsync://127.0.0.1:{self.port}/{self.name}/"
