@@ -124,10 +124,10 @@ struct RepairArea {
 };
 
 // Up to 8 path segments of at most 100 bytes, without ".", "..", empty parts or NUL bytes.
-QString treePath(const QByteArray& spec)
+QString treePath(const QByteArray& raw)
 {
     QStringList parts;
-    for (QByteArray part : spec.split('/')) {
+    for (QByteArray part : raw.split('/')) {
         part.replace('\0', QByteArray());
         part = part.left(100);
         if (part.isEmpty() || part == "." || part == "..")
