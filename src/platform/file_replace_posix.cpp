@@ -78,20 +78,18 @@ int syncBeforeMove(const std::string& path, const struct stat& info)
     return S_ISREG(info.st_mode) || S_ISDIR(info.st_mode) ? syncPath(path) : 0;
 }
 
-// Makes the renames durable: every directory whose entries changed.
-int syncDirectories(const std::string& a, const std::string& b, const std::string& c = std::string())
+// Makes the new names durable: the directories they entered. A rename is one metadata
+// transaction of a journalling file system, so syncing the directory a name entered also
+// commits its removal from the directory it left; that one needs no fsync of its own.
+int syncDirectories(const std::string& a, const std::string& b = std::string())
 {
     const std::string dirA = parentDir(a);
-    const std::string dirB = parentDir(b);
     if (const int error = syncPath(dirA))
         return error;
-    if (dirB != dirA)
-        if (const int error = syncPath(dirB))
-            return error;
-    if (!c.empty()) {
-        const std::string dirC = parentDir(c);
-        if (dirC != dirA && dirC != dirB)
-            return syncPath(dirC);
+    if (!b.empty()) {
+        const std::string dirB = parentDir(b);
+        if (dirB != dirA)
+            return syncPath(dirB);
     }
     return 0;
 }
@@ -134,7 +132,7 @@ bool replaceFile(const std::string& replaced, const std::string& replacement, co
             return fail(error);
     if (::rename(replacement.c_str(), replaced.c_str()) != 0)
         return fail(errno);
-    if (const int error = syncDirectories(replaced, replacement, backup))
+    if (const int error = syncDirectories(replaced, backup))
         return fail(error);
     return true;
 }
@@ -154,7 +152,7 @@ bool moveFileReplaceWriteThrough(const std::string& from, const std::string& to)
         return fail(error);
     if (::rename(from.c_str(), to.c_str()) != 0)
         return fail(errno);
-    if (const int error = syncDirectories(to, from))
+    if (const int error = syncDirectories(to))
         return fail(error);
     return true;
 }
