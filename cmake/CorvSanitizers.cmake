@@ -39,8 +39,8 @@ if(CORV_SANITIZE)
   # Default runtime options compiled into every executable, so that ctest, the tests and the
   # processes they start all run the same way without environment variables.
   set(CORV_LSAN_SUPPRESSIONS "${PROJECT_SOURCE_DIR}/tests/sanitizer/lsan.supp")
-  # Where every sanitizer report is written (report.<pid>); scripts/test.sh fails when it is not
-  # empty after the suite.
+  # Where every sanitizer report is written (report.<pid>); scripts/test.sh fails when one of
+  # them holds a finding after the suite.
   set(CORV_SANITIZER_REPORTS "${CMAKE_BINARY_DIR}/sanitizer-reports")
   file(MAKE_DIRECTORY "${CORV_SANITIZER_REPORTS}")
   configure_file("${PROJECT_SOURCE_DIR}/tests/sanitizer/sanitizer_defaults.cpp.in"

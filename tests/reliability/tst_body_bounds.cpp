@@ -9,9 +9,9 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
-using namespace faults;
-
 #include <memory>
+
+using namespace faults;
 
 Q_DECLARE_METATYPE(TestServer::Rule)
 
