@@ -6,7 +6,8 @@
 // MoveFileExW(..., MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH), error codes from
 // GetLastError().
 // POSIX: the same contract. The installed name never goes missing: the old file is hard-linked
-// to the backup name, then the new file is renamed over it. "Write-through" means the moved
+// to the backup name (through a temporary name beside the replacement), then the new file is
+// renamed over it. "Write-through" means the moved
 // file and its directory are fsync'ed before the call reports success. errno values are
 // reported as the matching Windows error codes (ENOENT 2, EACCES/EPERM 5, EBUSY/ETXTBSY 32,
 // ENOSPC 112, EEXIST 183, ENOTEMPTY 145, EXDEV 17, ...).

@@ -94,11 +94,10 @@ int syncDirectories(const std::string& a, const std::string& b = std::string())
     return 0;
 }
 
-// Hard-links `existing` to `name` under a temporary name that is then renamed over `name`,
-// so an existing file under `name` is replaced atomically and is never missing either.
-int linkOver(const std::string& existing, const std::string& name)
+// Hard-links `existing` to `name` under the name `temporary` first, which is then renamed over
+// `name`, so an existing file under `name` is replaced atomically and is never missing either.
+int linkOver(const std::string& existing, const std::string& name, const std::string& temporary)
 {
-    const std::string temporary = name + ".link";
     ::unlink(temporary.c_str());
     if (::link(existing.c_str(), temporary.c_str()) != 0)
         return errno;
@@ -106,6 +105,15 @@ int linkOver(const std::string& existing, const std::string& name)
     // rename() does nothing when both names already are links to the same file.
     ::unlink(temporary.c_str());
     return error;
+}
+
+// The backup's temporary name lies beside the replacement, in the caller's working area (the
+// updater's ".staging"), so a process killed between the link and the rename leaves it there and
+// not among the installed files. A ':' appears in no name a manifest may give, so it never
+// stands for a staged file.
+std::string backupLinkName(const std::string& replacement)
+{
+    return replacement + ":backup";
 }
 
 } // namespace
@@ -128,7 +136,7 @@ bool replaceFile(const std::string& replaced, const std::string& replacement, co
     if (const int error = syncBeforeMove(replacement, newInfo))
         return fail(error);
     if (!backup.empty())
-        if (const int error = linkOver(replaced, backup))
+        if (const int error = linkOver(replaced, backup, backupLinkName(replacement)))
             return fail(error);
     if (::rename(replacement.c_str(), replaced.c_str()) != 0)
         return fail(errno);
