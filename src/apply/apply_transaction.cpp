@@ -12,6 +12,8 @@
 
 namespace {
 
+const QLatin1String kBackupSuffix(".bak");
+
 bool isUpdaterItself(const UpdateSession& session, const QString& relPath)
 {
     // The whole relative path is compared, so only an entry at the top of the installation
@@ -19,23 +21,115 @@ bool isUpdaterItself(const UpdateSession& session, const QString& relPath)
     return !session.selfFileName.isEmpty() && relPath.compare(session.selfFileName, Qt::CaseInsensitive) == 0;
 }
 
+// What one apply has done so far, to be undone by a rollback.
+struct Transaction {
+    QList<QPair<QString, QString>> replaced;  // (backupPath, targetPath), in order of replacement
+    QStringList added;
+    // A build may change shape: an installed directory that becomes a file, or a file that
+    // becomes a directory. The obstacle is moved aside to "<name>.bak" like a backup:
+    // (asidePath, originalPath), in order.
+    QList<QPair<QString, QString>> movedAside;
+
+    // Moves whatever stands where `path` must be (a directory for a file, or a file for a
+    // directory) aside. False when that move failed.
+    bool clearShapeObstacle(const QString& path, bool wantDirectory)
+    {
+        const QFileInfo info(path);
+        // Nothing there, or the right shape already (a link to a directory counts as one).
+        if ((!info.exists() && !info.isSymLink()) || info.isDir() == wantDirectory)
+            return true;
+        const QString aside = path + kBackupSuffix;
+        if (!info.isDir())
+            QFile::remove(aside);  // a backup beside a file that exists is garbage, as in the repair
+        if (!moveWithoutReplacing(path, aside))
+            return false;
+        movedAside.append({aside, path});
+        return true;
+    }
+
+    // Every directory above `target` that is a file in the installation is moved aside.
+    bool clearParents(const QString& appDir, const QString& relPath)
+    {
+        const QStringList parts = relPath.split(QLatin1Char('/'));
+        QString path = appDir;
+        for (int i = 0; i + 1 < parts.size(); ++i) {
+            path += QLatin1Char('/') + parts.at(i);
+            if (!clearShapeObstacle(path, true))
+                return false;
+        }
+        return true;
+    }
+
+    void commit()
+    {
+        for (const auto& pair : replaced)
+            QFile::remove(pair.first);
+        for (const auto& pair : movedAside)
+            removeTree(pair.first);
+    }
+
+    void rollBack()
+    {
+        qWarning() << "[Update] ap that bai -> ROLLBACK";
+        // First to last, in the order the replacements were made.
+        for (const auto& pair : replaced)
+            moveFileWriteThrough(pair.first, pair.second);
+        for (const QString& path : added)
+            QFile::remove(path);
+        // Last to first: a file moved aside for a directory comes back once the directories
+        // made in its place, empty again now, are gone.
+        for (auto it = movedAside.crbegin(); it != movedAside.crend(); ++it) {
+            removeEmptyDirectories(it->second);
+            moveWithoutReplacing(it->first, it->second);
+        }
+    }
+
+    static void removeEmptyDirectories(const QString& path)
+    {
+        const QFileInfo info(path);
+        if (!info.isDir() || info.isSymLink() || info.isJunction())
+            return;
+        const QStringList children = QDir(path).entryList(QDir::Dirs | QDir::Hidden | QDir::NoDotAndDotDot);
+        for (const QString& child : children)
+            removeEmptyDirectories(path + QLatin1Char('/') + child);
+        QDir().rmdir(path);
+    }
+};
+
+// Checked again here, before anything is moved, so that no entry can name a file outside the
+// installation or one of the updater's own files, and no two entries can step on each other.
+bool isApplicable(const QList<StagedFile>& staged)
+{
+    QStringList paths;
+    for (const StagedFile& file : staged) {
+        if (safeRelativePath(file.relPath).isEmpty() || !reservedPathReason(file.relPath).isEmpty()) {
+            qWarning() << "[Update] thay" << file.relPath << "that bai";
+            return false;
+        }
+        paths.append(safeRelativePath(file.relPath));
+    }
+    QString conflicting;
+    if (!pathSetConflict(paths, &conflicting).isEmpty()) {
+        qWarning() << "[Update] thay" << conflicting << "that bai";
+        return false;
+    }
+    return true;
+}
+
 } // namespace
 
 bool applyStagedFiles(UpdateSession& session, const QList<StagedFile>& staged)
 {
-    QList<QPair<QString, QString>> replaced;  // (backupPath, targetPath), in order of replacement
-    QStringList added;
+    if (!isApplicable(staged)) {
+        qWarning() << "[Update] ap that bai -> ROLLBACK";
+        return false;
+    }
+    Transaction transaction;
     bool ok = true;
 
     for (const StagedFile& file : staged) {
-        // Checked again here so that no entry can name a file outside the installation.
-        const QString safePath = safeRelativePath(file.relPath);
-        if (safePath.isEmpty()) {
-            qWarning() << "[Update] thay" << file.relPath << "that bai";
-            ok = false;
-            break;
-        }
-        const QString target = session.appDir + QLatin1Char('/') + safePath;
+        const QString relPath = safeRelativePath(file.relPath);
+        const QString target = session.appDir + QLatin1Char('/') + relPath;
 
         if (isUpdaterItself(session, file.relPath)) {
             // The running executable cannot be replaced; its new version waits beside it.
@@ -45,6 +139,12 @@ bool applyStagedFiles(UpdateSession& session, const QList<StagedFile>& staged)
             continue;
         }
 
+        if (!transaction.clearParents(session.appDir, relPath) || !transaction.clearShapeObstacle(target, false)) {
+            qWarning() << "[Update] them moi" << file.relPath << "that bai, GetLastError="
+                       << corv::platform::lastError();
+            ok = false;
+            break;
+        }
         QDir().mkpath(QFileInfo(target).path());
         if (!QFileInfo::exists(target)) {
             if (!moveFileWriteThrough(file.stagedPath, target)) {
@@ -54,37 +154,45 @@ bool applyStagedFiles(UpdateSession& session, const QList<StagedFile>& staged)
                 ok = false;
                 break;
             }
-            added.append(target);
+            transaction.added.append(target);
             continue;
         }
 
-        const QString backup = target + QStringLiteral(".bak");
+        const QString backup = target + kBackupSuffix;
         if (!replaceInstalledFile(file.stagedPath, target, backup)) {
             qWarning() << "[Update] thay" << file.relPath << "that bai";
             ok = false;
             break;
         }
-        replaced.append({backup, target});
+        transaction.replaced.append({backup, target});
     }
 
     if (ok) {
-        for (const auto& pair : replaced)
-            QFile::remove(pair.first);
+        transaction.commit();
         return true;
     }
-
-    qWarning() << "[Update] ap that bai -> ROLLBACK";
-    // First to last, in the order the replacements were made.
-    for (const auto& pair : replaced)
-        moveFileWriteThrough(pair.first, pair.second);
-    for (const QString& path : added)
-        QFile::remove(path);
+    transaction.rollBack();
     return false;
 }
 
 void writeInstalledManifest(UpdateSession& session, const QByteArray& manifestBytes)
 {
-    QFile file(installedManifestPath(session.appDir));
-    if (file.open(QIODevice::WriteOnly | QIODevice::Truncate))
-        file.write(manifestBytes);
+    // Written whole in the updater's working directory, then renamed over the record with
+    // write-through: a run cut short leaves the old record or the new one, never a torn one.
+    const QString staging = stagingDir(session);
+    const QFileInfo stagingInfo(staging);
+    if (stagingInfo.isSymLink() || stagingInfo.isJunction() || (stagingInfo.exists() && !stagingInfo.isDir()))
+        removeTree(staging);
+    QDir().mkdir(staging);
+    const QString written = staging + QStringLiteral("/manifest.json");
+    QFile::remove(written);
+    QFile file(written);
+    if (file.open(QIODevice::WriteOnly | QIODevice::NewOnly) && file.write(manifestBytes) == manifestBytes.size()
+        && file.flush()) {
+        file.close();
+        moveFileWriteThrough(written, installedManifestPath(session.appDir));
+    }
+    file.close();
+    QFile::remove(written);
+    QDir().rmdir(staging);
 }

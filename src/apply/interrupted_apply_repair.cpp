@@ -20,9 +20,16 @@ bool isUpdaterDir(const QString& name)
     return name == QLatin1String(".update-cache") || name == QLatin1String(".staging");
 }
 
+bool isBackupName(const QString& name)
+{
+    return name.endsWith(kBackupSuffix, Qt::CaseInsensitive);
+}
+
 // Collects "*.bak" files (any letter case). Hidden files are skipped and hidden directories
 // not entered, except the updater's own directories at the top; symbolic links to
-// directories are not followed.
+// directories are not followed. A "*.bak" directory beside a file of its name without the
+// suffix, or without anything of that name, is what an apply moved aside when the new build
+// put a file where a directory was: it is collected, not entered.
 void collectBackups(const QString& dir, bool top, QStringList& found)
 {
     QDirIterator it(dir, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
@@ -32,9 +39,11 @@ void collectBackups(const QString& dir, bool top, QStringList& found)
         if (info.isDir()) {
             if (info.isSymLink() || info.isJunction() || (info.isHidden() && !(top && isUpdaterDir(info.fileName()))))
                 continue;
-            collectBackups(info.filePath(), false, found);
-        } else if (info.isFile() && !info.isHidden()
-                   && info.fileName().endsWith(kBackupSuffix, Qt::CaseInsensitive)) {
+            if (isBackupName(info.fileName()) && !QFileInfo(info.filePath().chopped(kBackupSuffix.size())).isDir())
+                found.append(info.filePath());
+            else
+                collectBackups(info.filePath(), false, found);
+        } else if (info.isFile() && !info.isHidden() && isBackupName(info.fileName())) {
             found.append(info.filePath());
         }
     }
@@ -52,9 +61,9 @@ void repairInterruptedApply(UpdateSession& session)
     for (const QString& bak : backups) {
         const QString orig = bak.left(bak.size() - kBackupSuffix.size());
         if (QFileInfo::exists(orig)) {
-            if (QFile::remove(bak))
+            if (removeTree(bak))
                 ++cleaned;
-        } else if (moveFileWriteThrough(bak, orig)) {
+        } else if (QFileInfo(bak).isDir() ? moveWithoutReplacing(bak, orig) : moveFileWriteThrough(bak, orig)) {
             ++restored;
             qWarning() << "[Update] CUU duoc file thieu sau lan ap bi cat ngang:" << orig;
         }

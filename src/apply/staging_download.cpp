@@ -1,5 +1,6 @@
 #include "apply/staging_download.h"
 
+#include "apply/file_replacement.h"
 #include "apply/update_cache.h"
 #include "update/http_fetch.h"
 #include "update/sha256.h"
@@ -11,18 +12,6 @@
 #include <QFileInfo>
 
 namespace {
-
-// Deletes the staging tree; a link in its place is removed as a link, never followed.
-void removeStaging(const QString& staging)
-{
-    const QFileInfo info(staging);
-    if (info.isSymLink() || info.isJunction()) {
-        if (!QFile::remove(staging))
-            QDir().rmdir(staging);
-        return;
-    }
-    QDir(staging).removeRecursively();
-}
 
 // QFile::copy refuses an existing destination, and copies in blocks, never the whole file.
 bool copyReplacing(const QString& from, const QString& to)
@@ -43,13 +32,13 @@ bool downloadToStaging(UpdateSession& session, const QList<ManifestFile>& change
 {
     const QString staging = stagingDir(session);
     // Whatever an earlier run left here is discarded, never reused.
-    removeStaging(staging);
+    removeTree(staging);
     QDir().mkpath(staging);
     int fromCache = 0;
 
     auto giveUp = [&](const ManifestFile& file) {
         qWarning() << "[Update] tai" << file.path << "that bai -> huy, chay ban hien tai";
-        removeStaging(staging);
+        removeTree(staging);
         return false;
     };
 
@@ -101,7 +90,7 @@ bool downloadToStaging(UpdateSession& session, const QList<ManifestFile>& change
         QFile::remove(dst);
         if (!httpGetToFile(session.network, url, dst, 0, file.size) || sha256OfFile(dst) != file.sha256) {
             qWarning() << "[Update] hash van lech" << file.path << "-> huy";
-            removeStaging(staging);
+            removeTree(staging);
             return false;
         }
         staged.append({dst, file.path});

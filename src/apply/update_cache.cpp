@@ -12,25 +12,6 @@
 #include <QJsonObject>
 #include <QRegularExpression>
 
-namespace {
-
-// Deletes a directory tree without ever following a symbolic link out of it: a link at the
-// top is removed as a link, and Qt's recursive removal does not descend into linked
-// directories.
-void removeTree(const QString& path)
-{
-    const QFileInfo info(path);
-    if (info.isSymLink() || info.isJunction()) {
-        if (!QFile::remove(path))
-            QDir().rmdir(path);
-        return;
-    }
-    if (info.isDir())
-        QDir(path).removeRecursively();
-}
-
-} // namespace
-
 QString updateCacheRoot()
 {
     return installationDir() + QStringLiteral("/.update-cache");

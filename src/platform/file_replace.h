@@ -21,13 +21,18 @@ bool replaceFile(const std::string& replaced, const std::string& replacement, co
 // MoveFileExW(from, to, MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH), flags value 9.
 bool moveFileReplaceWriteThrough(const std::string& from, const std::string& to);
 
+// MoveFileExW(from, to, MOVEFILE_WRITE_THROUGH): moves a file or a whole directory to a name
+// that does not exist yet; an existing `to` is never replaced.
+bool moveWriteThrough(const std::string& from, const std::string& to);
+
 // GetLastError() of this thread: the Windows error code of the last failed call above.
 unsigned long lastError();
 
 // Test hook: the next calls of `call` whose source path (the replacement file for
-// replaceFile, `from` for moveFileReplaceWriteThrough) equals `sourcePath` fail with `error`
-// without touching the disk, until clearInjectedFileFailures(). Nothing in the product sets it.
-enum class FileCall { ReplaceFile, MoveFile };
+// replaceFile, `from` for the moves) equals `sourcePath` fail with `error` without touching the
+// disk, until clearInjectedFileFailures(). ReplaceFileAfterRename lets replaceFile do its renames
+// and then fail as a failed directory sync would (POSIX only). Nothing in the product sets it.
+enum class FileCall { ReplaceFile, MoveFile, ReplaceFileAfterRename };
 void injectFileFailure(FileCall call, const std::string& sourcePath, unsigned long error);
 void clearInjectedFileFailures();
 

@@ -140,8 +140,18 @@ bool replaceFile(const std::string& replaced, const std::string& replacement, co
             return fail(error);
     if (::rename(replacement.c_str(), replaced.c_str()) != 0)
         return fail(errno);
-    if (const int error = syncDirectories(replaced, backup))
-        return fail(error);
+    unsigned long injected = 0;
+    const int syncError = injectedFileFailure(FileCall::ReplaceFileAfterRename, replacement, injected)
+                              ? EIO
+                              : syncDirectories(replaced, backup);
+    if (syncError != 0) {
+        // A failure means what it means on Windows: the old content under the installed name,
+        // the new one still staged. Otherwise a caller's fallback would move the new file over
+        // the backup that holds the only old copy.
+        if (!backup.empty() && ::link(replaced.c_str(), replacement.c_str()) == 0)
+            linkOver(backup, replaced, backupLinkName(replacement));
+        return fail(syncError);
+    }
     return true;
 }
 
@@ -157,6 +167,25 @@ bool moveFileReplaceWriteThrough(const std::string& from, const std::string& to)
     if (::lstat(to.c_str(), &toInfo) == 0 && S_ISDIR(toInfo.st_mode))
         return fail(EACCES);
     if (const int error = syncBeforeMove(from, fromInfo))
+        return fail(error);
+    if (::rename(from.c_str(), to.c_str()) != 0)
+        return fail(errno);
+    if (const int error = syncDirectories(to))
+        return fail(error);
+    return true;
+}
+
+bool moveWriteThrough(const std::string& from, const std::string& to)
+{
+    if (failInjected(FileCall::MoveFile, from))
+        return false;
+    struct stat info {};
+    struct stat existing {};
+    if (::lstat(from.c_str(), &info) != 0)
+        return fail(errno);
+    if (::lstat(to.c_str(), &existing) == 0)
+        return fail(EEXIST);
+    if (const int error = syncBeforeMove(from, info))
         return fail(error);
     if (::rename(from.c_str(), to.c_str()) != 0)
         return fail(errno);

@@ -70,6 +70,16 @@ bool moveFileReplaceWriteThrough(const std::string& from, const std::string& to)
         != FALSE;
 }
 
+bool moveWriteThrough(const std::string& from, const std::string& to)
+{
+    if (failInjected(FileCall::MoveFile, from))
+        return false;
+    std::wstring wideFrom, wideTo;
+    if (!toWide(from, wideFrom) || !toWide(to, wideTo))
+        return false;
+    return MoveFileExW(wideFrom.c_str(), wideTo.c_str(), MOVEFILE_WRITE_THROUGH) != FALSE;
+}
+
 unsigned long lastError()
 {
     return GetLastError();

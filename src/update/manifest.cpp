@@ -1,6 +1,7 @@
 #include "update/manifest.h"
 
 #include <QDir>
+#include <QHash>
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -8,6 +9,7 @@
 #include <QJsonValue>
 #include <QStringList>
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 
@@ -29,7 +31,67 @@ qint64 integerOr(const QJsonValue& value, qint64 fallback)
     return qint64(number);
 }
 
+bool hasControlCharacter(const QString& text)
+{
+    return std::any_of(text.begin(), text.end(), [](QChar c) { return c.unicode() < 0x20 || c.unicode() == 0x7f; });
+}
+
+// Suffixes the updater gives files of its own beside installed files, in its cache and in staging.
+const QStringList kWorkingFileSuffixes = {QStringLiteral(".bak"), QStringLiteral(".new"), QStringLiteral(".part"),
+                                          QStringLiteral(".tmp")};
+
 } // namespace
+
+QString reservedPathReason(const QString& path)
+{
+    if (hasControlCharacter(path))
+        return QStringLiteral("control characters are not allowed in paths");
+    const QStringList parts = path.toCaseFolded().split(QLatin1Char('/'));
+    if (parts.first() == QLatin1String(".staging") || parts.first() == QLatin1String(".update-cache")
+        || (parts.size() == 1 && (parts.first() == QLatin1String("manifest.json")
+                                  || parts.first() == QLatin1String("manifest.json.sig")
+                                  || parts.first() == QLatin1String("updater.log"))))
+        return QStringLiteral("the updater keeps its own files under this name");
+    for (const QString& suffix : kWorkingFileSuffixes) {
+        if (parts.last().endsWith(suffix))
+            return QStringLiteral("the updater gives names ending in \"%1\" to files of its own").arg(suffix);
+    }
+    // A directory named "*.bak" is where an apply moves a directory that the new build replaces by a file.
+    for (const QString& part : parts) {
+        if (part.endsWith(kWorkingFileSuffixes.first()))
+            return QStringLiteral("the updater gives names ending in \".bak\" to directories of its own");
+    }
+    return QString();
+}
+
+QString pathSetConflict(const QStringList& paths, QString* path)
+{
+    const auto conflict = [path](const QString& at, const QString& reason) {
+        if (path)
+            *path = at;
+        return reason;
+    };
+    // Windows compares names without regard to letter case: two such paths are one file there.
+    QHash<QString, QString> byFolded;
+    for (const QString& each : paths) {
+        const QString folded = each.toCaseFolded();
+        const auto clash = byFolded.constFind(folded);
+        if (clash != byFolded.constEnd())
+            return conflict(each, *clash == each ? QStringLiteral("it is listed twice")
+                                                 : QStringLiteral("it differs from \"%1\" only in letter case, "
+                                                                  "and Windows cannot hold both").arg(*clash));
+        byFolded.insert(folded, each);
+    }
+    for (const QString& each : paths) {
+        const QString folded = each.toCaseFolded();
+        for (int slash = folded.indexOf(QLatin1Char('/')); slash > 0; slash = folded.indexOf(QLatin1Char('/'), slash + 1)) {
+            const auto file = byFolded.constFind(folded.left(slash));
+            if (file != byFolded.constEnd())
+                return conflict(each, QStringLiteral("\"%1\" is a file, not a directory").arg(*file));
+        }
+    }
+    return QString();
+}
 
 QString safeRelativePath(const QString& path)
 {
@@ -67,6 +129,7 @@ bool parseManifest(const QByteArray& bytes, Manifest* manifest)
     parsed.arch = root.value(QStringLiteral("arch")).toString();
 
     const QJsonArray files = root.value(QStringLiteral("files")).toArray();
+    QStringList paths;
     for (const QJsonValue& element : files) {
         const QJsonObject entry = element.toObject();
         ManifestFile file;
@@ -81,8 +144,17 @@ bool parseManifest(const QByteArray& bytes, Manifest* manifest)
         if (file.path.isEmpty())
             return false;
         parsed.files.append(file);
+        paths.append(file.path);
     }
-    if (parsed.fullVersion.isEmpty() || parsed.files.isEmpty())
+    if (parsed.fullVersion.isEmpty() || parsed.files.isEmpty() || hasControlCharacter(parsed.fullVersion))
+        return false;
+    // A build that cannot be applied as one transaction, or that would overwrite the updater's
+    // own files, is refused as a whole before anything is fetched.
+    for (const QString& path : paths) {
+        if (!reservedPathReason(path).isEmpty())
+            return false;
+    }
+    if (!pathSetConflict(paths).isEmpty())
         return false;
     *manifest = parsed;
     return true;

@@ -2,6 +2,7 @@
 #include <QByteArray>
 #include <QList>
 #include <QString>
+#include <QStringList>
 
 struct ManifestFile {
     QString path;    // normalised relative path with "/" separators
@@ -17,13 +18,24 @@ struct Manifest {
     QList<ManifestFile> files;
 };
 
-// Parses manifest bytes; fills *manifest only on success. One unsafe path rejects the whole
-// manifest.
+// Parses manifest bytes; fills *manifest only on success. One unsafe or reserved path, two
+// entries for one file, a file that is another entry's directory, or control characters in the
+// version reject the whole manifest.
 bool parseManifest(const QByteArray& bytes, Manifest* manifest);
 
 // The path-safety rule: the normalised relative path, or "" for a path that must be rejected
 // (empty, absolute, containing ":", or with a "." or ".." segment).
 QString safeRelativePath(const QString& path);
+
+// Why a build may not hold this normalised path, or "" when it may: the updater's own files
+// ("manifest.json", "updater.log", anything under ".staging" or ".update-cache"), names ending in
+// the suffixes of its working files (".bak", ".new", ".part", ".tmp"; a directory ending in
+// ".bak"), control characters. Letter case is ignored, as Windows ignores it.
+QString reservedPathReason(const QString& path);
+// Why these normalised paths cannot be applied as one transaction, or "" when they can: the same
+// path twice (letter case aside), or a path that is a file and a directory of another path.
+// *path, when given, is set to the path the conflict is found at.
+QString pathSetConflict(const QStringList& paths, QString* path = nullptr);
 
 // appDir joined with "manifest.json".
 QString installedManifestPath(const QString& appDir);

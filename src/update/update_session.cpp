@@ -1,6 +1,7 @@
 #include "update/update_session.h"
 
 #include "apply/apply_transaction.h"
+#include "apply/file_replacement.h"
 #include "apply/interrupted_apply_repair.h"
 #include "apply/staging_download.h"
 #include "apply/update_cache.h"
@@ -37,7 +38,7 @@ UpdateOutcome runUpdateSession(UpdateSession& session)
     // Staging left by a run that was killed after its files were moved into place would
     // otherwise stay until the next real update; this run holds the updater lock, so nothing
     // else uses it.
-    QDir(stagingDir(session)).removeRecursively();
+    removeTree(stagingDir(session));
 
     QString manifestUrl;
     QString baseUrl;
@@ -78,7 +79,7 @@ UpdateOutcome runUpdateSession(UpdateSession& session)
 
     reportStatus(session, QString::fromUtf8("Đang áp bản cập nhật…"));
     const bool applied = applyStagedFiles(session, staged);
-    QDir(stagingDir(session)).removeRecursively();
+    removeTree(stagingDir(session));
     if (!applied)
         return Failed;  // rolled back; the cache stays for the next attempt
 

@@ -5,6 +5,8 @@
 #include "update/update_session.h"
 
 #include <QDir>
+#include <QDirIterator>
+#include <QRegularExpression>
 #include <QFile>
 #include <QFileInfo>
 #include <QTemporaryDir>
@@ -37,7 +39,11 @@ private slots:
     void failureRollsBack_data();
     void failureRollsBack();
     void rollbackGoesOnAfterAFailedRestore();
-    void rollbackRunsFirstToLast();
+    void shapeChanges_data();
+    void shapeChanges();
+    void entriesThatStepOnEachOtherAreRefusedFirst_data();
+    void entriesThatStepOnEachOtherAreRefusedFirst();
+    void failureAfterTheRenameKeepsTheOnlyOldCopy();
     void hostilePathNeverLeavesTheInstallation_data();
     void hostilePathNeverLeavesTheInstallation();
     void installedManifest();
@@ -154,11 +160,6 @@ void ApplyTransactionTest::failureRollsBack_data()
     QTest::newRow("new file refused")
         << "c.dll" << false << 1
         << QStringList{"W [Update] them moi \"c.dll\" that bai, GetLastError= 5", "W [Update] ap that bai -> ROLLBACK"};
-    // A real failure: the new file's directory would have to be where a file is.
-    QTest::newRow("new file below an installed file")
-        << "a.dll/c.dll" << false << -1
-        << QStringList{"W [Update] them moi \"a.dll/c.dll\" that bai, GetLastError= 3",
-                       "W [Update] ap that bai -> ROLLBACK"};
 }
 
 void ApplyTransactionTest::failureRollsBack()
@@ -211,20 +212,115 @@ void ApplyTransactionTest::rollbackGoesOnAfterAFailedRestore()
     QVERIFY(!QFileInfo::exists(installed("b.dll.bak")));
 }
 
-void ApplyTransactionTest::rollbackRunsFirstToLast()
+void ApplyTransactionTest::shapeChanges_data()
 {
-    // "x" and "x.bak" are both installed files: replacing x writes over x.bak, and the order
-    // of the restoring moves decides which content each name ends with.
-    QVERIFY(writeFile(installed("x"), "old x"));
-    QVERIFY(writeFile(installed("x.bak"), "old x.bak"));
-    const QList<StagedFile> staged{stage("x", "new x"), stage("x.bak", "new x.bak"), stage("y", "new y")};
-    corv::platform::injectFileFailure(FileCall::MoveFile, native(staged[2].stagedPath), 5);
+    // Trees as "path=content"; a path ending in "/" is an empty directory.
+    QTest::addColumn<QStringList>("before");
+    QTest::addColumn<QStringList>("staged");
+    QTest::addColumn<QString>("failAt");  // the staged path whose move in is refused ("" for none)
+    QTest::addColumn<QStringList>("after");
+    const QStringList dirTree{"data/x.bin=old x", "data/sub/y.bin=old y", "keep.txt=k"};
+    QTest::newRow("directory becomes a file")
+        << dirTree << QStringList{"data=new data"} << "" << QStringList{"data=new data", "keep.txt=k"};
+    QTest::newRow("directory becomes a file, rolled back")
+        << dirTree << QStringList{"data=new data", "z.dll=new z"} << "z.dll" << dirTree;
+    const QStringList fileTree{"plugins=old plugins", "keep.txt=k"};
+    QTest::newRow("file becomes a directory")
+        << fileTree << QStringList{"plugins/a/x.so=new x", "plugins/y.so=new y"} << ""
+        << QStringList{"keep.txt=k", "plugins/a/x.so=new x", "plugins/y.so=new y"};
+    QTest::newRow("file becomes a directory, rolled back")
+        << fileTree << QStringList{"plugins/a/x.so=new x", "plugins/y.so=new y", "z.dll=new z"} << "z.dll" << fileTree;
+    QTest::newRow("file becomes a directory, its stale backup overwritten")
+        << QStringList{"plugins=old plugins", "plugins.bak=stale"} << QStringList{"plugins/x.so=new x", "z.dll=new z"}
+        << "z.dll" << QStringList{"plugins=old plugins"};
+    QTest::newRow("both at once, rolled back")
+        << QStringList{"a=old a", "b/c=old c", "d/e/f=old f"} << QStringList{"a/x=new x", "b=new b", "d/e=new e", "z=new z"}
+        << "z" << QStringList{"a=old a", "b/c=old c", "d/e/f=old f"};
+    // A directory of the application's own that a link stands for is left as the user made it.
+    QTest::newRow("a file below a directory link")
+        << QStringList{"real/x=old x", "linked->real"} << QStringList{"linked/x=new x"} << ""
+        << QStringList{"linked->real", "real/x=new x"};
+}
 
+void ApplyTransactionTest::shapeChanges()
+{
+    QFETCH(QStringList, before);
+    QFETCH(QStringList, staged);
+    QFETCH(QString, failAt);
+    QFETCH(QStringList, after);
+    QVERIFY(QFile::remove(installed("Updater.exe")));
+    const auto makeTree = [this](const QStringList& tree) {
+        for (const QString& entry : tree) {
+            if (entry.contains(QLatin1String("->")))
+                QVERIFY(QFile::link(entry.section(QLatin1String("->"), 1), installed(entry.section(QLatin1String("->"), 0, 0))));
+            else
+                QVERIFY(writeFile(installed(entry.section(QLatin1Char('='), 0, 0)), entry.section(QLatin1Char('='), 1).toUtf8()));
+        }
+    };
+    makeTree(before);
+    QList<StagedFile> files;
+    for (const QString& entry : staged) {
+        files.append(stage(entry.section(QLatin1Char('='), 0, 0), entry.section(QLatin1Char('='), 1).toUtf8()));
+        if (files.last().relPath == failAt)
+            corv::platform::injectFileFailure(FileCall::MoveFile, native(files.last().stagedPath), 5);
+    }
+    QCOMPARE(applyStagedFiles(*session, files), failAt.isEmpty());
+    QStringList tree;
+    QDirIterator it(dir->path(), QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden, QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        const QFileInfo info(it.next());
+        const QString rel = QDir(dir->path()).relativeFilePath(info.filePath());
+        if (rel.startsWith(QLatin1String(".staging")) || (info.isDir() && !info.isSymLink()))
+            continue;
+        tree.append(info.isSymLink() ? rel + QStringLiteral("->") + info.symLinkTarget().section(QLatin1Char('/'), -1)
+                                     : rel + QLatin1Char('=') + QString::fromUtf8(readFile(info.filePath())));
+    }
+    tree.sort();
+    QStringList expected = after;
+    expected.sort();
+    QCOMPARE(tree, expected);
+    if (!failAt.isEmpty())
+        QVERIFY(!QFileInfo(installed("plugins")).isDir() && !QFileInfo(installed("a")).isDir());
+}
+
+void ApplyTransactionTest::entriesThatStepOnEachOtherAreRefusedFirst_data()
+{
+    QTest::addColumn<QStringList>("paths");
+    QTest::addColumn<QString>("named");
+    QTest::newRow("one path twice") << QStringList{"a.dll", "b.dll", "a.dll"} << "a.dll";
+    QTest::newRow("twice but for letter case") << QStringList{"lib/A.dll", "LIB/a.dll"} << "LIB/a.dll";
+    QTest::newRow("a file and its directory") << QStringList{"a.dll", "a.dll/c.dll"} << "a.dll/c.dll";
+    QTest::newRow("a backup's name") << QStringList{"a.dll", "a.dll.bak"} << "a.dll.bak";
+}
+
+void ApplyTransactionTest::entriesThatStepOnEachOtherAreRefusedFirst()
+{
+    QFETCH(QStringList, paths);
+    QFETCH(QString, named);
+    QVERIFY(writeFile(installed("a.dll"), "old a"));
+    QList<StagedFile> files;
+    for (const QString& path : paths)
+        files.append(stage(path, "new " + path.toUtf8()));
+    LogCapture capture;
+    QVERIFY(!applyStagedFiles(*session, files));
+    QCOMPARE(capture.lines(), (QStringList{"W [Update] thay \"" + named + "\" that bai", "W [Update] ap that bai -> ROLLBACK"}));
+    QCOMPARE(filesBelow(dir->path()).filter(QRegularExpression(QStringLiteral("^[^.]"))), (QStringList{"Updater.exe", "a.dll"}));
+    QCOMPARE(readFile(installed("a.dll"), kMissing), QByteArray("old a"));
+}
+
+void ApplyTransactionTest::failureAfterTheRenameKeepsTheOnlyOldCopy()
+{
+    // The in-place replacement renamed the new file in and then failed (a directory sync): the
+    // fallback's renames must not move the new file over the backup of the old one.
+    QVERIFY(writeFile(installed("a.dll"), "old a"));
+    QVERIFY(writeFile(installed("b.dll"), "old b"));
+    const QList<StagedFile> staged{stage("a.dll", "new a"), stage("b.dll", "new b"), stage("c.dll", "new c")};
+    corv::platform::injectFileFailure(FileCall::ReplaceFileAfterRename, native(staged[1].stagedPath), 0);
+    corv::platform::injectFileFailure(FileCall::MoveFile, native(staged[2].stagedPath), 5);
     QVERIFY(!applyStagedFiles(*session, staged));
-    // First (x.bak -> x), then second (x.bak.bak -> x.bak); last to first would give "old x".
-    QCOMPARE(readFile(installed("x"), kMissing), QByteArray("new x.bak"));
-    QCOMPARE(readFile(installed("x.bak"), kMissing), QByteArray("old x"));
-    QVERIFY(!QFileInfo::exists(installed("x.bak.bak")));
+    QCOMPARE(readFile(installed("a.dll"), kMissing), QByteArray("old a"));
+    QCOMPARE(readFile(installed("b.dll"), kMissing), QByteArray("old b"));
+    QCOMPARE(filesBelow(dir->path()).filter(QStringLiteral(".bak")), QStringList());
 }
 
 void ApplyTransactionTest::hostilePathNeverLeavesTheInstallation_data()

@@ -75,6 +75,16 @@ void InterruptedApplyRepairTest::repair_data()
         << Files{{".hidden.bak", "h"}, {".config/x.bak", "c"}, {"lib/.y.bak", "y"}, {".update-cache/.tmp/z.bak", "z"},
                  {"lib/.git/objects/o.bak", "o"}}
         << QStringList() << QString();
+    // What an apply moved aside when the new build put a file where a directory was.
+    QTest::newRow("directory moved aside, its file never placed")
+        << Files{{"data.bak/x.bin", "x0"}, {"data.bak/sub/y.bin", "y0"}} << Files{{"data/x.bin", "x0"}, {"data/sub/y.bin", "y0"}}
+        << QStringList{"data"} << "I [Update] don .bak: khoi phuc 1 , don rac 0";
+    QTest::newRow("directory moved aside, its file placed")
+        << Files{{"data", "new"}, {"data.bak/x.bin", "x0"}, {"data.bak/z.bin.bak", "z0"}} << Files{{"data", "new"}}
+        << QStringList() << "I [Update] don .bak: khoi phuc 0 , don rac 1";
+    QTest::newRow("file moved aside, its directory made")
+        << Files{{"plugins.bak", "old"}, {"plugins/x.so", "new"}} << Files{{"plugins/x.so", "new"}}
+        << QStringList() << "I [Update] don .bak: khoi phuc 0 , don rac 1";
     QTest::newRow("other suffixes ignored")
         << Files{{"a.bak.txt", "1"}, {"b.bakk", "2"}, {"cbak", "3"}} << Files{{"a.bak.txt", "1"}, {"b.bakk", "2"}, {"cbak", "3"}}
         << QStringList() << QString();
@@ -94,8 +104,9 @@ void InterruptedApplyRepairTest::repair()
     QTemporaryDir dir;
     for (auto it = before.cbegin(); it != before.cend(); ++it)
         QVERIFY(writeFile(dir.filePath(it.key()), it.value()));
-    // A directory named like a backup is no candidate.
+    // A directory named like a backup beside a directory of its name is no candidate.
     QVERIFY(QDir(dir.path()).mkpath(QStringLiteral("folder.bak/inner")));
+    QVERIFY(QDir(dir.path()).mkpath(QStringLiteral("folder")));
     UpdateSession session;
     session.appDir = dir.path();
 
@@ -113,6 +124,7 @@ void InterruptedApplyRepairTest::repair()
     lines.sort();
     QCOMPARE(lines, expected);
     QCOMPARE(snapshot(dir.path()), after);
+    QVERIFY(QFileInfo(dir.filePath(QStringLiteral("folder.bak/inner"))).isDir());
     QVERIFY(QFileInfo(dir.filePath(QStringLiteral("folder.bak/inner"))).isDir());
 }
 

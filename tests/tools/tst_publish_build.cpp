@@ -153,7 +153,8 @@ void TestPublishBuild::init()
 QStringList TestPublishBuild::buildArgs(const QStringList& extra) const
 {
     return QStringList{QStringLiteral("build"), QStringLiteral("--input"), input, QStringLiteral("--out"), out,
-                       QStringLiteral("--version"), QStringLiteral("2.4.1"), QStringLiteral("--key"), privateKey}
+                       QStringLiteral("--version"), QStringLiteral("2.4.1"), QStringLiteral("--key"), privateKey,
+                       QStringLiteral("--build-number"), QStringLiteral("41")}
            + extra;
 }
 
@@ -161,7 +162,7 @@ void TestPublishBuild::publishesEveryFileWithSortedManifestAndSignature()
 {
     const BuildFiles build = sampleBuild();
     QVERIFY(writeBuild(input, build));
-    const ToolRun run = runPublishTool(buildArgs({QStringLiteral("--build-number"), QStringLiteral("41")}));
+    const ToolRun run = runPublishTool(buildArgs());
     QCOMPARE(run.exitCode, 0);
     QCOMPARE(run.err, QByteArray());
     QCOMPARE(QString::fromUtf8(run.out),
@@ -224,8 +225,9 @@ void TestPublishBuild::manifestHeader_data()
     QTest::addColumn<QVariantMap>("expected");  // every key but "files"
     const QVariantMap defaults{{QStringLiteral("fullVersion"), QStringLiteral("2.4.1")},
                                {QStringLiteral("product"), QStringLiteral("Corvanta")},
-                               {QStringLiteral("arch"), QStringLiteral("x64")}};
-    QTest::newRow("defaults, no build number") << QStringList{} << defaults;
+                               {QStringLiteral("arch"), QStringLiteral("x64")},
+                               {QStringLiteral("buildNumber"), 41.0}};
+    QTest::newRow("defaults") << QStringList{} << defaults;
     QVariantMap zero = defaults;
     zero.insert(QStringLiteral("buildNumber"), 0.0);
     QTest::newRow("build number 0") << QStringList{QStringLiteral("--build-number"), QStringLiteral("0")} << zero;
@@ -235,13 +237,13 @@ void TestPublishBuild::manifestHeader_data()
         << QStringList{QStringLiteral("--build-number"), QStringLiteral("9007199254740991")} << large;
     QTest::newRow("empty product and arch are left out")
         << QStringList{QStringLiteral("--product"), QString(), QStringLiteral("--arch"), QString()}
-        << QVariantMap{{QStringLiteral("fullVersion"), QStringLiteral("2.4.1")}};
+        << QVariantMap{{QStringLiteral("fullVersion"), QStringLiteral("2.4.1")}, {QStringLiteral("buildNumber"), 41.0}};
     QTest::newRow("other product and arch")
         << QStringList{QStringLiteral("--product"), QStringLiteral("Pendrovia"), QStringLiteral("--arch"),
                        QStringLiteral("arm64")}
         << QVariantMap{{QStringLiteral("fullVersion"), QStringLiteral("2.4.1")},
                        {QStringLiteral("product"), QStringLiteral("Pendrovia")},
-                       {QStringLiteral("arch"), QStringLiteral("arm64")}};
+                       {QStringLiteral("arch"), QStringLiteral("arm64")}, {QStringLiteral("buildNumber"), 41.0}};
 }
 
 void TestPublishBuild::manifestHeader()
@@ -382,12 +384,18 @@ void TestPublishBuild::refusesUnpublishableEntries_data()
     QTest::newRow("trailing blank") << QStringList{QStringLiteral("dir /x")} << noSpecial << QString()
                                     << QStringLiteral("dir ")
                                     << QStringLiteral("Windows drops a trailing dot or blank from file names");
-    const QString documents = QStringLiteral("the published manifest and its signature use this name");
+    const QString documents = QStringLiteral("the updater keeps its own files under this name");
     QTest::newRow("manifest.json") << QStringList{QStringLiteral("manifest.json")} << noSpecial << QString()
                                    << QStringLiteral("manifest.json") << documents;
     QTest::newRow("signature in other case") << QStringList{QStringLiteral("Manifest.JSON.sig")} << noSpecial
                                              << QString() << QStringLiteral("Manifest.JSON.sig") << documents;
-    const QString working = QStringLiteral("the updater keeps its own working files under this name");
+    const QString working = documents;
+    QTest::newRow("backup suffix") << QStringList{QStringLiteral("data/x.BAK")} << noSpecial << QString()
+                                   << QStringLiteral("data/x.BAK")
+                                   << QStringLiteral("the updater gives names ending in \".bak\" to files of its own");
+    QTest::newRow("partial download suffix") << QStringList{QStringLiteral("a.part")} << noSpecial << QString()
+                                             << QStringLiteral("a.part")
+                                             << QStringLiteral("the updater gives names ending in \".part\" to files of its own");
     QTest::newRow("staging directory") << QStringList{QStringLiteral(".staging/a.dll")} << noSpecial << QString()
                                        << QStringLiteral(".staging") << working;
     QTest::newRow("update cache") << QStringList{QStringLiteral(".update-cache/x")} << noSpecial << QString()
@@ -452,8 +460,8 @@ void TestPublishBuild::excludePatterns_data()
     QTest::addColumn<QStringList>("patterns");
     QTest::addColumn<QStringList>("published");
     const QStringList all{QStringLiteral("a.pdb"), QStringLiteral("app.exe"), QStringLiteral("bin/b.pdb"),
-                          QStringLiteral("bin/c.dll"), QStringLiteral("deep/sub/z.tmp"), QStringLiteral("logs/sub/y.txt"),
-                          QStringLiteral("logs/x.txt"), QStringLiteral("sub/z.tmp")};
+                          QStringLiteral("bin/c.dll"), QStringLiteral("deep/sub/z.log"), QStringLiteral("logs/sub/y.txt"),
+                          QStringLiteral("logs/x.txt"), QStringLiteral("sub/z.log")};
     const auto without = [&all](const QStringList& left) {
         QStringList files = all;
         for (const QString& file : left)
@@ -467,11 +475,11 @@ void TestPublishBuild::excludePatterns_data()
         << QStringList{QStringLiteral("logs")} << without({QStringLiteral("logs/x.txt"), QStringLiteral("logs/sub/y.txt")});
     QTest::newRow("directory named at any depth")
         << QStringList{QStringLiteral("sub")}
-        << without({QStringLiteral("deep/sub/z.tmp"), QStringLiteral("logs/sub/y.txt"), QStringLiteral("sub/z.tmp")});
-    QTest::newRow("path glob from the root only") << QStringList{QStringLiteral("sub/*.tmp")}
-                                                  << without({QStringLiteral("sub/z.tmp")});
-    QTest::newRow("star does not cross directories") << QStringList{QStringLiteral("*/z.tmp")}
-                                                     << without({QStringLiteral("sub/z.tmp")});
+        << without({QStringLiteral("deep/sub/z.log"), QStringLiteral("logs/sub/y.txt"), QStringLiteral("sub/z.log")});
+    QTest::newRow("path glob from the root only") << QStringList{QStringLiteral("sub/*.log")}
+                                                  << without({QStringLiteral("sub/z.log")});
+    QTest::newRow("star does not cross directories") << QStringList{QStringLiteral("*/z.log")}
+                                                     << without({QStringLiteral("sub/z.log")});
     QTest::newRow("leading slash anchors a name") << QStringList{QStringLiteral("/a.pdb")}
                                                   << without({QStringLiteral("a.pdb")});
     QTest::newRow("question mark") << QStringList{QStringLiteral("?.pdb")}
@@ -487,8 +495,8 @@ void TestPublishBuild::excludePatterns()
     QFETCH(QStringList, patterns);
     QFETCH(QStringList, published);
     for (const QString& file : {QStringLiteral("a.pdb"), QStringLiteral("app.exe"), QStringLiteral("bin/b.pdb"),
-                                QStringLiteral("bin/c.dll"), QStringLiteral("deep/sub/z.tmp"),
-                                QStringLiteral("logs/sub/y.txt"), QStringLiteral("logs/x.txt"), QStringLiteral("sub/z.tmp")})
+                                QStringLiteral("bin/c.dll"), QStringLiteral("deep/sub/z.log"),
+                                QStringLiteral("logs/sub/y.txt"), QStringLiteral("logs/x.txt"), QStringLiteral("sub/z.log")})
         QVERIFY(writeFile(input + QLatin1Char('/') + file, file.toUtf8()));
     QStringList args;
     for (const QString& pattern : patterns)
@@ -590,12 +598,19 @@ void TestPublishBuild::commandLineErrors_data()
     QTest::newRow("no --key") << QStringList{in, QStringLiteral("x"), QStringLiteral("--out"), QStringLiteral("y"),
                                              QStringLiteral("--version"), QStringLiteral("1")}
                               << QStringLiteral("build needs --key");
+    QTest::newRow("no --build-number") << QStringList{in, QStringLiteral("x"), QStringLiteral("--out"), QStringLiteral("y"),
+                                                      QStringLiteral("--version"), QStringLiteral("1"),
+                                                      QStringLiteral("--key"), QStringLiteral("k.pem")}
+                                       << QStringLiteral("build needs --build-number");
     const QStringList complete{in, QStringLiteral("x"), QStringLiteral("--out"), QStringLiteral("y"),
-                               QStringLiteral("--key"), QStringLiteral("k.pem")};
+                               QStringLiteral("--key"), QStringLiteral("k.pem"), QStringLiteral("--build-number"),
+                               QStringLiteral("3")};
+    QTest::newRow("control character in version") << complete + QStringList{QStringLiteral("--version"), QStringLiteral("2\n1")}
+                                                  << QStringLiteral("--version must not contain control characters");
     QTest::newRow("empty version") << complete + QStringList{QStringLiteral("--version"), QString()}
                                    << QStringLiteral("--version is empty");
     QTest::newRow("empty out") << QStringList{in, QStringLiteral("x"), QStringLiteral("--out"), QString(),
-                                              QStringLiteral("--key"), QStringLiteral("k.pem"),
+                                              QStringLiteral("--key"), QStringLiteral("k.pem"), QStringLiteral("--build-number"), QStringLiteral("1"),
                                               QStringLiteral("--version"), QStringLiteral("1")}
                                << QStringLiteral("--out is empty");
     for (const char* bad : {"-1", "1.5", "12x", "", "99999999999999999999"}) {

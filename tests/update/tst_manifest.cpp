@@ -127,9 +127,11 @@ void TestManifest::parseAccepts_data()
         << withFiles(R"([{"path": "bin\\x.dll", "sha256": "aa"}, {"path": "a//b/", "sha256": "bb"},
                         {"path": "...", "sha256": "cc"}, {"path": "..a/b..", "sha256": "dd"}])")
         << qint64(-1) << "5.0.153" << "" << "" << QStringList{"bin/x.dll|0|aa", "a/b|0|bb", "...|0|cc", "..a/b..|0|dd"};
-    QTest::newRow("duplicate paths are kept as published")
-        << withFiles(R"([{"path": "a", "sha256": "11"}, {"path": "A", "sha256": "22"}, {"path": "a", "sha256": "33"}])")
-        << qint64(-1) << "5.0.153" << "" << "" << QStringList{"a|0|11", "A|0|22", "a|0|33"};
+    QTest::newRow("names that only resemble reserved ones")
+        << withFiles(R"([{"path": "bin/manifest.json", "sha256": "aa"}, {"path": "x.bak2", "sha256": "bb"},
+                        {"path": "staging/a", "sha256": "cc"}, {"path": "a.tmp/b", "sha256": "dd"}])")
+        << qint64(-1) << "5.0.153" << "" << ""
+        << QStringList{"bin/manifest.json|0|aa", "x.bak2|0|bb", "staging/a|0|cc", "a.tmp/b|0|dd"};
     QTest::newRow("an entry skipped for its empty hash is never path-checked")
         << withFiles(R"([{"path": "../skip", "sha256": ""}, {"path": "C:/skip"}, {"path": "ok", "sha256": "aa"}])")
         << qint64(-1) << "5.0.153" << "" << "" << QStringList{"ok|0|aa"};
@@ -187,6 +189,17 @@ void TestManifest::parseRejects_data()
     QTest::newRow("alternate data stream") << withFiles(R"([{"path": "x:stream", "sha256": "aa"}])");
     QTest::newRow("unsafe path after a skipped and a good entry")
         << withFiles(R"([{"path": "../skip", "sha256": ""}, {"path": "ok", "sha256": "aa"}, {"path": "..", "sha256": "bb"}])");
+    // Builds that cannot be applied as one transaction, or that would overwrite the updater's own files.
+    QTest::newRow("one path twice") << withFiles(R"([{"path": "a", "sha256": "11"}, {"path": "b", "sha256": "22"}, {"path": "a", "sha256": "33"}])");
+    QTest::newRow("one path twice but for letter case") << withFiles(R"([{"path": "lib/A.dll", "sha256": "11"}, {"path": "LIB/a.DLL", "sha256": "22"}])");
+    QTest::newRow("one path twice after normalising") << withFiles(R"([{"path": "lib/a", "sha256": "11"}, {"path": "lib\\a", "sha256": "22"}])");
+    QTest::newRow("a file that is another entry's directory") << withFiles(R"([{"path": "plugins/x.so", "sha256": "11"}, {"path": "Plugins", "sha256": "22"}])");
+    QTest::newRow("a file that is a deeper entry's directory") << withFiles(R"([{"path": "a/b", "sha256": "11"}, {"path": "a/b/c/d", "sha256": "22"}])");
+    for (const char* path : {"x.bak", "lib/X.BAK", "old.bak/x", "updater.exe.new", "a.part", "state.tmp", "manifest.json",
+                             "Manifest.JSON", "manifest.json.sig", "updater.log", ".staging/a", ".update-cache/v/a", ".Staging",
+                             "tab\there", "a/\u007f"})
+        QTest::addRow("reserved path %s", path) << withFiles(QByteArray(R"([{"path": "ok", "sha256": "11"}, {"path": ")") + path + R"(", "sha256": "22"}])");
+    QTest::newRow("control character in the version") << QByteArray("{\"fullVersion\": \"2.0\\n\", \"files\": [{\"path\": \"a\", \"sha256\": \"aa\"}]}");
 }
 
 void TestManifest::parseRejects()
@@ -298,7 +311,7 @@ void TestManifest::hostileInputsNeverCrash_data()
                                              << QString() << false << QString();
     QTest::newRow("escaped NUL in a path")
         << withFiles(R"([{"path": "a\u0000b", "sha256": "aa"}])") << QStringLiteral("a") + QChar(0) + QStringLiteral("b")
-        << true << QStringLiteral("a") + QChar(0) + QStringLiteral("b");
+        << false << QStringLiteral("a") + QChar(0) + QStringLiteral("b");
     QTest::newRow("invalid UTF-8") << withFiles("[{\"path\": \"\xff\xfe\xc0\xaf\", \"sha256\": \"aa\"}]") << QString()
                                    << false << QString();
     QTest::newRow("lone surrogate escape")

@@ -4,7 +4,6 @@
 
 #include <QDir>
 #include <QFileInfo>
-#include <QHash>
 
 #include <algorithm>
 
@@ -138,14 +137,7 @@ QString unpublishableReason(const QString& relPath)
         if (!problem.isEmpty())
             return problem;
     }
-    const QString lower = relPath.toLower();
-    if (lower == QLatin1String("manifest.json") || lower == QLatin1String("manifest.json.sig"))
-        return QStringLiteral("the published manifest and its signature use this name");
-    const QString top = lower.section(QLatin1Char('/'), 0, 0);
-    if (top == QLatin1String(".staging") || top == QLatin1String(".update-cache")
-        || lower == QLatin1String("updater.log"))
-        return QStringLiteral("the updater keeps its own working files under this name");
-    return QString();
+    return reservedPathReason(relPath);
 }
 
 bool collectBuildFiles(const QString& inputDir, const ExcludeRules& excludes, QList<BuildFile>* files,
@@ -157,18 +149,16 @@ bool collectBuildFiles(const QString& inputDir, const ExcludeRules& excludes, QL
         return false;
     std::sort(files->begin(), files->end(),
               [](const BuildFile& a, const BuildFile& b) { return a.relPath < b.relPath; });
-    // Windows keeps one of two names that differ only in letter case: the other file's hash
+    // Two names that differ only in letter case are one file on Windows: the other file's hash
     // would never match and the installation would never be current.
-    QHash<QString, QString> byFoldedName;
-    for (const BuildFile& file : *files) {
-        const QString folded = file.relPath.toCaseFolded();
-        const auto clash = byFoldedName.constFind(folded);
-        if (clash != byFoldedName.constEnd()) {
-            *error = QStringLiteral("refusing \"%1\": it differs from \"%2\" only in letter case, "
-                                    "and Windows cannot hold both").arg(file.relPath, *clash);
-            return false;
-        }
-        byFoldedName.insert(folded, file.relPath);
+    QStringList paths;
+    for (const BuildFile& file : *files)
+        paths.append(file.relPath);
+    QString clashing;
+    const QString conflict = pathSetConflict(paths, &clashing);
+    if (!conflict.isEmpty()) {
+        *error = QStringLiteral("refusing \"%1\": %2").arg(clashing, conflict);
+        return false;
     }
     return true;
 }

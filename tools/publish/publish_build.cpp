@@ -11,6 +11,7 @@
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFileInfo>
+#include <QRegularExpression>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -18,8 +19,8 @@
 namespace {
 
 const char kHelp[] =
-    "Usage: corvanta-publish build --input DIR --out DIR --version V --key PRIVATE.pem\n"
-    "                              [--build-number N] [--product NAME] [--arch ARCH]\n"
+    "Usage: corvanta-publish build --input DIR --out DIR --version V --build-number N\n"
+    "                              --key PRIVATE.pem [--product NAME] [--arch ARCH]\n"
     "                              [--exclude GLOB]...\n"
     "\n"
     "Publishes the build in --input into --out, the directory served at the updater's\n"
@@ -30,8 +31,9 @@ const char kHelp[] =
     "  --input DIR         the build as it is to be installed\n"
     "  --out DIR           the published tree; created when missing, may hold an older build\n"
     "  --version V         fullVersion, e.g. 2.4.1\n"
-    "  --build-number N    buildNumber, a whole number >= 0; without it the updater compares\n"
-    "                      versions instead of build numbers\n"
+    "  --build-number N    buildNumber, a whole number >= 0, higher than every earlier build's:\n"
+    "                      the updater never installs a lower one, so an old signed manifest\n"
+    "                      replayed by a server cannot downgrade an installation\n"
     "  --product NAME      product (default Corvanta; empty leaves it out)\n"
     "  --arch ARCH         arch (default x64; empty leaves it out)\n"
     "  --key PRIVATE.pem   the P-256 signing key (corvanta-publish keygen)\n"
@@ -178,7 +180,7 @@ int runBuild(const QStringList& args)
     int exitCode = kExitOk;
     if (!parseCommandLine(parser, command, args, kHelp,
                           {QStringLiteral("input"), QStringLiteral("out"), QStringLiteral("version"),
-                           QStringLiteral("key")},
+                           QStringLiteral("key"), QStringLiteral("build-number")},
                           &exitCode))
         return exitCode;
 
@@ -186,13 +188,13 @@ int runBuild(const QStringList& args)
     manifest.fullVersion = parser.value(QStringLiteral("version"));
     if (manifest.fullVersion.isEmpty())
         return usageError(command, QStringLiteral("--version is empty"));
-    if (parser.isSet(QStringLiteral("build-number"))) {
-        bool ok = false;
-        manifest.buildNumber = parser.value(QStringLiteral("build-number")).toLongLong(&ok);
-        if (!ok || manifest.buildNumber < 0)
-            return usageError(command, QStringLiteral("--build-number must be a whole number >= 0, not \"%1\"")
-                                           .arg(parser.value(QStringLiteral("build-number"))));
-    }
+    if (manifest.fullVersion.contains(QRegularExpression(QStringLiteral("[\\x00-\\x1f\\x7f]"))))
+        return usageError(command, QStringLiteral("--version must not contain control characters"));
+    bool ok = false;
+    manifest.buildNumber = parser.value(QStringLiteral("build-number")).toLongLong(&ok);
+    if (!ok || manifest.buildNumber < 0)
+        return usageError(command, QStringLiteral("--build-number must be a whole number >= 0, not \"%1\"")
+                                       .arg(parser.value(QStringLiteral("build-number"))));
     manifest.product = parser.isSet(QStringLiteral("product")) ? parser.value(QStringLiteral("product"))
                                                                : QStringLiteral("Corvanta");
     manifest.arch = parser.isSet(QStringLiteral("arch")) ? parser.value(QStringLiteral("arch"))
