@@ -1,11 +1,11 @@
-#include "app/file_log.h"
-#include "app/instance_locks.h"
+#include "base/file_log.h"
 #include "app/launch_options.h"
-#include "app/network_guard.h"
 #include "app/outcome_message.h"
+#include "base/instance_locks.h"
+#include "base/network_guard.h"
 #include "prefetch/update_prefetcher.h"
+#include "session/apply_session.h"
 #include "ui/update_splash.h"
-#include "update/update_session.h"
 
 #include <QApplication>
 #include <QFileInfo>

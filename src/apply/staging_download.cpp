@@ -2,8 +2,8 @@
 
 #include "apply/file_replacement.h"
 #include "apply/update_cache.h"
+#include "base/sha256.h"
 #include "update/http_fetch.h"
-#include "update/sha256.h"
 #include "update/update_session.h"
 
 #include <QDebug>

@@ -1,8 +1,8 @@
 #include "apply/update_cache.h"
 
-#include "app/installation_dir.h"
 #include "apply/file_replacement.h"
-#include "update/sha256.h"
+#include "base/installation_dir.h"
+#include "base/sha256.h"
 
 #include <QDir>
 #include <QFile>

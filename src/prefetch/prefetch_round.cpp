@@ -2,7 +2,7 @@
 // refuse early when the download is too large or the disk too full.
 #include "prefetch/update_prefetcher.h"
 
-#include "app/installation_dir.h"
+#include "base/installation_dir.h"
 #include "update/manifest_eligibility.h"
 #include "update/manifest_signature.h"
 

@@ -2,7 +2,7 @@
 // then a length check, an incremental SHA-256 and the rename to the final cache name.
 #include "prefetch/update_prefetcher.h"
 
-#include "update/sha256.h"
+#include "base/sha256.h"
 
 #include <QDebug>
 #include <QDir>

@@ -1,11 +1,11 @@
 #include "prefetch/update_prefetcher.h"
 
-#include "app/installation_dir.h"
-#include "app/instance_locks.h"
-#include "app/network_guard.h"
+#include "base/installation_dir.h"
+#include "base/instance_locks.h"
+#include "base/network_guard.h"
+#include "base/sha256.h"
 #include "update/http_fetch.h"
 #include "update/manifest_signature.h"
-#include "update/sha256.h"
 #include "update/updater_config.h"
 
 #include <QDebug>

@@ -1,5 +1,5 @@
 // The updater executable as a whole: run modes, refusals, waits and the log it leaves behind.
-#include "app/instance_locks.h"
+#include "base/instance_locks.h"
 #include "support/helper_process.h"
 #include "support/test_install.h"
 

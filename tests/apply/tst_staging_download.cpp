@@ -1,4 +1,4 @@
-#include "app/installation_dir.h"
+#include "base/installation_dir.h"
 #include "apply/staging_download.h"
 #include "apply/update_cache.h"
 #include "support/log_capture.h"

@@ -1,4 +1,4 @@
-#include "app/installation_dir.h"
+#include "base/installation_dir.h"
 #include "apply/update_cache.h"
 #include "platform/file_replace.h"
 #include "support/test_files.h"

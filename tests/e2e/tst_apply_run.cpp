@@ -512,6 +512,8 @@ void TestApplyRun::failedApplyRollsBack()
                                {QStringLiteral("e.dat"), "E2"}};
     const QByteArray publishedManifest = makeManifestJson(QStringLiteral("7.1"), 7, published);
     QVERIFY(install.installBuild(installed, installedManifest));
+    // c.dat is a directory that the new build makes a file, and a directory of the user's blocks
+    // the name it would be moved aside to.
     QVERIFY(install.writeFile(QStringLiteral("c.dat/inside.txt"), "a directory, not a file"));
     QVERIFY(install.writeFile(QStringLiteral("c.dat.bak/inside.txt"), "in the way of the backup"));
     QVERIFY(install.writeFile(QStringLiteral(".update-cache/7.1/state.json"), "{}"));
@@ -522,9 +524,7 @@ void TestApplyRun::failedApplyRollsBack()
 
     COMPARE_LINES(updateLines(install),
                   (QStringList{QStringLiteral("[Update] dung 0 / 5 file tu kho tam"),
-                               QStringLiteral("[Update] ReplaceFile hong err= * va doi ten -> .bak cung hong err= * "
-                                              "(32=file dang bi giu, 5=khong du quyen/AV)"),
-                               QStringLiteral("[Update] thay \"c.dat\" that bai"),
+                               QStringLiteral("[Update] them moi \"c.dat\" that bai, GetLastError= 183"),
                                QStringLiteral("[Update] ap that bai -> ROLLBACK")}));
     QCOMPARE(site.requestedPaths(),
              (QStringList{QStringLiteral("app/manifest.json"), QStringLiteral("app/manifest.json.sig"),

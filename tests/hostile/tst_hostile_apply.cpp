@@ -70,7 +70,8 @@ void TestHostileApply::fault_data()
     QTest::newRow("installed build number replayed with other files")
         << row(Publication::SameBuildOtherContent, QString(), {}, {QStringLiteral("[Update] da moi nhat: \"1.0-replay\"")});
     for (const char* path : {"../escape.txt", "lib/../../escape.txt", "..\\escape.txt", "/tmp/escape.txt", "C:/escape.txt",
-                             "lib/./c.bin", "x:stream"}) {
+                             "lib/./c.bin", "x:stream", "LIB/C.BIN", "lib/c.bin/x", "lib/c.bin.bak", "manifest.json",
+                             ".staging/x", "updater.log"}) {
         HostileRow hostile = row(Publication::HostilePath, QString(), {}, {QStringLiteral("[Update] manifest hong")});
         hostile.hostilePath = QString::fromLatin1(path);
         QTest::newRow(qPrintable(QStringLiteral("one hostile path among 36: ") + hostile.hostilePath)) << hostile;

@@ -70,7 +70,8 @@ void TestHostilePrefetch::fault_data()
     QTest::newRow("installed build number replayed with other files")
         << row(Publication::SameBuildOtherContent, QString(), {},
                {QStringLiteral("[UpdatePrefetch] da moi nhat -> khong co gi de tai san")});
-    for (const char* path : {"../escape.txt", "lib/../../escape.txt", "/tmp/escape.txt", "C:/escape.txt"}) {
+    for (const char* path : {"../escape.txt", "lib/../../escape.txt", "/tmp/escape.txt", "C:/escape.txt", "LIB/C.BIN",
+                             ".update-cache/x"}) {
         HostileRow hostile = row(Publication::HostilePath, QString(), {}, {QStringLiteral("[UpdatePrefetch] manifest hong")});
         hostile.hostilePath = QString::fromLatin1(path);
         QTest::newRow(qPrintable(QStringLiteral("one hostile path among 36: ") + hostile.hostilePath)) << hostile;

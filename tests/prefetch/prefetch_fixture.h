@@ -2,8 +2,8 @@
 // Shared pieces of the prefetcher suites: a capture of every log message, deterministic file
 // contents, and a bench made of a temporary installation plus a fault-injecting server that
 // publishes builds under "b/".
-#include "app/installation_dir.h"
-#include "app/instance_locks.h"
+#include "base/installation_dir.h"
+#include "base/instance_locks.h"
 #include "prefetch/update_prefetcher.h"
 #include "support/test_files.h"
 #include "support/test_install.h"

@@ -350,7 +350,8 @@ void TestWriteThrough::tracedRun_data()
     const QStringList applied{QStringLiteral("bin/app.bin"), QStringLiteral("bin/app.bin.bak"),
                               QStringLiteral("data/a.txt"),  QStringLiteral("data/a.txt.bak"),
                               QStringLiteral("top.txt"),     QStringLiteral("top.txt.bak"),
-                              QStringLiteral("new/dir/c.txt"), QStringLiteral("updater.new")};
+                              QStringLiteral("new/dir/c.txt"), QStringLiteral("updater.new"),
+                              QStringLiteral("manifest.json")};
     const QString updated = QStringLiteral("[Update] CAP NHAT THANH CONG -> \"2.0\"");
     QTest::newRow("apply, downloading") << QStringList() << QStringList() << applied << updated;
     QTest::newRow("apply, from the prefetched cache")

@@ -5,8 +5,8 @@
 #include "published_file.h"
 #include "signing_key.h"
 
+#include "base/sha256.h"
 #include "update/manifest.h"
-#include "update/sha256.h"
 
 #include <QDir>
 #include <QElapsedTimer>

@@ -3,9 +3,9 @@
 #include "publish_commands.h"
 #include "signing_key.h"
 
+#include "base/sha256.h"
 #include "update/manifest.h"
 #include "update/manifest_signature.h"
-#include "update/sha256.h"
 
 #include <QDir>
 #include <QFile>

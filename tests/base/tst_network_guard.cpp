@@ -1,4 +1,4 @@
-#include "app/network_guard.h"
+#include "base/network_guard.h"
 
 #include <QNetworkAccessManager>
 #include <QSignalSpy>

@@ -1,4 +1,4 @@
-#include "app/installation_dir.h"
+#include "base/installation_dir.h"
 
 #include <QCoreApplication>
 #include <QDir>

@@ -1,4 +1,4 @@
-#include "update/sha256.h"
+#include "base/sha256.h"
 
 #include "support/test_files.h"
 

@@ -1,6 +1,6 @@
-#include "app/file_log.h"
+#include "base/file_log.h"
 
-#include "app/installation_dir.h"
+#include "base/installation_dir.h"
 
 #include <QDateTime>
 #include <QDir>

@@ -1,7 +1,7 @@
 // The apply session driven in-process: its status texts, the order of its steps as seen on
 // disk and in the log, and which installed files it counts as changed.
-#include "app/installation_dir.h"
-#include "update/update_session.h"
+#include "base/installation_dir.h"
+#include "session/apply_session.h"
 
 #include "support/test_files.h"
 #include "support/test_install.h"
@@ -443,4 +443,4 @@ void TestUpdateSession::changedFilesKeepManifestOrder()
 }
 
 QTEST_GUILESS_MAIN(TestUpdateSession)
-#include "tst_update_session.moc"
+#include "tst_apply_session.moc"

@@ -1,4 +1,4 @@
-#include "app/instance_locks.h"
+#include "base/instance_locks.h"
 
 #include <QDebug>
 

@@ -1,12 +1,12 @@
-#include "update/update_session.h"
+#include "session/apply_session.h"
 
 #include "apply/apply_transaction.h"
 #include "apply/file_replacement.h"
 #include "apply/interrupted_apply_repair.h"
 #include "apply/staging_download.h"
 #include "apply/update_cache.h"
+#include "base/sha256.h"
 #include "update/manifest_signature.h"
-#include "update/sha256.h"
 #include "update/updater_config.h"
 
 #include <QDir>

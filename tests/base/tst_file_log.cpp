@@ -1,5 +1,5 @@
-#include "app/file_log.h"
-#include "app/installation_dir.h"
+#include "base/file_log.h"
+#include "base/installation_dir.h"
 
 #include "support/test_files.h"
 
