@@ -9,6 +9,7 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QPair>
+#include <QSet>
 
 namespace {
 
@@ -29,6 +30,7 @@ struct Transaction {
     // becomes a directory. The obstacle is moved aside to "<name>.bak" like a backup:
     // (asidePath, originalPath), in order.
     QList<QPair<QString, QString>> movedAside;
+    QSet<QString> directoriesChecked;  // each directory is looked at once, not once per file
 
     // Moves whatever stands where `path` must be (a directory for a file, or a file for a
     // directory) aside. False when that move failed.
@@ -54,8 +56,11 @@ struct Transaction {
         QString path = appDir;
         for (int i = 0; i + 1 < parts.size(); ++i) {
             path += QLatin1Char('/') + parts.at(i);
+            if (directoriesChecked.contains(path))
+                continue;
             if (!clearShapeObstacle(path, true))
                 return false;
+            directoriesChecked.insert(path);
         }
         return true;
     }
