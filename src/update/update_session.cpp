@@ -1,5 +1,6 @@
 #include "update/update_session.h"
 
+#include "app/own_files.h"
 #include "apply/apply_transaction.h"
 #include "apply/interrupted_apply_repair.h"
 #include "apply/staging_download.h"
@@ -36,8 +37,8 @@ UpdateOutcome runUpdateSession(UpdateSession& session)
     repairInterruptedApply(session);
     // Staging left by a run that was killed after its files were moved into place would
     // otherwise stay until the next real update; this run holds the updater lock, so nothing
-    // else uses it.
-    QDir(stagingDir(session)).removeRecursively();
+    // else uses it. A link in its place is removed as a link, never followed.
+    removeOwnPath(stagingDir(session));
 
     QString manifestUrl;
     QString baseUrl;
@@ -78,7 +79,7 @@ UpdateOutcome runUpdateSession(UpdateSession& session)
 
     reportStatus(session, QString::fromUtf8("Đang áp bản cập nhật…"));
     const bool applied = applyStagedFiles(session, staged);
-    QDir(stagingDir(session)).removeRecursively();
+    removeOwnPath(stagingDir(session));
     if (!applied)
         return Failed;  // rolled back; the cache stays for the next attempt
 
