@@ -63,8 +63,16 @@ bool UpdatePrefetcher::start()
     stopping = false;
     if (!loadConfig())
         return false;
-    if (!tryAcquirePrefetchLock(prefetchLock)) {
-        qInfo() << "[UpdatePrefetch] mot luot tai khac dang chay -> bo qua";
+    platform::MutexFault fault;
+    if (!tryAcquirePrefetchLock(prefetchLock, &fault)) {
+        if (!logLockFault(fault, "[UpdatePrefetch]"))
+            qInfo() << "[UpdatePrefetch] mot luot tai khac dang chay -> bo qua";
+        return false;
+    }
+    // Looked at again now that the prefetch lock is held: an apply run that took its lock after
+    // the entry point looked has either seen this lock (and waits for it) or is seen here.
+    if (testNamedMutex(QLatin1String(kUpdaterMutexName), "[UpdatePrefetch]") != LockTest::Absent) {
+        prefetchLock.releaseAndClose();
         return false;
     }
     filesOk = 0;
