@@ -106,7 +106,7 @@ void clearUpdateCache()
     removeOwnPath(updateCacheRoot());
 }
 
-bool writeCacheState(const CacheState& state)
+bool writeCacheState(const CacheState& state, qint64* size)
 {
     if (state.fullVersion.isEmpty() || !ensureCacheVersionDir(state.fullVersion))
         return false;
@@ -132,7 +132,10 @@ bool writeCacheState(const CacheState& state)
     QFile tmp;
     if (!openOwnFile(tmp, tmpPath, QIODevice::WriteOnly | QIODevice::Truncate))
         return false;
-    tmp.write(QJsonDocument(root).toJson(QJsonDocument::Compact));
+    const QByteArray json = QJsonDocument(root).toJson(QJsonDocument::Compact);
+    if (size)
+        *size = json.size();
+    tmp.write(json);
     tmp.flush();
     tmp.close();
     // A crash leaves the old state.json or the new one, never a torn file.

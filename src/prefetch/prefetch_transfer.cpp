@@ -299,7 +299,7 @@ void UpdatePrefetcher::saveState(bool force)
                 entry.got = bytesHave;
         }
     }
-    writeCacheState(state);
+    writeState();
 }
 
 } // namespace corv
