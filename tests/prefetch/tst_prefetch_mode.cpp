@@ -4,6 +4,7 @@
 #include "support/helper_process.h"
 
 #include <QProcess>
+#include <QThread>
 #include <memory>
 
 namespace {
@@ -29,6 +30,7 @@ private slots:
 
     void anotherPrefetchRunning();
     void applyRunInProgress();
+    void startedTogetherWithAnApplyRun();
     void prefetchThenApplyTakesTheCache();
     void applicationEndingLeavesAPartForTheApply();
 
@@ -94,6 +96,46 @@ void TestPrefetchMode::applyRunInProgress()
     QVERIFY(releaseHelper(*apply));
     auto probe = holdLocks({prefetchLockName()});
     QVERIFY(probe);
+}
+
+// A prefetch and an apply run started together, a hundred times, the apply up to 9 ms later:
+// the prefetch gives way at once, or the apply waits for it, or it is over before the apply
+// begins. It never runs its round beside an apply run that holds the updater lock.
+void TestPrefetchMode::startedTogetherWithAnApplyRun()
+{
+    const QString waited = QStringLiteral("[Update] dang co luot tai san chay -> cho no dung, toi da 15 giay");
+    int gaveWay = 0;
+    int applyWaited = 0;
+    for (int trial = 0; trial < 100; ++trial) {
+        init();
+        HelperProcess prefetch(install->start({"--prefetch-only"}));
+        QThread::usleep(1000 * (trial % 10));
+        HelperProcess apply(install->start());
+        QVERIFY(prefetch->waitForFinished(30000) && apply->waitForFinished(30000));
+        QCOMPARE(prefetch->exitCode() + apply->exitCode(), 0);
+
+        // In the order of the file: no prefetch line after the first line of an apply session
+        // that did not wait.
+        const QList<LogEntry> log = readLogEntries(install->logPath());
+        int firstApply = -1;
+        int lastPrefetch = -1;
+        bool waits = false;
+        QStringList lines;
+        for (int i = 0; i < log.size(); ++i) {
+            lines.append(log.at(i).tag + QLatin1Char(' ') + log.at(i).text);
+            if (log.at(i).tag == QLatin1String("prefetch"))
+                lastPrefetch = i;
+            else if (log.at(i).text == waited)
+                waits = true;
+            else if (firstApply < 0)
+                firstApply = i;
+        }
+        QVERIFY2(waits || lastPrefetch < firstApply,
+                 qPrintable(QStringLiteral("trial %1:\n").arg(trial) + lines.join(QLatin1Char('\n'))));
+        gaveWay += lastPrefetch < 0 ? 1 : 0;
+        applyWaited += waits ? 1 : 0;
+    }
+    qInfo("prefetch gave way %d times, the apply waited %d times", gaveWay, applyWaited);
 }
 
 // While the application (a stand-in process) runs, the prefetch fetches the three changed files;
