@@ -19,11 +19,11 @@ bool splitOwnPath(const QString& path, std::string* base, std::string* relPath)
         baseDir = root;
     else
         baseDir = QFileInfo(clean).path();
-    const QString below = clean.mid(baseDir.size() + 1);
+    const QString below = clean.mid(baseDir.size() + (baseDir.endsWith(QLatin1Char('/')) ? 0 : 1));
     if (below.isEmpty() || baseDir.isEmpty())
         return false;
-    *base = QFile::encodeName(baseDir).toStdString();
-    *relPath = below.toUtf8().toStdString();
+    *base = QDir::toNativeSeparators(baseDir).toStdString();
+    *relPath = below.toStdString();
     return true;
 }
 

@@ -32,7 +32,7 @@ constexpr qint64 kPrefetchReadBufferBytes = 262144;
 constexpr qint64 kPrefetchDrainChunkBytes = 102400;
 constexpr qint64 kPrefetchHashChunkBytes = 4194304;
 constexpr qint64 kPrefetchStateSaveBytes = 1048576;
-// state.json is rewritten whole, and it grows with the plan (2.6 MB for 20,000 files). Writes
+// state.json is rewritten whole, and it grows with the plan (some 3 MB for 20,000 files). Writes
 // are at least a second apart, and further apart for a large state, so that rewriting it costs
 // no more than 16,000 bytes a second: 1/64 of the transfer rate. Requests in between are
 // folded into the next write; the end of a run always writes at once.
