@@ -1,6 +1,7 @@
 #include "apply/apply_transaction.h"
 
 #include "apply/file_replacement.h"
+#include "base/own_files.h"
 #include "platform/file_replace.h"
 #include "update/update_session.h"
 
@@ -70,7 +71,7 @@ struct Transaction {
         for (const auto& pair : replaced)
             QFile::remove(pair.first);
         for (const auto& pair : movedAside)
-            removeTree(pair.first);
+            removeOwnPath(pair.first);
     }
 
     void rollBack()
@@ -185,19 +186,14 @@ void writeInstalledManifest(UpdateSession& session, const QByteArray& manifestBy
     // Written whole in the updater's working directory, then renamed over the record with
     // write-through: a run cut short leaves the old record or the new one, never a torn one.
     const QString staging = stagingDir(session);
-    const QFileInfo stagingInfo(staging);
-    if (stagingInfo.isSymLink() || stagingInfo.isJunction() || (stagingInfo.exists() && !stagingInfo.isDir()))
-        removeTree(staging);
-    QDir().mkdir(staging);
     const QString written = staging + QStringLiteral("/manifest.json");
-    QFile::remove(written);
-    QFile file(written);
-    if (file.open(QIODevice::WriteOnly | QIODevice::NewOnly) && file.write(manifestBytes) == manifestBytes.size()
+    QFile file;
+    if (openOwnFile(file, written, QIODevice::WriteOnly) && file.write(manifestBytes) == manifestBytes.size()
         && file.flush()) {
         file.close();
         moveFileWriteThrough(written, installedManifestPath(session.appDir));
     }
     file.close();
-    QFile::remove(written);
+    removeOwnPath(written);
     QDir().rmdir(staging);
 }
