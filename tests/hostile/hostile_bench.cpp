@@ -13,8 +13,6 @@
 #include <QProcess>
 #include <QRegularExpression>
 
-#include <unistd.h>
-
 namespace {
 
 QByteArray pattern(int size, quint32 seed)
@@ -119,7 +117,7 @@ bool plantLink(const HostileRow& row, const TestInstall& install, const QString&
     if (!QDir().mkpath(QFileInfo(path).path()))
         return false;
     if (row.link == Link::Hard)
-        return ::link(QFile::encodeName(target).constData(), QFile::encodeName(path).constData()) == 0;
+        return QProcess::execute(QStringLiteral("ln"), {target, path}) == 0;
     return QFile::link(target, path);
 }
 
