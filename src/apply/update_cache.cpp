@@ -93,8 +93,9 @@ QString findCompleteCachedFile(const QString& version, const ManifestFile& file)
     const QFileInfo info(path);
     if (!info.exists())
         return QString();
-    // A wrong size rules the file out before it is read at all.
-    if (file.size > 0 && info.size() != file.size)
+    // A wrong size rules the file out before it is read at all (an entry without a size, -1,
+    // leaves it to the hash).
+    if (file.size >= 0 && info.size() != file.size)
         return QString();
     if (sha256OfFile(path) != file.sha256)
         return QString();

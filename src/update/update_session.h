@@ -1,9 +1,9 @@
 #pragma once
+#include "update/bounded_network_access.h"
 #include "update/manifest.h"
 #include "update/update_outcome.h"
 
 #include <QList>
-#include <QNetworkAccessManager>
 #include <QString>
 #include <functional>
 
@@ -13,7 +13,7 @@ struct UpdateSession {
     QString appDir;        // directory of the running updater: the installation directory
     QString selfFileName;  // the updater's own file name, without directory
     std::function<void(const QString&)> onStatus;  // may be empty
-    QNetworkAccessManager network;
+    BoundedNetworkAccessManager network;
 };
 
 // One apply run: repair, configuration, trusted manifest, up-to-date decision, hashing,
