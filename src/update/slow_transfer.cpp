@@ -11,6 +11,8 @@ SlowTransferWatch::SlowTransferWatch(QNetworkReply* reply, std::function<void()>
 {
     connect(reply, &QNetworkReply::downloadProgress, this, [this](qint64 bytes, qint64) { received = bytes; });
     connect(&ticker, &QTimer::timeout, this, &SlowTransferWatch::check);
+    // A finished reply may live on for a while (deleteLater): it is no transfer any more.
+    connect(reply, &QNetworkReply::finished, &ticker, &QTimer::stop);
     clock.start();
     samples.append({0, 0});
     ticker.start(kSlowTransferCheckMs);

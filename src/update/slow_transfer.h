@@ -17,8 +17,8 @@ constexpr int kSlowTransferWindowMs = 60000;
 constexpr int kSlowTransferGraceMs = 30000;
 constexpr qint64 kSlowTransferMinBytesPerSecond = 1024;
 
-// Watches the bytes `reply` receives and calls onSlow once, when the transfer is too slow.
-// A child of the reply: it ends with it.
+// Watches the bytes `reply` receives and calls onSlow once, when the transfer is too slow,
+// until the reply finishes. A child of the reply: it ends with it.
 class SlowTransferWatch : public QObject {
 public:
     SlowTransferWatch(QNetworkReply* reply, std::function<void()> onSlow);
