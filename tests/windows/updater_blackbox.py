@@ -226,6 +226,9 @@ class Wine:
         if index == 0:
             env = dict(os.environ, WINEPREFIX=partial, **WINE_ENV)
             quiet(["wineboot", "-i"], env=env)
+            # Xvfb has no window manager: Wine then places and focuses its windows itself and
+            # draws their title bars, so that a key pressed on the display reaches the box.
+            quiet(["wine", "reg", "add", r"HKCU\Software\Wine\X11 Driver", "/v", "Managed", "/d", "N", "/f"], env=env)
             quiet(["wineserver", "-w"], env=env)
         else:
             sh(["cp", "-a", self.prefix(0), partial])
@@ -423,6 +426,8 @@ class Harness:
         problems += [f"unexpected {p}" for p in sorted(set(actual) - set(expected))]
         problems += [f"{p} differs from the expected bytes" for p in sorted(set(expected) & set(actual))
                      if expected[p] != actual[p]]
+        if os.path.exists(os.path.join(inst, ".staging")):
+            problems.append(".staging is left")
         return problems
 
     def close_box(self, worker, process, r):
@@ -444,7 +449,9 @@ class Harness:
                                f"{self.target.name}-outcome-3-updated.png")
         worker.display.screenshot(picture, *(int(geometry[k]) for k in ("X", "Y", "WIDTH", "HEIGHT")))
         problems = [] if process.poll() is None else ["the updater ended before the box was closed"]
-        sh(["xdotool", "windowfocus", "--sync", window[0], "key", "Return"], env=env)
+        sh(["xdotool", "windowfocus", window[0]], env=env)
+        time.sleep(0.3)
+        sh(["xdotool", "key", "Return"], env=env)
         return problems
 
     def run(self):
