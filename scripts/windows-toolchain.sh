@@ -117,6 +117,21 @@ fetch_sources() {
   done
 }
 
+# Debian's qtbase source leaves out src/3rdparty/wintab (its licence), whose header the windows
+# platform plugin includes for Wintab tablets. Build that plugin without Wintab support; pens
+# and touch still come through the Windows pointer API. (Idempotent: the patterns go away.)
+patch_qt() {
+  local src
+  src=$(source_dir qtbase-opensource-src)
+  [[ -f $src/src/3rdparty/wintab/wintab.h ]] && return 0
+  local win=$src/src/plugins/platforms/windows
+  sed -i 's/^qtConfig(tabletevent) {/false {  # no Wintab header in this source tree/' "$win/windows.pri"
+  sed -i 's/^#if QT_CONFIG(tabletevent)/#if 0  \/\/ no Wintab header in this source tree/' \
+    "$win/qwindowscontext.cpp" "$win/qwindowspointerhandler.cpp"
+  ! grep -n 'tabletevent' "$win/windows.pri" "$win/qwindowscontext.cpp" "$win/qwindowspointerhandler.cpp" |
+    grep -v '#endif'
+}
+
 # x86_64-w64-mingw32-{gcc,g++,...} resolve to the posix-threads variants (std::thread, and what
 # Qt expects), without touching the system's alternatives: wrap/ goes first on PATH.
 make_wrappers() {
@@ -190,6 +205,7 @@ run_step packages ensure_packages dpkg-dev g++-mingw-w64-x86-64-posix gcc-mingw-
   binutils-mingw-w64-x86-64 make perl python3 g++
 run_step deb-src ensure_deb_src
 run_step sources fetch_sources
+run_step qt-patch patch_qt
 run_step wrappers make_wrappers
 run_step openssl build_openssl
 run_step zstd build_zstd
