@@ -22,6 +22,7 @@ Each row is a dict:
              updater.log: "installed" (unchanged, damage undone where `lines` say so) or a
              build name; `tree_extra` adds files
   requests   the exact paths requested from the server below /<name>/, in order
+  wine_adds  lines that only the run under Wine writes after `lines`, for a shortcoming of Wine
   waits      True: the first log line comes after the "live" helper ended
   targets    the targets the row runs on (default both)
 """
@@ -125,8 +126,11 @@ ROWS = [
             '[I] [apply] [Update] don .bak: khoi phuc 1 , don rac 1',
             '[I] [apply] [Update] da moi nhat: "1.0"',
         ]),
-    # The closing box of a run started by the user stays until Return is pressed.
-    row("proactive-message-box", runs=[{"args": ["--proactive"], "box": True}], lines=UPDATED),
+    # The closing box of a run started by the user stays until Return is pressed. Under Wine,
+    # SHGetStockIconInfo gives Qt no handle for the stock information icon (a semi-stub there),
+    # and Qt logs each attempt before it falls back to its own icon.
+    row("proactive-message-box", runs=[{"args": ["--proactive"], "box": True}], lines=UPDATED,
+        wine_adds=['[C] [apply] QPixmap::fromWinHICON(), failed to GetIconInfo() (Invalid cursor handle.)'] * 3),
     row("prefetch-then-apply", runs=[{"args": ["--prefetch-only"]}, {"args": []}],
         requests=DOCUMENTS + CHANGED + DOCUMENTS, lines=[
             '[I] [prefetch] [UpdatePrefetch] bat dau 2.0 - 4 file, 0 MB',
