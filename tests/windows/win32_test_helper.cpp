@@ -58,14 +58,17 @@ int trust(const wchar_t* derPath)
     HCERTSTORE root = CertOpenStore(CERT_STORE_PROV_SYSTEM_W, 0, 0, CERT_SYSTEM_STORE_LOCAL_MACHINE, L"ROOT");
     if (!root)
         return fail("store");
-    // Every test run makes a new CA with the same name: keep one in the store, not one per run.
-    PCCERT_CONTEXT old = nullptr;
-    while ((old = CertFindCertificateInStore(root, X509_ASN_ENCODING, 0, CERT_FIND_SUBJECT_NAME,
-                                             &cert->pCertInfo->Subject, nullptr))) {
-        if (!CertDeleteCertificateFromStore(old))
-            return fail("delete");
+    // Every test run makes a new CA of the same name: keep one in the store, not one per run.
+    std::vector<PCCERT_CONTEXT> earlier;
+    for (PCCERT_CONTEXT c = nullptr; (c = CertEnumCertificatesInStore(root, c));) {
+        if (CertCompareCertificateName(X509_ASN_ENCODING, &c->pCertInfo->Subject, &cert->pCertInfo->Subject))
+            earlier.push_back(CertDuplicateCertificateContext(c));
     }
-    if (!CertAddCertificateContextToStore(root, cert, CERT_STORE_ADD_REPLACE_EXISTING, nullptr))
+    for (PCCERT_CONTEXT c : earlier)
+        CertDeleteCertificateFromStore(c);
+    // The registry behind the store is written when the store is committed, not on every add.
+    if (!CertAddCertificateContextToStore(root, cert, CERT_STORE_ADD_REPLACE_EXISTING, nullptr)
+        || !CertControlStore(root, 0, CERT_STORE_CTRL_COMMIT, nullptr))
         return fail("add");
     CertCloseStore(root, 0);
     CertFreeCertificateContext(cert);
