@@ -215,7 +215,7 @@ run_step qt-install install_qt
 
 {
   echo "host: $host (posix threads)"
-  echo "built: $(date -u +%FT%TZ) in $(( (SECONDS - script_start) / 60 ))m"
+  echo "completed: $(date -u +%FT%TZ)"
   for pkg in openssl libzstd qtbase-opensource-src; do echo "$pkg: $(basename "$(source_dir "$pkg")")"; done
 } >"$complete.tmp"
 mv "$complete.tmp" "$complete"

@@ -37,7 +37,8 @@ def build_stub(rc_path, work):
 
 
 def resource_dir(pe, type_id):
-    for entry in pe.DIRECTORY_ENTRY_RESOURCE.entries:
+    root = getattr(pe, "DIRECTORY_ENTRY_RESOURCE", None)
+    for entry in root.entries if root else []:
         if entry.id == type_id:
             return entry.directory
     return None
@@ -84,6 +85,9 @@ def check_manifest(pe):
 
 
 def check_version(pe):
+    check(hasattr(pe, "VS_FIXEDFILEINFO"), "no version block")
+    if not hasattr(pe, "VS_FIXEDFILEINFO"):
+        return
     fixed = pe.VS_FIXEDFILEINFO[0]
     version = lambda ms, ls: f"{ms >> 16}.{ms & 0xFFFF}.{ls >> 16}.{ls & 0xFFFF}"
     check(version(fixed.FileVersionMS, fixed.FileVersionLS) == "5.0.153.0", "fixed file version")
