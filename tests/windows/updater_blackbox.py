@@ -20,7 +20,6 @@ namespace of the updater's own (root only).
 import argparse
 import base64
 import datetime
-import hashlib
 import json
 import os
 import queue
@@ -306,10 +305,11 @@ class Harness:
             "--build-number", str(number if number is not None else BUILD_NUMBERS[build]), "--key", key_path])
 
     def publish(self, r):
-        spec = r["publish"] if isinstance(r["publish"], dict) else {"build": r["publish"]}
+        published = r["publish"] if isinstance(r["publish"], dict) else {"build": r["publish"]}
         out = os.path.join(self.www, r["name"])
-        self.publish_build(spec["build"], out, spec.get("version"), spec.get("number"), spec.get("key", "dev"))
-        if spec.get("tamper") == "signature":
+        self.publish_build(published["build"], out, published.get("version"), published.get("number"),
+                           published.get("key", "dev"))
+        if published.get("tamper") == "signature":
             sig_path = os.path.join(out, "manifest.json.sig")
             with open(sig_path, "rb") as f:
                 der = bytearray(base64.b64decode(f.read()))
@@ -368,7 +368,7 @@ class Harness:
         helpers, live_pid, live_end = [], None, {}
         for kind, arg in r.get("helpers", []):
             helper = spawn(self.target.helper_argv(kind, arg, inst), env=env, stdin=subprocess.PIPE,
-                                      stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+                           stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
             answer = helper.stdout.readline().split()
             if not answer or answer[0] not in ("ready", "held"):
                 problems.append(f"helper {kind} {arg} did not start: {answer}")

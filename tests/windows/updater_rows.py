@@ -19,8 +19,8 @@ Each row is a dict:
              URL, "{inst}" the installation directory as the updater names it, "{self}" the
              updater's own file name
   tree       what the installation holds afterwards besides the updater, updater.conf and
-             updater.log: "installed" (unchanged, damage undone where `lines` say so) or a
-             build name; `tree_extra` adds files
+             updater.log, byte for byte: "installed" (the installed build as it was before any
+             `damage`) or a published build; `tree_extra` adds files
   requests   the exact paths requested from the server below /<name>/, in order
   wine_adds  lines that only the run under Wine writes after `lines`, for a shortcoming of Wine
   waits      True: the first log line comes after the "live" helper ended
@@ -100,9 +100,9 @@ ROWS = [
             '[I] [apply] [Update] dung 0 / 5 file tu kho tam',
             '[I] [apply] [Update] CAP NHAT THANH CONG -> "2.0"',
         ]),
-    # Both start at once; the files come slowly, so the first still runs when the second looks
-    # at the updater's lock. The second leaves without a log line.
-    row("two-updaters-at-once", rate="100k", runs=[{"args": [], "copies": 2}], lines=UPDATED),
+    # Both start at once; the files come slowly (about 7 s), so the one that takes the updater's
+    # lock still runs when the other looks at it. The other leaves without a log line.
+    row("two-updaters-at-once", rate="50k", runs=[{"args": [], "copies": 2}], lines=UPDATED),
     row("application-running", helpers=[("mutex", "Corvanta_MainApp_Running")], tree="installed", requests=[],
         lines=[]),
     row("waits-for-process", helpers=[("live", "4000")], runs=[{"args": ["--wait-pid", "{pid}"]}], waits=True,
