@@ -137,6 +137,15 @@ bool applyStagedFiles(UpdateSession& session, const QList<StagedFile>& staged)
         const QString relPath = safeRelativePath(file.relPath);
         const QString target = session.appDir + QLatin1Char('/') + relPath;
 
+        // The staged file is reached again without a link on the way, right before it moves: a
+        // ".staging" swapped for a link after the download must not have a file from elsewhere
+        // renamed into the installation (and so removed from where it was).
+        if (ownFileSize(file.stagedPath) < 0) {
+            qWarning() << "[Update] thay" << file.relPath << "that bai";
+            ok = false;
+            break;
+        }
+
         if (isUpdaterItself(session, file.relPath)) {
             // The running executable cannot be replaced; its new version waits beside it.
             if (!moveFileWriteThrough(file.stagedPath, target + QStringLiteral(".new")))

@@ -111,6 +111,9 @@ void TestHostileApply::fault_data()
     TestServer::Rule noRange;
     noRange.partialWithoutRange = true;
     QTest::newRow("file 206 without a range") << row(Publication::Normal, file, noRange, HostileBench::applyUpdated(), true);
+    // A redirect out of HTTP must not read a local file as the download.
+    QTest::newRow("file redirected to file:///etc/hostname")
+        << row(Publication::Normal, file, redirect(QStringLiteral("file:///etc/hostname")), bench.applyFileFails(file));
     QTest::newRow("file redirected once to a mirror")
         << row(Publication::Normal, file, redirect(QStringLiteral("b/mirror/c.bin")), HostileBench::applyUpdated(), true);
 
