@@ -49,9 +49,24 @@ const QStringList kReservedDeviceNames = {
 // already refuses).
 const QString kWindowsForbiddenCharacters = QStringLiteral("<>\"|?*");
 
+// Calls `visit` with each name between slashes, empty ones included, until it returns false;
+// false then. No list is made: a 16 MiB path of 8 million names cost half a gigabyte as one.
+template <typename Visit>
+bool everyName(const QString& path, Visit visit)
+{
+    for (int start = 0;;) {
+        const int slash = path.indexOf(QLatin1Char('/'), start);
+        if (!visit(path.midRef(start, slash < 0 ? -1 : slash - start)))
+            return false;
+        if (slash < 0)
+            return true;
+        start = slash + 1;
+    }
+}
+
 // Why Windows cannot hold this one name as it is written, or "". Windows drops a trailing dot or
 // blank, so "manifest.json." would be the record and "a.dll." a second entry for "a.dll".
-QString windowsNameProblem(const QString& name)
+QString windowsNameProblem(const QStringRef& name)
 {
     for (const QChar c : name) {
         if (c.unicode() < 0x20)
@@ -61,7 +76,8 @@ QString windowsNameProblem(const QString& name)
     }
     if (name.endsWith(QLatin1Char('.')) || name.endsWith(QLatin1Char(' ')))
         return QStringLiteral("Windows drops a trailing dot or blank from file names");
-    const QString stem = name.section(QLatin1Char('.'), 0, 0).toUpper();
+    const QStringRef stemRef = name.left(name.indexOf(QLatin1Char('.')));
+    const QString stem = stemRef.size() <= 4 ? stemRef.toString().toUpper() : QString();  // the names have 3 or 4
     if (kReservedDeviceNames.contains(stem))
         return QStringLiteral("\"%1\" is a reserved device name on Windows").arg(stem);
     return QString();
@@ -99,28 +115,26 @@ bool readFileSize(const QJsonObject& entry, qint64* size)
 
 QString reservedPathReason(const QString& path)
 {
-    for (const QString& part : path.split(QLatin1Char('/'))) {
-        const QString problem = windowsNameProblem(part);
-        if (!problem.isEmpty())
-            return problem;
-    }
+    QString problem;
+    if (!everyName(path, [&problem](const QStringRef& part) { return (problem = windowsNameProblem(part)).isEmpty(); }))
+        return problem;
     if (hasControlCharacter(path))
         return QStringLiteral("control characters are not allowed in paths");
-    const QStringList parts = path.toCaseFolded().split(QLatin1Char('/'));
-    if (parts.first() == QLatin1String(".staging") || parts.first() == QLatin1String(".update-cache")
-        || (parts.size() == 1 && (parts.first() == QLatin1String("manifest.json")
-                                  || parts.first() == QLatin1String("manifest.json.sig")
-                                  || parts.first() == QLatin1String("updater.log"))))
+    const QString folded = path.toCaseFolded();
+    const QStringRef first = folded.leftRef(folded.indexOf(QLatin1Char('/')));
+    const QStringRef last = folded.midRef(folded.lastIndexOf(QLatin1Char('/')) + 1);
+    if (first == QLatin1String(".staging") || first == QLatin1String(".update-cache")
+        || (first.size() == folded.size() && (first == QLatin1String("manifest.json")
+                                              || first == QLatin1String("manifest.json.sig")
+                                              || first == QLatin1String("updater.log"))))
         return QStringLiteral("the updater keeps its own files under this name");
     for (const QString& suffix : kWorkingFileSuffixes) {
-        if (parts.last().endsWith(suffix))
+        if (last.endsWith(suffix))
             return QStringLiteral("the updater gives names ending in \"%1\" to files of its own").arg(suffix);
     }
     // A directory named "*.bak" is where an apply moves a directory that the new build replaces by a file.
-    for (const QString& part : parts) {
-        if (part.endsWith(kWorkingFileSuffixes.first()))
-            return QStringLiteral("the updater gives names ending in \".bak\" to directories of its own");
-    }
+    if (!everyName(folded, [](const QStringRef& part) { return !part.endsWith(kWorkingFileSuffixes.first()); }))
+        return QStringLiteral("the updater gives names ending in \".bak\" to directories of its own");
     return QString();
 }
 
@@ -168,14 +182,19 @@ QString safeRelativePath(const QString& path)
     // Absolute paths (also //server/share), drive letters, alternate data streams and URLs.
     if (normalised.startsWith(QLatin1Char('/')) || normalised.contains(QLatin1Char(':')))
         return QString();
-    const QStringList parts = normalised.split(QLatin1Char('/'), Qt::SkipEmptyParts);
-    if (parts.isEmpty())
-        return QString();
-    for (const QString& part : parts) {
+    QString joined;
+    joined.reserve(normalised.size());
+    const bool safe = everyName(normalised, [&joined](const QStringRef& part) {
         if (part == QLatin1String("..") || part == QLatin1String("."))
-            return QString();
-    }
-    return parts.join(QLatin1Char('/'));
+            return false;
+        if (!part.isEmpty()) {
+            if (!joined.isEmpty())
+                joined += QLatin1Char('/');
+            joined += part;
+        }
+        return true;
+    });
+    return safe && !joined.isEmpty() ? joined : QString();
 }
 
 bool parseManifest(const QByteArray& bytes, Manifest* manifest)
