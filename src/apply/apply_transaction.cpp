@@ -42,8 +42,13 @@ struct Transaction {
         if ((!info.exists() && !info.isSymLink()) || info.isDir() == wantDirectory)
             return true;
         const QString aside = path + kBackupSuffix;
+        // A backup beside a file that exists is garbage, as in the repair; a link there is
+        // nobody's backup (the repair never touches one), removed as a link.
+        const QFileInfo asideInfo(aside);
         if (!info.isDir())
-            QFile::remove(aside);  // a backup beside a file that exists is garbage, as in the repair
+            QFile::remove(aside);
+        else if (asideInfo.isSymLink() || asideInfo.isJunction())
+            removeOwnPath(aside);
         if (!moveWithoutReplacing(path, aside))
             return false;
         movedAside.append({aside, path});

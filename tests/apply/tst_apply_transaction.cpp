@@ -238,6 +238,10 @@ void ApplyTransactionTest::shapeChanges_data()
         << dirTree << QStringList{"data=new data"} << "" << QStringList{"data=new data", "keep.txt=k"};
     QTest::newRow("directory becomes a file, rolled back")
         << dirTree << QStringList{"data=new data", "z.dll=new z"} << "z.dll" << dirTree;
+    // A link planted at the backup's name is nobody's backup: before, every run failed on it for good.
+    QTest::newRow("directory becomes a file, a link at its backup's name")
+        << dirTree + QStringList{"elsewhere/z=z", "data.bak->elsewhere"} << QStringList{"data=new data"} << ""
+        << QStringList{"data=new data", "keep.txt=k", "elsewhere/z=z"};
     const QStringList fileTree{"plugins=old plugins", "keep.txt=k"};
     QTest::newRow("file becomes a directory")
         << fileTree << QStringList{"plugins/a/x.so=new x", "plugins/y.so=new y"} << ""
