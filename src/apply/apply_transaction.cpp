@@ -42,8 +42,13 @@ struct Transaction {
         if ((!info.exists() && !info.isSymLink()) || info.isDir() == wantDirectory)
             return true;
         const QString aside = path + kBackupSuffix;
+        // A backup beside a file that exists is garbage, as in the repair; a link there is
+        // nobody's backup (the repair never touches one), removed as a link.
+        const QFileInfo asideInfo(aside);
         if (!info.isDir())
-            removeOwnPath(aside);  // a backup beside a file that exists is garbage, as in the repair
+            removeOwnPath(aside);
+        else if (asideInfo.isSymLink() || asideInfo.isJunction())
+            removeOwnPath(aside);
         if (!moveWithoutReplacing(path, aside))
             return false;
         movedAside.append({aside, path});
@@ -138,6 +143,15 @@ bool applyStagedFiles(UpdateSession& session, const QList<StagedFile>& staged)
     for (const StagedFile& file : staged) {
         const QString relPath = safeRelativePath(file.relPath);
         const QString target = session.appDir + QLatin1Char('/') + relPath;
+
+        // The staged file is reached again without a link on the way, right before it moves: a
+        // ".staging" swapped for a link after the download must not have a file from elsewhere
+        // renamed into the installation (and so removed from where it was).
+        if (ownFileSize(file.stagedPath) < 0) {
+            qWarning() << "[Update] thay" << file.relPath << "that bai";
+            ok = false;
+            break;
+        }
 
         if (isUpdaterItself(session, file.relPath)) {
             // The running executable cannot be replaced; its new version waits beside it.

@@ -66,3 +66,11 @@ bool removeOwnPath(const QString& path)
     std::string relPath;
     return splitOwnPath(path, &base, &relPath) && corv::platform::removeOwnPath(base, relPath);
 }
+
+bool openRegularFile(QFile& file, const QString& path)
+{
+    if (file.isOpen() || !QFileInfo(path).isFile())
+        return false;
+    file.setFileName(path);
+    return file.open(QIODevice::ReadOnly);
+}

@@ -18,3 +18,8 @@ qint64 ownFileSize(const QString& path);
 bool makeOwnDirectory(const QString& path);
 // Removes a file or a tree; a link is removed as a link.
 bool removeOwnPath(const QString& path);
+
+// Files the user may have placed, links included (installed files, updater.conf): `path` is
+// opened for reading only when it leads to a regular file, so that a FIFO or a device under such
+// a name (a link to /dev/zero) can neither hold the open nor make a read endless.
+bool openRegularFile(QFile& file, const QString& path);

@@ -1,5 +1,7 @@
 #include "base/sha256.h"
 
+#include "base/own_files.h"
+
 #include <QFile>
 
 #include <openssl/evp.h>
@@ -73,8 +75,8 @@ QString sha256Of(QIODevice& device)
 
 QString sha256OfFile(const QString& path)
 {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
+    QFile file;
+    if (!openRegularFile(file, path))
         return QString();
     return sha256Of(file);
 }

@@ -1,5 +1,8 @@
 #include "update/manifest.h"
 
+#include "base/own_files.h"
+#include "update/manifest_signature.h"
+
 #include <QDir>
 #include <QHash>
 #include <QFile>
@@ -7,7 +10,9 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QJsonValue>
+#include <QPair>
 #include <QStringList>
+#include <QVector>
 
 #include <algorithm>
 #include <cmath>
@@ -29,6 +34,53 @@ qint64 integerOr(const QJsonValue& value, qint64 fallback)
     if (number <= -9223372036854775808.0)
         return std::numeric_limits<qint64>::min();
     return qint64(number);
+}
+
+// Device names that Windows resolves in every directory, with or without an extension.
+const QStringList kReservedDeviceNames = {
+    QStringLiteral("CON"),  QStringLiteral("PRN"),  QStringLiteral("AUX"),  QStringLiteral("NUL"),
+    QStringLiteral("COM1"), QStringLiteral("COM2"), QStringLiteral("COM3"), QStringLiteral("COM4"),
+    QStringLiteral("COM5"), QStringLiteral("COM6"), QStringLiteral("COM7"), QStringLiteral("COM8"),
+    QStringLiteral("COM9"), QStringLiteral("LPT1"), QStringLiteral("LPT2"), QStringLiteral("LPT3"),
+    QStringLiteral("LPT4"), QStringLiteral("LPT5"), QStringLiteral("LPT6"), QStringLiteral("LPT7"),
+    QStringLiteral("LPT8"), QStringLiteral("LPT9")};
+
+// Characters Windows does not allow in a file name (besides ":" and "\", which the path rule
+// already refuses).
+const QString kWindowsForbiddenCharacters = QStringLiteral("<>\"|?*");
+
+// Calls `visit` with each name between slashes, empty ones included, until it returns false;
+// false then. No list is made: a 16 MiB path of 8 million names cost half a gigabyte as one.
+template <typename Visit>
+bool everyName(const QString& path, Visit visit)
+{
+    for (int start = 0;;) {
+        const int slash = path.indexOf(QLatin1Char('/'), start);
+        if (!visit(path.midRef(start, slash < 0 ? -1 : slash - start)))
+            return false;
+        if (slash < 0)
+            return true;
+        start = slash + 1;
+    }
+}
+
+// Why Windows cannot hold this one name as it is written, or "". Windows drops a trailing dot or
+// blank, so "manifest.json." would be the record and "a.dll." a second entry for "a.dll".
+QString windowsNameProblem(const QStringRef& name)
+{
+    for (const QChar c : name) {
+        if (c.unicode() < 0x20)
+            return QStringLiteral("Windows does not allow control characters in file names");
+        if (kWindowsForbiddenCharacters.contains(c))
+            return QStringLiteral("Windows does not allow \"%1\" in file names").arg(c);
+    }
+    if (name.endsWith(QLatin1Char('.')) || name.endsWith(QLatin1Char(' ')))
+        return QStringLiteral("Windows drops a trailing dot or blank from file names");
+    const QStringRef stemRef = name.left(name.indexOf(QLatin1Char('.')));
+    const QString stem = stemRef.size() <= 4 ? stemRef.toString().toUpper() : QString();  // the names have 3 or 4
+    if (kReservedDeviceNames.contains(stem))
+        return QStringLiteral("\"%1\" is a reserved device name on Windows").arg(stem);
+    return QString();
 }
 
 bool hasControlCharacter(const QString& text)
@@ -63,23 +115,26 @@ bool readFileSize(const QJsonObject& entry, qint64* size)
 
 QString reservedPathReason(const QString& path)
 {
+    QString problem;
+    if (!everyName(path, [&problem](const QStringRef& part) { return (problem = windowsNameProblem(part)).isEmpty(); }))
+        return problem;
     if (hasControlCharacter(path))
         return QStringLiteral("control characters are not allowed in paths");
-    const QStringList parts = path.toCaseFolded().split(QLatin1Char('/'));
-    if (parts.first() == QLatin1String(".staging") || parts.first() == QLatin1String(".update-cache")
-        || (parts.size() == 1 && (parts.first() == QLatin1String("manifest.json")
-                                  || parts.first() == QLatin1String("manifest.json.sig")
-                                  || parts.first() == QLatin1String("updater.log"))))
+    const QString folded = path.toCaseFolded();
+    const QStringRef first = folded.leftRef(folded.indexOf(QLatin1Char('/')));
+    const QStringRef last = folded.midRef(folded.lastIndexOf(QLatin1Char('/')) + 1);
+    if (first == QLatin1String(".staging") || first == QLatin1String(".update-cache")
+        || (first.size() == folded.size() && (first == QLatin1String("manifest.json")
+                                              || first == QLatin1String("manifest.json.sig")
+                                              || first == QLatin1String("updater.log"))))
         return QStringLiteral("the updater keeps its own files under this name");
     for (const QString& suffix : kWorkingFileSuffixes) {
-        if (parts.last().endsWith(suffix))
+        if (last.endsWith(suffix))
             return QStringLiteral("the updater gives names ending in \"%1\" to files of its own").arg(suffix);
     }
     // A directory named "*.bak" is where an apply moves a directory that the new build replaces by a file.
-    for (const QString& part : parts) {
-        if (part.endsWith(kWorkingFileSuffixes.first()))
-            return QStringLiteral("the updater gives names ending in \".bak\" to directories of its own");
-    }
+    if (!everyName(folded, [](const QStringRef& part) { return !part.endsWith(kWorkingFileSuffixes.first()); }))
+        return QStringLiteral("the updater gives names ending in \".bak\" to directories of its own");
     return QString();
 }
 
@@ -101,13 +156,19 @@ QString pathSetConflict(const QStringList& paths, QString* path)
                                                                   "and Windows cannot hold both").arg(*clash));
         byFolded.insert(folded, each);
     }
-    for (const QString& each : paths) {
-        const QString folded = each.toCaseFolded();
-        for (int slash = folded.indexOf(QLatin1Char('/')); slash > 0; slash = folded.indexOf(QLatin1Char('/'), slash + 1)) {
-            const auto file = byFolded.constFind(folded.left(slash));
-            if (file != byFolded.constEnd())
-                return conflict(each, QStringLiteral("\"%1\" is a file, not a directory").arg(*file));
-        }
+    // A file is another entry's directory when a path starts with its name and "/". Sorted, the
+    // paths that start so stand together, and one binary search finds the first: a deep path
+    // costs its length, not its length times its depth (a 16 MiB one took hours before).
+    QVector<QPair<QString, QString>> sorted;  // (folded, as listed)
+    sorted.reserve(byFolded.size());
+    for (auto it = byFolded.cbegin(); it != byFolded.cend(); ++it)
+        sorted.append({it.key(), it.value()});
+    std::sort(sorted.begin(), sorted.end());
+    for (auto it = sorted.cbegin(); it != sorted.cend(); ++it) {
+        const QString directory = it->first + QLatin1Char('/');
+        const auto next = std::lower_bound(it + 1, sorted.cend(), qMakePair(directory, QString()));
+        if (next != sorted.cend() && next->first.startsWith(directory))
+            return conflict(next->second, QStringLiteral("\"%1\" is a file, not a directory").arg(it->second));
     }
     return QString();
 }
@@ -121,14 +182,19 @@ QString safeRelativePath(const QString& path)
     // Absolute paths (also //server/share), drive letters, alternate data streams and URLs.
     if (normalised.startsWith(QLatin1Char('/')) || normalised.contains(QLatin1Char(':')))
         return QString();
-    const QStringList parts = normalised.split(QLatin1Char('/'), Qt::SkipEmptyParts);
-    if (parts.isEmpty())
-        return QString();
-    for (const QString& part : parts) {
+    QString joined;
+    joined.reserve(normalised.size());
+    const bool safe = everyName(normalised, [&joined](const QStringRef& part) {
         if (part == QLatin1String("..") || part == QLatin1String("."))
-            return QString();
-    }
-    return parts.join(QLatin1Char('/'));
+            return false;
+        if (!part.isEmpty()) {
+            if (!joined.isEmpty())
+                joined += QLatin1Char('/');
+            joined += part;
+        }
+        return true;
+    });
+    return safe && !joined.isEmpty() ? joined : QString();
 }
 
 bool parseManifest(const QByteArray& bytes, Manifest* manifest)
@@ -187,8 +253,11 @@ QString installedManifestPath(const QString& appDir)
 
 bool loadInstalledManifest(const QString& appDir, Manifest* manifest)
 {
-    QFile file(installedManifestPath(appDir));
-    if (!file.open(QIODevice::ReadOnly))
+    // The record is the updater's own file: a link, a FIFO or a device in its place is no record,
+    // and no record is larger than a manifest the updater would have downloaded.
+    QFile file;
+    if (!openOwnFile(file, installedManifestPath(appDir), QIODevice::ReadOnly))
         return false;
-    return parseManifest(file.readAll(), manifest);
+    const QByteArray bytes = file.read(kMaxManifestBytes + 1);
+    return bytes.size() <= kMaxManifestBytes && parseManifest(bytes, manifest);
 }

@@ -39,7 +39,9 @@ QString safeRelativePath(const QString& path);
 // Why a build may not hold this normalised path, or "" when it may: the updater's own files
 // ("manifest.json", "updater.log", anything under ".staging" or ".update-cache"), names ending in
 // the suffixes of its working files (".bak", ".new", ".part", ".tmp"; a directory ending in
-// ".bak"), control characters. Letter case is ignored, as Windows ignores it.
+// ".bak"), control characters, and names Windows would change or cannot hold (a trailing dot or
+// blank, a device name such as "NUL" or "com1.txt", one of <>"|?*). Letter case is ignored, as
+// Windows ignores it.
 QString reservedPathReason(const QString& path);
 // Why these normalised paths cannot be applied as one transaction, or "" when they can: the same
 // path twice (letter case aside), or a path that is a file and a directory of another path.

@@ -1,4 +1,5 @@
 #include "apply/apply_transaction.h"
+#include "base/installation_dir.h"
 #include "platform/file_replace.h"
 #include "support/log_capture.h"
 #include "support/test_files.h"
@@ -70,6 +71,7 @@ void ApplyTransactionTest::init()
 void ApplyTransactionTest::cleanup()
 {
     corv::platform::clearInjectedFileFailures();
+    setInstallationDirForTesting(QString());
     session.reset();
     dir.reset();
 }
@@ -150,7 +152,9 @@ void ApplyTransactionTest::failureRollsBack_data()
 {
     QTest::addColumn<QString>("thirdPath");     // the entry that fails
     QTest::addColumn<bool>("thirdInstalled");   // an existing file (replacement) or a new one
-    QTest::addColumn<int>("fault");             // 0: refused replacement, 1: refused move of a new file, -1: none
+    // 0: refused replacement, 1: refused move of a new file, 2: ".staging" swapped for a link to a
+    // directory outside the installation after the download, -1: none
+    QTest::addColumn<int>("fault");
     QTest::addColumn<QStringList>("log");
     QTest::newRow("replacement refused")
         << "c.dll" << true << 0
@@ -160,6 +164,9 @@ void ApplyTransactionTest::failureRollsBack_data()
     QTest::newRow("new file refused")
         << "c.dll" << false << 1
         << QStringList{"W [Update] them moi \"c.dll\" that bai, GetLastError= 5", "W [Update] ap that bai -> ROLLBACK"};
+    // Before, the files there were renamed into the installation: gone from where they were.
+    QTest::newRow("staging swapped for a link") << "c.dll" << true << 2
+                                                << QStringList{"W [Update] thay \"a.dll\" that bai", "W [Update] ap that bai -> ROLLBACK"};
 }
 
 void ApplyTransactionTest::failureRollsBack()
@@ -180,15 +187,22 @@ void ApplyTransactionTest::failureRollsBack()
     } else if (fault == 1) {
         corv::platform::injectFileFailure(FileCall::MoveFile, native(staged[2].stagedPath), 5);
     }
+    QTemporaryDir outside;
+    if (fault == 2) {
+        setInstallationDirForTesting(dir->path());
+        QVERIFY(QDir().rename(dir->path() + QStringLiteral("/.staging"), outside.filePath(QStringLiteral("moved"))));
+        QVERIFY(QFile::link(outside.filePath(QStringLiteral("moved")), dir->path() + QStringLiteral("/.staging")));
+    }
 
     LogCapture capture;
     QVERIFY(!applyStagedFiles(*session, staged));
     QCOMPARE(capture.lines(), log);
     // The first file is back from its backup, the added second one deleted (its directory
-    // stays), the third unchanged, the fourth and fifth never touched.
+    // stays), the third unchanged, the fourth and fifth never touched; through the link at
+    // ".staging", nothing is touched at all.
     QCOMPARE(readFile(installed("a.dll"), kMissing), QByteArray("old a"));
     QVERIFY(!QFileInfo::exists(installed("sub/b.dll")));
-    QVERIFY(QFileInfo(installed("sub")).isDir());
+    QCOMPARE(QFileInfo(installed("sub")).isDir(), fault != 2);
     QCOMPARE(readFile(installed(thirdPath), kMissing), thirdInstalled ? QByteArray("old c") : kMissing);
     QCOMPARE(readFile(installed("d.dll"), kMissing), QByteArray("old d"));
     QVERIFY(!QFileInfo::exists(installed("e.dll")));
@@ -224,6 +238,10 @@ void ApplyTransactionTest::shapeChanges_data()
         << dirTree << QStringList{"data=new data"} << "" << QStringList{"data=new data", "keep.txt=k"};
     QTest::newRow("directory becomes a file, rolled back")
         << dirTree << QStringList{"data=new data", "z.dll=new z"} << "z.dll" << dirTree;
+    // A link planted at the backup's name is nobody's backup: before, every run failed on it for good.
+    QTest::newRow("directory becomes a file, a link at its backup's name")
+        << dirTree + QStringList{"elsewhere/z=z", "data.bak->elsewhere"} << QStringList{"data=new data"} << ""
+        << QStringList{"data=new data", "keep.txt=k", "elsewhere/z=z"};
     const QStringList fileTree{"plugins=old plugins", "keep.txt=k"};
     QTest::newRow("file becomes a directory")
         << fileTree << QStringList{"plugins/a/x.so=new x", "plugins/y.so=new y"} << ""

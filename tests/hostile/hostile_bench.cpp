@@ -86,7 +86,7 @@ QMap<QString, QString> snapshot(const QString& root)
     while (it.hasNext()) {
         const QString rel = dir.relativeFilePath(it.next());
         if (rel != QLatin1String("updater.log") && !rel.startsWith(QLatin1String(".update-cache/")))
-            files.insert(rel, sha256Hex(readBytes(it.filePath())));
+            files.insert(rel, it.fileInfo().isFile() ? sha256Hex(readBytes(it.filePath())) : QStringLiteral("<not a file>"));
     }
     return files;
 }
@@ -115,6 +115,11 @@ bool plantLink(const HostileRow& row, const TestInstall& install, const QString&
 {
     const QString path = install.path(row.linkPath);
     const QString target = outside + QStringLiteral("/target");
+    if (row.link == Link::Fifo || row.link == Link::ToZeroDevice) {
+        QFile::remove(path);
+        return row.link == Link::Fifo ? QProcess::execute(QStringLiteral("mkfifo"), {path}) == 0
+                                      : QFile::link(QStringLiteral("/dev/zero"), path);
+    }
     if (row.link == Link::ToDirectory) {
         if (!writeBytes(target + QStringLiteral("/keep.txt"), "outside"))
             return false;

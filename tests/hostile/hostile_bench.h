@@ -41,8 +41,9 @@ enum class Publication {
 
 // A link planted in the installation before the run, to a directory or a file outside it. The
 // file holds what the installation had at that path, or else the first 1000 bytes of the
-// published lib/c.bin (so that a ".part" there would be resumed).
-enum class Link { None, ToDirectory, ToFile, Hard };
+// published lib/c.bin (so that a ".part" there would be resumed). Fifo plants a FIFO, ToZeroDevice
+// a link to /dev/zero: neither may hold the run or make a read endless.
+enum class Link { None, ToDirectory, ToFile, Hard, Fifo, ToZeroDevice };
 
 struct HostileRow {
     RunMode mode = RunMode::Apply;

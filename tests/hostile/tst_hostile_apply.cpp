@@ -71,7 +71,7 @@ void TestHostileApply::fault_data()
         << row(Publication::SameBuildOtherContent, QString(), {}, {QStringLiteral("[Update] da moi nhat: \"1.0-replay\"")});
     for (const char* path : {"../escape.txt", "lib/../../escape.txt", "..\\escape.txt", "/tmp/escape.txt", "C:/escape.txt",
                              "lib/./c.bin", "x:stream", "LIB/C.BIN", "lib/c.bin/x", "lib/c.bin.bak", "manifest.json",
-                             ".staging/x", "updater.log"}) {
+                             ".staging/x", "updater.log", "manifest.json.", "lib/c.bin.", "lib/c.bin ", "lib/nul"}) {
         HostileRow hostile = row(Publication::HostilePath, QString(), {}, {QStringLiteral("[Update] manifest hong")});
         hostile.hostilePath = QString::fromLatin1(path);
         QTest::newRow(qPrintable(QStringLiteral("one hostile path among 36: ") + hostile.hostilePath)) << hostile;
@@ -111,6 +111,9 @@ void TestHostileApply::fault_data()
     TestServer::Rule noRange;
     noRange.partialWithoutRange = true;
     QTest::newRow("file 206 without a range") << row(Publication::Normal, file, noRange, HostileBench::applyUpdated(), true);
+    // A redirect out of HTTP must not read a local file as the download.
+    QTest::newRow("file redirected to file:///etc/hostname")
+        << row(Publication::Normal, file, redirect(QStringLiteral("file:///etc/hostname")), bench.applyFileFails(file));
     QTest::newRow("file redirected once to a mirror")
         << row(Publication::Normal, file, redirect(QStringLiteral("b/mirror/c.bin")), HostileBench::applyUpdated(), true);
 
@@ -133,6 +136,21 @@ void TestHostileApply::fault_data()
         linked.link = planted.first;
         linked.linkPath = QString::fromLatin1(planted.second);
         QTest::newRow(qPrintable(QStringLiteral("link at ") + linked.linkPath)) << linked;
+    }
+    // A FIFO or a link to /dev/zero at the record, at an installed file or at the configuration:
+    // never opened, the first two replaced by the update, the last one no configuration.
+    for (const auto& planted : {std::make_pair(Link::Fifo, "manifest.json"), std::make_pair(Link::ToZeroDevice, "manifest.json"),
+                                std::make_pair(Link::Fifo, "lib/c.bin"), std::make_pair(Link::ToZeroDevice, "lib/c.bin"),
+                                std::make_pair(Link::Fifo, "updater.conf"), std::make_pair(Link::ToZeroDevice, "updater.conf")}) {
+        const bool configuration = QLatin1String(planted.second) == QLatin1String("updater.conf");
+        HostileRow special = row(Publication::Normal, QString(), {},
+                                 configuration ? QStringList{QStringLiteral("[Update] khong co updater.conf -> bo qua update")}
+                                               : HostileBench::applyUpdated(),
+                                 !configuration);
+        special.link = planted.first;
+        special.linkPath = QString::fromLatin1(planted.second);
+        QTest::newRow(qPrintable((planted.first == Link::Fifo ? QStringLiteral("FIFO at ") : QStringLiteral("link to /dev/zero at "))
+                                 + special.linkPath)) << special;
     }
 }
 

@@ -9,35 +9,6 @@
 
 namespace {
 
-// Device names that Windows resolves in every directory, with or without an extension.
-const QStringList kReservedDeviceNames = {
-    QStringLiteral("CON"),  QStringLiteral("PRN"),  QStringLiteral("AUX"),  QStringLiteral("NUL"),
-    QStringLiteral("COM1"), QStringLiteral("COM2"), QStringLiteral("COM3"), QStringLiteral("COM4"),
-    QStringLiteral("COM5"), QStringLiteral("COM6"), QStringLiteral("COM7"), QStringLiteral("COM8"),
-    QStringLiteral("COM9"), QStringLiteral("LPT1"), QStringLiteral("LPT2"), QStringLiteral("LPT3"),
-    QStringLiteral("LPT4"), QStringLiteral("LPT5"), QStringLiteral("LPT6"), QStringLiteral("LPT7"),
-    QStringLiteral("LPT8"), QStringLiteral("LPT9")};
-
-// Characters Windows does not allow in a file name (besides ":" and "\", which the updater's
-// own path rule already refuses).
-const QString kWindowsForbiddenCharacters = QStringLiteral("<>\"|?*");
-
-QString windowsNameProblem(const QString& name)
-{
-    for (const QChar c : name) {
-        if (c.unicode() < 0x20)
-            return QStringLiteral("Windows does not allow control characters in file names");
-        if (kWindowsForbiddenCharacters.contains(c))
-            return QStringLiteral("Windows does not allow \"%1\" in file names").arg(c);
-    }
-    if (name.endsWith(QLatin1Char('.')) || name.endsWith(QLatin1Char(' ')))
-        return QStringLiteral("Windows drops a trailing dot or blank from file names");
-    const QString stem = name.section(QLatin1Char('.'), 0, 0).toUpper();
-    if (kReservedDeviceNames.contains(stem))
-        return QStringLiteral("\"%1\" is a reserved device name on Windows").arg(stem);
-    return QString();
-}
-
 QRegularExpression globExpression(const QString& glob)
 {
     return QRegularExpression(QRegularExpression::wildcardToRegularExpression(glob));
@@ -132,11 +103,6 @@ QString unpublishableReason(const QString& relPath)
         return relPath.contains(QLatin1Char('\\'))
                    ? QStringLiteral("the updater reads \"\\\" as a directory separator")
                    : QStringLiteral("the updater would change this path to \"%1\"").arg(safe);
-    for (const QString& part : relPath.split(QLatin1Char('/'))) {
-        const QString problem = windowsNameProblem(part);
-        if (!problem.isEmpty())
-            return problem;
-    }
     return reservedPathReason(relPath);
 }
 
