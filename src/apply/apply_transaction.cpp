@@ -45,9 +45,7 @@ struct Transaction {
         // A backup beside a file that exists is garbage, as in the repair; a link there is
         // nobody's backup (the repair never touches one), removed as a link.
         const QFileInfo asideInfo(aside);
-        if (!info.isDir())
-            removeOwnPath(aside);
-        else if (asideInfo.isSymLink() || asideInfo.isJunction())
+        if (!info.isDir() || asideInfo.isSymLink() || asideInfo.isJunction())
             removeOwnPath(aside);
         if (!moveWithoutReplacing(path, aside))
             return false;
