@@ -10,7 +10,7 @@ cd "$(dirname "$0")/.."
 source_dir=$PWD
 
 source scripts/lib/ensure_packages.sh
-ensure_packages cmake ninja-build g++ pkg-config qtbase5-dev libssl-dev python3 nginx-light xvfb \
+ensure_packages cmake ninja-build g++ pkg-config qtbase5-dev libssl-dev libzstd-dev python3 nginx-light xvfb \
                 xauth fonts-dejavu-core
 
 build=${BUILD_DIR:-build}

@@ -1,3 +1,4 @@
+#include "apply/artifact_decoder.h"
 #include "base/installation_dir.h"
 #include "apply/staging_download.h"
 #include "apply/update_cache.h"
@@ -27,7 +28,16 @@ QByteArray patterned(int size, char seed)
 
 ManifestFile entryFor(const QString& path, const QByteArray& content)
 {
-    return {path, content.size(), sha256Hex(content)};
+    return {path, content.size(), sha256Hex(content), {}};
+}
+
+// Lines of text with numbers in them: compressible, and a patch between two versions is small.
+QByteArray textLines(int lines, int edition)
+{
+    QByteArray text;
+    for (int i = 0; i < lines; ++i)
+        text += "line " + QByteArray::number(i) + " value " + QByteArray::number((i * 7919 + (i % 97 == 0 ? edition : 0)) % 100003) + '\n';
+    return text;
 }
 
 } // namespace
@@ -50,6 +60,8 @@ private slots:
     void emptyList();
     void hostilePathIsRefused_data();
     void hostilePathIsRefused();
+    void decodeArtifact_data();
+    void decodeArtifact();
 
 private:
     QString serve(const QString& relPath, const QByteArray& content);
@@ -344,6 +356,91 @@ void StagingDownloadTest::hostilePathIsRefused()
     QVERIFY(!QFileInfo::exists(install->path() + QStringLiteral("/evil.dll")));
     QVERIFY(!QFileInfo::exists(QStringLiteral("/evil.dll")));
     QVERIFY(server->requests().isEmpty());
+}
+
+void StagingDownloadTest::decodeArtifact_data()
+{
+    QTest::addColumn<QString>("artifact");  // how it is made from the new file: "compressed", "patch",
+                                            // "wide window", "not zstd", "missing", with "+" changes:
+                                            // "+half" (cut), "+x" (a byte more), "+twice", "+flip"
+    QTest::addColumn<QString>("source");    // what it is decoded against: "none", "old", "other", "huge"
+    QTest::addColumn<int>("sizeOffset");    // added to the new file's size as the expected size
+    QTest::addColumn<QString>("error");     // "" when it decodes to the new file
+
+    QTest::newRow("compressed file") << "compressed" << "none" << 0 << "";
+    QTest::newRow("patch against the installed file") << "patch" << "old" << 0 << "";
+    QTest::newRow("patch against another file") << "patch" << "other" << 0
+                                                 << "zstd: Restored data doesn't match checksum";
+    QTest::newRow("patch without its source") << "patch" << "none" << 0 << "zstd: Data corruption detected";
+    QTest::newRow("source beyond the patch limit") << "patch" << "huge" << 0 << "file goc lon qua 83886080 byte";
+    QTest::newRow("a byte more than the file") << "compressed" << "none" << -1 << "giai ra qua 199999 byte";
+    QTest::newRow("a byte less than the file") << "compressed" << "none" << 1 << "giai ra 200000 / 200001 byte";
+    QTest::newRow("truncated") << "compressed+half" << "none" << 0 << "zstd: frame bi cat ngang";
+    QTest::newRow("a byte after the frame") << "compressed+x" << "none" << 0 << "du lieu thua sau frame zstd";
+    QTest::newRow("a second frame") << "compressed+twice" << "none" << 0 << "du lieu thua sau frame zstd";
+    QTest::newRow("one byte changed") << "compressed+flip" << "none" << 0 << "zstd: Restored data doesn't match checksum";
+    QTest::newRow("window beyond the limit") << "wide window" << "none" << 0
+                                             << "zstd: Frame requires too much memory for decoding";
+    QTest::newRow("not zstd") << "not zstd" << "none" << 0 << "zstd: Unknown frame descriptor";
+    QTest::newRow("missing") << "missing" << "none" << 0 << "khong mo duoc: No such file or directory";
+}
+
+void StagingDownloadTest::decodeArtifact()
+{
+    QFETCH(QString, artifact);
+    QFETCH(QString, source);
+    QFETCH(int, sizeOffset);
+    QFETCH(QString, error);
+    const QString dir = install->path();
+    const QByteArray oldFile = textLines(10000, 1).left(200000);
+    const QByteArray newFile = textLines(10000, 2).left(200000);
+    QCOMPARE(newFile.size(), 200000);
+    QVERIFY(writeFile(dir + QStringLiteral("/old"), oldFile));
+    QVERIFY(writeFile(dir + QStringLiteral("/new"), newFile));
+    QVERIFY(writeFile(dir + QStringLiteral("/other"), textLines(10000, 3).left(200000)));
+    QFile huge(dir + QStringLiteral("/huge"));
+    QVERIFY(huge.open(QIODevice::WriteOnly) && huge.resize(kPatchMaxFileBytes + 1));  // sparse
+    huge.close();
+
+    const QString path = dir + QStringLiteral("/artifact.zst");
+    const QString kind = artifact.section(QLatin1Char('+'), 0, 0);
+    QByteArray bytes;
+    // Made once: the rows change copies of them.
+    static const QByteArray compressed = zstdCompressed(newFile);
+    static const QByteArray patch = zstdPatch(oldFile, newFile);
+    if (kind == QLatin1String("compressed"))
+        bytes = compressed;
+    else if (kind == QLatin1String("patch"))
+        bytes = patch;
+    else if (kind == QLatin1String("wide window"))  // from a pipe: no size to shrink the window to
+        bytes = runZstd({QStringLiteral("--long=28")}, newFile, QByteArray(), true);
+    else if (kind == QLatin1String("not zstd"))
+        bytes = patterned(5000, 'z');
+    if (kind != QLatin1String("missing")) {
+        QVERIFY2(!bytes.isEmpty(), "the zstd tool (Debian package zstd) must be installed");
+        QVERIFY(kind != QLatin1String("patch") || bytes.size() < 20000);  // a real patch, not the whole file
+    }
+    if (artifact.endsWith(QLatin1String("+half")))
+        bytes.truncate(bytes.size() / 2);
+    if (artifact.endsWith(QLatin1String("+x")))
+        bytes += 'x';
+    if (artifact.endsWith(QLatin1String("+twice")))
+        bytes += bytes;
+    if (artifact.endsWith(QLatin1String("+flip")))
+        bytes[bytes.size() / 2] = char(bytes.at(bytes.size() / 2) ^ 0x10);
+    if (kind == QLatin1String("missing"))
+        QFile::remove(path);
+    else
+        QVERIFY(writeFile(path, bytes));
+
+    const QString sourcePath = source == QLatin1String("none") ? QString() : dir + QLatin1Char('/') + source;
+    const QString output = dir + QStringLiteral("/decoded");
+    QString failure;
+    const bool decoded = decodeArtifactToFile(path, sourcePath, output, newFile.size() + sizeOffset, &failure);
+    QCOMPARE(failure, error);
+    QCOMPARE(decoded, error.isEmpty());
+    if (decoded)
+        QCOMPARE(readFile(output, kMissing), newFile);
 }
 
 QTEST_GUILESS_MAIN(StagingDownloadTest)
