@@ -379,7 +379,7 @@ void TestPublishBuild::manifestAndSignatureAreRenamedLastAndBackToBack()
 
 void TestPublishBuild::smallerDownloads_data()
 {
-    QTest::addColumn<QVariantMap>("build");        // relative path -> content name
+    QTest::addColumn<QVariantMap>("build");        // relative path -> content name; "@level": --zstd-level (else 3)
     QTest::addColumn<QVariantList>("earlier");     // trees given with --delta-from, each a map like build;
                                                    // one with the key "@out" is published into --out first
     QTest::addColumn<QString>("planted");          // an artifact already at its path: "damaged", "level 1"
@@ -410,6 +410,9 @@ void TestPublishBuild::smallerDownloads_data()
     QTest::newRow("no patch for a file beyond the patch size limit")
         << QVariantMap{{"z.bin", "zeros1"}} << QVariantList{QVariantMap{{"z.bin", "zeros2"}}} << ""
         << QStringList{"z.bin zstd"} << "smaller downloads in .zstd: 1 compressed copy (0.0 MiB), 0 patches (0.0 MiB)";
+    QTest::newRow("level 0: neither compressed copies nor patches")
+        << QVariantMap{{"a.txt", "text2"}, {"@level", 0}} << QVariantList{QVariantMap{{"a.txt", "text1"}}} << ""
+        << QStringList{"a.txt"} << "";
     QTest::newRow("a damaged artifact at its path is made again")
         << QVariantMap{{"a.txt", "text1"}} << QVariantList{} << "damaged" << QStringList{"a.txt zstd"}
         << "smaller downloads in .zstd: 1 compressed copy (0.1 MiB), 0 patches (0.0 MiB)";
@@ -433,7 +436,8 @@ void TestPublishBuild::smallerDownloads()
         return true;
     };
     QVERIFY(writeTree(input, build));
-    QStringList args{QStringLiteral("--zstd-level"), QStringLiteral("3")};
+    QStringList args{QStringLiteral("--zstd-level"), build.value(QStringLiteral("@level"), 3).toString()};
+    build.remove(QStringLiteral("@level"));
     QHash<QString, QString> named;  // SHA-256 -> content name
     for (auto it = build.cbegin(); it != build.cend(); ++it)
         named.insert(sha256Hex(content(it.value().toString())), it.value().toString());
@@ -795,11 +799,11 @@ void TestPublishBuild::commandLineErrors_data()
                                       QString::fromLatin1(bad)}
             << QStringLiteral("--build-number must be a whole number >= 0, not \"%1\"").arg(QString::fromLatin1(bad));
     }
-    for (const char* bad : {"0", "20", "x", ""}) {
+    for (const char* bad : {"-1", "20", "x", ""}) {
         QTest::addRow("zstd level \"%s\"", bad)
             << complete + QStringList{QStringLiteral("--version"), QStringLiteral("1"), QStringLiteral("--zstd-level"),
                                       QString::fromLatin1(bad)}
-            << QStringLiteral("--zstd-level must be a whole number from 1 to 19, not \"%1\"").arg(QString::fromLatin1(bad));
+            << QStringLiteral("--zstd-level must be a whole number from 0 to 19, not \"%1\"").arg(QString::fromLatin1(bad));
     }
     QTest::newRow("invalid exclude") << complete + QStringList{QStringLiteral("--version"), QStringLiteral("1"),
                                                                QStringLiteral("--exclude"), QStringLiteral("[")}

@@ -3,7 +3,7 @@
 
 class PublishedFile;
 
-// zstd level of compressed files and patches unless --zstd-level gives another (1 to 19).
+// zstd level of compressed files and patches unless --zstd-level gives another (1 to 19; 0: none).
 constexpr int kDefaultZstdLevel = 19;
 
 struct EncodedArtifact {

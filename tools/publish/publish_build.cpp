@@ -46,7 +46,8 @@ const char kHelp[] =
     "                      --out itself): every file of this build that DIR holds with other\n"
     "                      content gets a zstd patch from that content. May be repeated, one\n"
     "                      patch per distinct earlier content.\n"
-    "  --zstd-level N      zstd level of compressed copies and patches, 1 to 19 (default 19)\n"
+    "  --zstd-level N      zstd level of compressed copies and patches, 1 to 19 (default 19);\n"
+    "                      0 publishes neither\n"
     "\n"
     "Smaller downloads: every file is also published compressed with zstd, and patched from\n"
     "its earlier versions, below .zstd/ (named by content: <sha256>.zst, <from>-<sha256>.zst),\n"
@@ -244,8 +245,8 @@ int runBuild(const QStringList& args)
     int zstdLevel = kDefaultZstdLevel;
     if (parser.isSet(QStringLiteral("zstd-level"))) {
         zstdLevel = parser.value(QStringLiteral("zstd-level")).toInt(&ok);
-        if (!ok || zstdLevel < 1 || zstdLevel > 19)
-            return usageError(command, QStringLiteral("--zstd-level must be a whole number from 1 to 19, not \"%1\"")
+        if (!ok || zstdLevel < 0 || zstdLevel > 19)
+            return usageError(command, QStringLiteral("--zstd-level must be a whole number from 0 to 19, not \"%1\"")
                                            .arg(parser.value(QStringLiteral("zstd-level"))));
     }
     ExcludeRules excludes;
@@ -296,8 +297,9 @@ int runBuild(const QStringList& args)
         QList<DeltaSource> sources;
         if (entry.sha256.isEmpty())
             return fail(QStringLiteral("cannot read \"%1\"").arg(file.sourcePath));
-        if (!earlierVersions(deltaDirs, file.relPath, entry.sha256, &sources, &error)
-            || !publishArtifacts(file.sourcePath, &entry, sources, zstdLevel, out, note, &totals, &error))
+        if (zstdLevel > 0
+            && (!earlierVersions(deltaDirs, file.relPath, entry.sha256, &sources, &error)
+                || !publishArtifacts(file.sourcePath, &entry, sources, zstdLevel, out, note, &totals, &error)))
             return fail(error);
         ManifestFile copied;
         if (!publishFile(file, out, &copied, progress, manifest.files.size(), &bytesDone, &error))
