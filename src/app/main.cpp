@@ -17,8 +17,9 @@ namespace {
 // Downloads the next build in the background; no window, no message box.
 int runPrefetchMode(const LaunchOptions& options)
 {
-    // An apply run is in progress: leave the installation to it.
-    if (namedMutexExists(QLatin1String(kUpdaterMutexName)))
+    // An apply run is in progress: leave the installation to it. The prefetcher looks again
+    // once it holds its own lock (UpdatePrefetcher::start).
+    if (testNamedMutex(QLatin1String(kUpdaterMutexName), "[UpdatePrefetch]") != LockTest::Absent)
         return 0;
 
     corv::UpdatePrefetcher prefetcher;
@@ -37,22 +38,30 @@ int runApplyMode(const LaunchOptions& options)
     if (options.waitPid > 0)
         waitForProcessToEnd(options.waitPid);
 
-    if (namedMutexExists(QLatin1String(kMainAppMutexName))) {
-        if (options.proactive)
+    // A lock that cannot be trusted refuses the run with its log line and no box: it is
+    // neither the application nor another updater.
+    const LockTest application = testNamedMutex(QLatin1String(kMainAppMutexName), "[Update]");
+    if (application != LockTest::Absent) {
+        if (application == LockTest::Exists && options.proactive)
             showAppStillRunningMessage();
         return 0;
     }
 
     bool alreadyExisted = false;
-    corv::platform::NamedMutex updaterLock = corv::platform::createNamedMutex(kUpdaterMutexName, &alreadyExisted);
+    corv::platform::MutexFault fault;
+    corv::platform::NamedMutex updaterLock =
+        corv::platform::createNamedMutex(kUpdaterMutexName, &alreadyExisted, &fault);
     if (updaterLock.isNull() || alreadyExisted) {
         updaterLock.close();
-        if (options.proactive)
+        if (!logLockFault(fault, "[Update]") && options.proactive)
             showAnotherUpdaterMessage();
         return 0;
     }
 
-    waitForRunningPrefetch();
+    if (!waitForRunningPrefetch()) {
+        updaterLock.releaseAndClose();
+        return 0;
+    }
 
     UpdateOutcome outcome = Failed;
     {

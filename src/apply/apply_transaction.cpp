@@ -1,6 +1,7 @@
 #include "apply/apply_transaction.h"
 
 #include "apply/file_replacement.h"
+#include "base/own_files.h"
 #include "platform/file_replace.h"
 #include "update/update_session.h"
 
@@ -9,6 +10,7 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QPair>
+#include <QSet>
 
 namespace {
 
@@ -29,6 +31,7 @@ struct Transaction {
     // becomes a directory. The obstacle is moved aside to "<name>.bak" like a backup:
     // (asidePath, originalPath), in order.
     QList<QPair<QString, QString>> movedAside;
+    QSet<QString> directoriesChecked;  // each directory is looked at once, not once per file
 
     // Moves whatever stands where `path` must be (a directory for a file, or a file for a
     // directory) aside. False when that move failed.
@@ -54,8 +57,11 @@ struct Transaction {
         QString path = appDir;
         for (int i = 0; i + 1 < parts.size(); ++i) {
             path += QLatin1Char('/') + parts.at(i);
+            if (directoriesChecked.contains(path))
+                continue;
             if (!clearShapeObstacle(path, true))
                 return false;
+            directoriesChecked.insert(path);
         }
         return true;
     }
@@ -65,7 +71,7 @@ struct Transaction {
         for (const auto& pair : replaced)
             QFile::remove(pair.first);
         for (const auto& pair : movedAside)
-            removeTree(pair.first);
+            removeOwnPath(pair.first);
     }
 
     void rollBack()
@@ -180,19 +186,14 @@ void writeInstalledManifest(UpdateSession& session, const QByteArray& manifestBy
     // Written whole in the updater's working directory, then renamed over the record with
     // write-through: a run cut short leaves the old record or the new one, never a torn one.
     const QString staging = stagingDir(session);
-    const QFileInfo stagingInfo(staging);
-    if (stagingInfo.isSymLink() || stagingInfo.isJunction() || (stagingInfo.exists() && !stagingInfo.isDir()))
-        removeTree(staging);
-    QDir().mkdir(staging);
     const QString written = staging + QStringLiteral("/manifest.json");
-    QFile::remove(written);
-    QFile file(written);
-    if (file.open(QIODevice::WriteOnly | QIODevice::NewOnly) && file.write(manifestBytes) == manifestBytes.size()
+    QFile file;
+    if (openOwnFile(file, written, QIODevice::WriteOnly) && file.write(manifestBytes) == manifestBytes.size()
         && file.flush()) {
         file.close();
         moveFileWriteThrough(written, installedManifestPath(session.appDir));
     }
     file.close();
-    QFile::remove(written);
+    removeOwnPath(written);
     QDir().rmdir(staging);
 }

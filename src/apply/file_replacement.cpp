@@ -4,9 +4,6 @@
 
 #include <QDebug>
 #include <QDir>
-#include <QDirIterator>
-#include <QFile>
-#include <QFileInfo>
 
 namespace {
 
@@ -25,20 +22,6 @@ bool moveFileWriteThrough(const QString& from, const QString& to)
 bool moveWithoutReplacing(const QString& from, const QString& to)
 {
     return corv::platform::moveWriteThrough(nativePath(from), nativePath(to));
-}
-
-bool removeTree(const QString& path)
-{
-    const QFileInfo info(path);
-    if (info.isSymLink() || info.isJunction())
-        return QFile::remove(path) || QDir().rmdir(path);
-    if (!info.isDir())
-        return QFile::remove(path) || !info.exists();
-    QDirIterator it(path, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
-    bool removed = true;
-    while (it.hasNext())
-        removed = removeTree(it.next()) && removed;
-    return QDir().rmdir(path) && removed;
 }
 
 bool replaceInstalledFile(const QString& newPath, const QString& targetPath, const QString& backupPath)

@@ -10,7 +10,3 @@ bool moveFileWriteThrough(const QString& from, const QString& to);
 
 // MoveFileExW(from, to, MOVEFILE_WRITE_THROUGH): a file or a whole directory to a free name.
 bool moveWithoutReplacing(const QString& from, const QString& to);
-
-// Removes a file or a directory with everything in it. A link, at the top or inside, is removed
-// as a link and never followed.
-bool removeTree(const QString& path);

@@ -1,6 +1,7 @@
 #include "apply/interrupted_apply_repair.h"
 
 #include "apply/file_replacement.h"
+#include "base/own_files.h"
 #include "update/update_session.h"
 
 #include <QDebug>
@@ -61,7 +62,7 @@ void repairInterruptedApply(UpdateSession& session)
     for (const QString& bak : backups) {
         const QString orig = bak.left(bak.size() - kBackupSuffix.size());
         if (QFileInfo::exists(orig)) {
-            if (removeTree(bak))
+            if (removeOwnPath(bak))
                 ++cleaned;
         } else if (QFileInfo(bak).isDir() ? moveWithoutReplacing(bak, orig) : moveFileWriteThrough(bak, orig)) {
             ++restored;

@@ -1,7 +1,7 @@
 #include "apply/staging_download.h"
 
-#include "apply/file_replacement.h"
 #include "apply/update_cache.h"
+#include "base/own_files.h"
 #include "base/sha256.h"
 #include "update/http_fetch.h"
 #include "update/update_session.h"
@@ -13,11 +13,22 @@
 
 namespace {
 
-// QFile::copy refuses an existing destination, and copies in blocks, never the whole file.
+// A cached file into a new file of staging, in blocks, never the whole file at once; neither
+// side is reached through a link.
 bool copyReplacing(const QString& from, const QString& to)
 {
-    QFile::remove(to);
-    return QFile::copy(from, to);
+    QFile source;
+    QFile target;
+    if (!openOwnFile(source, from, QIODevice::ReadOnly) || !openOwnFile(target, to, QIODevice::WriteOnly))
+        return false;
+    QByteArray buffer(int(kHttpReadChunkBytes), Qt::Uninitialized);
+    for (;;) {
+        const qint64 read = source.read(buffer.data(), buffer.size());
+        if (read == 0)
+            return target.flush();
+        if (read < 0 || target.write(buffer.constData(), read) != read)
+            return false;
+    }
 }
 
 } // namespace
@@ -32,13 +43,13 @@ bool downloadToStaging(UpdateSession& session, const QList<ManifestFile>& change
 {
     const QString staging = stagingDir(session);
     // Whatever an earlier run left here is discarded, never reused.
-    removeTree(staging);
-    QDir().mkpath(staging);
+    removeOwnPath(staging);
+    makeOwnDirectory(staging);
     int fromCache = 0;
 
     auto giveUp = [&](const ManifestFile& file) {
         qWarning() << "[Update] tai" << file.path << "that bai -> huy, chay ban hien tai";
-        removeTree(staging);
+        removeOwnPath(staging);
         return false;
     };
 
@@ -49,7 +60,7 @@ bool downloadToStaging(UpdateSession& session, const QList<ManifestFile>& change
         if (safePath.isEmpty())
             return giveUp(file);
         const QString dst = staging + QLatin1Char('/') + safePath;
-        QDir().mkpath(QFileInfo(dst).path());
+        makeOwnDirectory(QFileInfo(dst).path());
         // Every download is bounded by the manifest size: a server that sends without end
         // cannot fill the disk.
         const QString url = baseUrl + file.path;
@@ -73,7 +84,7 @@ bool downloadToStaging(UpdateSession& session, const QList<ManifestFile>& change
             downloaded = httpGetToFile(session.network, url, dst, have, file.size);
             if (!downloaded) {
                 qWarning() << "[Update] tai tiep" << file.path << "that bai -> thu lai tu dau";
-                QFile::remove(dst);
+                removeOwnPath(dst);
             }
         }
         if (!downloaded && !httpGetToFile(session.network, url, dst, 0, file.size))
@@ -86,11 +97,11 @@ bool downloadToStaging(UpdateSession& session, const QList<ManifestFile>& change
         // Bad bytes in the cache's partial file must not be resumed from again.
         qWarning() << "[Update] hash lech" << file.path << "-> bo phan da co, tai lai tu dau";
         if (!part.isEmpty())
-            QFile::remove(part);
-        QFile::remove(dst);
+            removeOwnPath(part);
+        removeOwnPath(dst);
         if (!httpGetToFile(session.network, url, dst, 0, file.size) || sha256OfFile(dst) != file.sha256) {
             qWarning() << "[Update] hash van lech" << file.path << "-> huy";
-            removeTree(staging);
+            removeOwnPath(staging);
             return false;
         }
         staged.append({dst, file.path});

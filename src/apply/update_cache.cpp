@@ -2,6 +2,7 @@
 
 #include "apply/file_replacement.h"
 #include "base/installation_dir.h"
+#include "base/own_files.h"
 #include "base/sha256.h"
 
 #include <QDir>
@@ -39,7 +40,7 @@ QString cacheVersionDir(const QString& version)
 bool ensureCacheVersionDir(const QString& version)
 {
     const QString dir = cacheVersionDir(version);
-    return !dir.isEmpty() && QDir().mkpath(dir + QStringLiteral("/files"));
+    return !dir.isEmpty() && makeOwnDirectory(dir + QStringLiteral("/files"));
 }
 
 QString cacheFilePath(const QString& version, const QString& relPath)
@@ -62,8 +63,8 @@ qint64 cachePartSize(const QString& version, const QString& relPath)
     const QString partPath = cachePartPath(version, relPath);
     if (partPath.isEmpty())
         return 0;
-    const QFileInfo info(partPath);
-    return info.isFile() ? info.size() : 0;
+    // A link in the cache is nobody's partial download.
+    return qMax<qint64>(0, ownFileSize(partPath));
 }
 
 QString findCompleteCachedFile(const QString& version, const ManifestFile& file)
@@ -71,13 +72,13 @@ QString findCompleteCachedFile(const QString& version, const ManifestFile& file)
     const QString path = cacheFilePath(version, file.path);
     if (path.isEmpty())
         return QString();
-    const QFileInfo info(path);
-    if (!info.exists())
+    QFile cached;
+    if (!openOwnFile(cached, path, QIODevice::ReadOnly))
         return QString();
     // A wrong size rules the file out before it is read at all.
-    if (file.size > 0 && info.size() != file.size)
+    if (file.size > 0 && cached.size() != file.size)
         return QString();
-    if (sha256OfFile(path) != file.sha256)
+    if (sha256Of(cached) != file.sha256)
         return QString();
     return path;
 }
@@ -96,16 +97,16 @@ void pruneCacheExcept(const QString& version)
     for (const QString& name : names) {
         if (!keep.isEmpty() && name == keep)
             continue;
-        removeTree(root + QLatin1Char('/') + name);
+        removeOwnPath(root + QLatin1Char('/') + name);
     }
 }
 
 void clearUpdateCache()
 {
-    removeTree(updateCacheRoot());
+    removeOwnPath(updateCacheRoot());
 }
 
-bool writeCacheState(const CacheState& state)
+bool writeCacheState(const CacheState& state, qint64* size)
 {
     if (state.fullVersion.isEmpty() || !ensureCacheVersionDir(state.fullVersion))
         return false;
@@ -128,10 +129,13 @@ bool writeCacheState(const CacheState& state)
 
     const QString finalPath = cacheVersionDir(state.fullVersion) + QStringLiteral("/state.json");
     const QString tmpPath = finalPath + QStringLiteral(".tmp");
-    QFile tmp(tmpPath);
-    if (!tmp.open(QIODevice::WriteOnly | QIODevice::Truncate))
+    QFile tmp;
+    if (!openOwnFile(tmp, tmpPath, QIODevice::WriteOnly | QIODevice::Truncate))
         return false;
-    tmp.write(QJsonDocument(root).toJson(QJsonDocument::Compact));
+    const QByteArray json = QJsonDocument(root).toJson(QJsonDocument::Compact);
+    if (size)
+        *size = json.size();
+    tmp.write(json);
     tmp.flush();
     tmp.close();
     // A crash leaves the old state.json or the new one, never a torn file.
@@ -144,14 +148,14 @@ bool storeCachedManifest(const QString& version, const QByteArray& manifestBytes
     if (!ensureCacheVersionDir(version))
         return false;
     const QString dir = cacheVersionDir(version);
-    QFile manifest(dir + QStringLiteral("/manifest.json"));
-    if (!manifest.open(QIODevice::WriteOnly | QIODevice::Truncate))
+    QFile manifest;
+    if (!openOwnFile(manifest, dir + QStringLiteral("/manifest.json"), QIODevice::WriteOnly | QIODevice::Truncate))
         return false;
     manifest.write(manifestBytes);
     manifest.close();
     // The signature is a courtesy copy: failing to write it does not fail the call.
-    QFile signature(dir + QStringLiteral("/manifest.json.sig"));
-    if (signature.open(QIODevice::WriteOnly | QIODevice::Truncate))
+    QFile signature;
+    if (openOwnFile(signature, dir + QStringLiteral("/manifest.json.sig"), QIODevice::WriteOnly | QIODevice::Truncate))
         signature.write(signatureBytes);
     return true;
 }

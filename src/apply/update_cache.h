@@ -36,7 +36,8 @@ qint64 cachePartSize(const QString& version, const QString& relPath);
 QString findCompleteCachedFile(const QString& version, const ManifestFile& file);
 void pruneCacheExcept(const QString& version);
 void clearUpdateCache();
-// Compact JSON to state.json.tmp, then an atomic, write-through rename to state.json.
-bool writeCacheState(const CacheState& state);
+// Compact JSON to state.json.tmp, then an atomic, write-through rename to state.json. `size`,
+// when given, receives the bytes written.
+bool writeCacheState(const CacheState& state, qint64* size = nullptr);
 bool storeCachedManifest(const QString& version, const QByteArray& manifestBytes,
                          const QByteArray& signatureBytes);

@@ -1,6 +1,7 @@
 #include "base/file_log.h"
 
 #include "base/installation_dir.h"
+#include "base/own_files.h"
 
 #include <QDateTime>
 #include <QDir>
@@ -49,9 +50,11 @@ void installFileLog(const QString& modeTag)
         return;
     logState.modeTag = modeTag;
     logState.capped = false;
-    auto* file = new QFile(QDir(installationDir()).filePath(QStringLiteral("updater.log")));
-    // Binary append: every earlier run stays, and lines end in a bare LF.
-    if (!file->open(QIODevice::WriteOnly | QIODevice::Append)) {
+    auto* file = new QFile;
+    // Binary append: every earlier run stays, and lines end in a bare LF. A link in the log's
+    // place is replaced by a file of its own, so no line ever lands outside the installation.
+    if (!openOwnFile(*file, QDir(installationDir()).filePath(QStringLiteral("updater.log")),
+                     QIODevice::WriteOnly | QIODevice::Append)) {
         delete file;
         return;
     }

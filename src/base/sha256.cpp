@@ -56,15 +56,12 @@ QString Sha256::hexResult()
     return QString::fromLatin1(QByteArray(reinterpret_cast<const char*>(digest), int(length)).toHex());
 }
 
-QString sha256OfFile(const QString& path)
+QString sha256Of(QIODevice& device)
 {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return QString();
     Sha256 hash;
     QByteArray buffer(int(kHashChunkBytes), Qt::Uninitialized);
     for (;;) {
-        const qint64 read = file.read(buffer.data(), kHashChunkBytes);
+        const qint64 read = device.read(buffer.data(), kHashChunkBytes);
         if (read < 0)
             return QString();
         if (read == 0)
@@ -72,4 +69,12 @@ QString sha256OfFile(const QString& path)
         hash.addData(buffer.constData(), read);
     }
     return hash.hexResult();
+}
+
+QString sha256OfFile(const QString& path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return QString();
+    return sha256Of(file);
 }

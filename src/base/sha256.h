@@ -3,6 +3,8 @@
 #include <QString>
 #include <memory>
 
+class QIODevice;
+
 // Incremental SHA-256, backed by OpenSSL's EVP digest (it uses the CPU's SHA instructions
 // and is about ten times faster than QCryptographicHash here).
 class Sha256 {
@@ -25,3 +27,5 @@ private:
 // Lower-case hexadecimal SHA-256 of a file's whole content, read in fixed-size chunks; the
 // empty string when the file cannot be opened or read.
 QString sha256OfFile(const QString& path);
+// The same over what is left to read of an open device.
+QString sha256Of(QIODevice& device);

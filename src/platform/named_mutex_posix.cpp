@@ -19,9 +19,18 @@ constexpr long long kPollIntervalNs = 20LL * 1000000;
 std::intptr_t toHandle(int fd) { return static_cast<std::intptr_t>(fd) + 1; }
 int toFd(std::intptr_t handle) { return static_cast<int>(handle - 1); }
 
-// The per-user directory of the lock files, created on first use. Another user's directory,
-// a symlink or a non-directory is never trusted: the locks would be theirs to fake or hold.
-bool lockDirectory(std::string* dir)
+void setFault(MutexFault* fault, MutexFault::Kind kind, const std::string& path)
+{
+    if (fault) {
+        fault->kind = kind;
+        fault->path = path;
+    }
+}
+
+// The per-user directory of the lock files, created on first use. Only a real directory of
+// this user that nobody else may enter is trusted: anyone who could write there could fake or
+// hold the locks.
+bool lockDirectory(std::string* dir, MutexFault* fault)
 {
     const char* runtimeDir = std::getenv("XDG_RUNTIME_DIR");
     if (runtimeDir && runtimeDir[0] == '/')
@@ -29,24 +38,46 @@ bool lockDirectory(std::string* dir)
     else
         *dir = "/tmp/corvanta-" + std::to_string(geteuid());
 
-    if (mkdir(dir->c_str(), 0700) != 0 && errno != EEXIST)
-        return false;
+    // The umask may have taken bits away from a directory made just now; it gets 0700 itself.
+    if (mkdir(dir->c_str(), 0700) == 0)
+        chmod(dir->c_str(), 0700);
     struct stat info {};
-    if (lstat(dir->c_str(), &info) != 0)
+    if (lstat(dir->c_str(), &info) != 0 || !S_ISDIR(info.st_mode) || info.st_uid != geteuid()
+        || (info.st_mode & 07777) != 0700) {
+        setFault(fault, MutexFault::LockDirectory, *dir);
         return false;
-    return S_ISDIR(info.st_mode) && info.st_uid == geteuid();
+    }
+    return true;
 }
 
 // "N.lock" in the lock directory; a name that could leave the directory has no lock file.
-bool lockFilePath(const std::string& name, std::string* path)
+bool lockFilePath(const std::string& name, std::string* path, MutexFault* fault)
 {
     if (name.empty() || name.find('/') != std::string::npos)
         return false;
     std::string dir;
-    if (!lockDirectory(&dir))
+    if (!lockDirectory(&dir, fault))
         return false;
     *path = dir + "/" + name + ".lock";
     return true;
+}
+
+// Opens a lock file without waiting for a FIFO's other side; only a regular file is a lock.
+// A missing file is no fault when it is not to be created.
+int openLockFile(const std::string& path, int flags, MutexFault* fault)
+{
+    int fd = -1;
+    do {
+        fd = ::open(path.c_str(), flags | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600);
+    } while (fd < 0 && errno == EINTR);
+    struct stat info {};
+    if (fd >= 0 && fstat(fd, &info) == 0 && S_ISREG(info.st_mode))
+        return fd;
+    if (fd >= 0 || errno != ENOENT || (flags & O_CREAT))
+        setFault(fault, MutexFault::LockFile, path);
+    if (fd >= 0)
+        ::close(fd);
+    return -1;
 }
 
 struct flock wholeFile(short type)
@@ -120,13 +151,13 @@ void NamedMutex::releaseAndClose()
     close();
 }
 
-NamedMutex createNamedMutex(const std::string& name, bool* alreadyExisted)
+NamedMutex createNamedMutex(const std::string& name, bool* alreadyExisted, MutexFault* fault)
 {
     *alreadyExisted = false;
     std::string path;
-    if (!lockFilePath(name, &path))
+    if (!lockFilePath(name, &path, fault))
         return NamedMutex();
-    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+    const int fd = openLockFile(path, O_RDWR | O_CREAT, fault);
     if (fd < 0)
         return NamedMutex();
     struct flock lock = wholeFile(F_WRLCK);
@@ -142,13 +173,13 @@ NamedMutex createNamedMutex(const std::string& name, bool* alreadyExisted)
     return NamedMutex(toHandle(fd));
 }
 
-NamedMutex openNamedMutex(const std::string& name)
+NamedMutex openNamedMutex(const std::string& name, MutexFault* fault)
 {
     std::string path;
-    if (!lockFilePath(name, &path))
+    if (!lockFilePath(name, &path, fault))
         return NamedMutex();
     // Read-only and without O_CREAT: testing for a mutex must neither create nor take it.
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+    const int fd = openLockFile(path, O_RDONLY, fault);
     if (fd < 0)
         return NamedMutex();
     if (!isLockedByAnyone(fd)) {

@@ -54,7 +54,7 @@ void NamedMutex::releaseAndClose()
     close();
 }
 
-NamedMutex createNamedMutex(const std::string& name, bool* alreadyExisted)
+NamedMutex createNamedMutex(const std::string& name, bool* alreadyExisted, MutexFault*)
 {
     *alreadyExisted = false;
     const std::wstring wideName = toWide(name);
@@ -68,7 +68,7 @@ NamedMutex createNamedMutex(const std::string& name, bool* alreadyExisted)
     return NamedMutex(fromHandle(handle));
 }
 
-NamedMutex openNamedMutex(const std::string& name)
+NamedMutex openNamedMutex(const std::string& name, MutexFault*)
 {
     const std::wstring wideName = toWide(name);
     if (wideName.empty())

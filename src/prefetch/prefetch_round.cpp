@@ -3,6 +3,7 @@
 #include "prefetch/update_prefetcher.h"
 
 #include "base/installation_dir.h"
+#include "base/own_files.h"
 #include "update/manifest_eligibility.h"
 #include "update/manifest_signature.h"
 
@@ -104,7 +105,7 @@ void UpdatePrefetcher::planRound()
         return;
     }
     const QString cacheRoot = updateCacheRoot();
-    QDir().mkpath(cacheRoot);
+    makeOwnDirectory(cacheRoot);
     const QStorageInfo volume(cacheRoot);
     // A volume that cannot be queried, or reports nothing available, is not held against the run.
     if (volume.isValid() && volume.bytesAvailable() > 0

@@ -2,6 +2,7 @@
 // then a length check, an incremental SHA-256 and the rename to the final cache name.
 #include "prefetch/update_prefetcher.h"
 
+#include "base/own_files.h"
 #include "base/sha256.h"
 
 #include <QDebug>
@@ -39,7 +40,7 @@ void UpdatePrefetcher::startNextFile()
         QTimer::singleShot(0, this, [this] { startNextFile(); });
         return;
     }
-    QDir().mkpath(QFileInfo(part).absolutePath());
+    makeOwnDirectory(QFileInfo(part).absolutePath());
 
     qint64 have = cachePartSize(version, file.path);
     phase = Downloading;
@@ -54,7 +55,7 @@ void UpdatePrefetcher::startNextFile()
             return;
         }
         if (have > file.size) {
-            QFile::remove(part);
+            removeOwnPath(part);
             have = 0;
             bytesHave = 0;
         }
@@ -95,10 +96,10 @@ bool UpdatePrefetcher::acceptResponse()
     if (!append)
         bytesHave = 0;
     delete partFile;
-    partFile = new QFile(part);
+    partFile = new QFile;
     const QIODevice::OpenMode mode =
         append ? QIODevice::WriteOnly | QIODevice::Append : QIODevice::WriteOnly | QIODevice::Truncate;
-    if (!partFile->open(mode)) {
+    if (!openOwnFile(*partFile, part, mode)) {
         qWarning() << "[UpdatePrefetch] khong mo duoc" << part;
         delete partFile;
         partFile = nullptr;
@@ -204,14 +205,14 @@ void UpdatePrefetcher::completeFile()
     const ManifestFile& file = plan.at(currentIndex);
     const QString part = cachePartPath(manifest.fullVersion, file.path);
     // A zero size in the manifest means "unknown": only the hash decides then.
-    if (file.size > 0 && QFileInfo(part).size() != file.size) {
+    if (file.size > 0 && ownFileSize(part) != file.size) {
         qWarning() << "[UpdatePrefetch]" << file.path << "thieu byte sau khi tai xong -> bo";
         advance(false);
         return;
     }
     dropHashing();
-    hashFile = new QFile(part);
-    if (!hashFile->open(QIODevice::ReadOnly)) {
+    hashFile = new QFile;
+    if (!openOwnFile(*hashFile, part, QIODevice::ReadOnly)) {
         delete hashFile;
         hashFile = nullptr;
         advance(false);
@@ -238,14 +239,13 @@ void UpdatePrefetcher::hashStep()
     const QString part = cachePartPath(manifest.fullVersion, file.path);
     if (hex != file.sha256) {
         qWarning().noquote() << "[UpdatePrefetch]" << file.path << "hash lech -> xoa, tai lai";
-        QFile::remove(part);
+        removeOwnPath(part);
         advance(false);
         return;
     }
 
     const QString finalPath = cacheFilePath(manifest.fullVersion, file.path);
-    if (QFile::exists(finalPath))
-        QFile::remove(finalPath);
+    removeOwnPath(finalPath);
     if (!QFile::rename(part, finalPath)) {
         qWarning() << "[UpdatePrefetch] khong doi ten duoc" << part;
         advance(false);
@@ -299,7 +299,7 @@ void UpdatePrefetcher::saveState(bool force)
                 entry.got = bytesHave;
         }
     }
-    writeCacheState(state);
+    writeState();
 }
 
 } // namespace corv

@@ -35,6 +35,11 @@ UpdatePrefetcher::UpdatePrefetcher()
     pumpTimer->setTimerType(Qt::PreciseTimer);
     pumpTimer->setInterval(kPrefetchPumpIntervalMs);
     connect(pumpTimer, &QTimer::timeout, this, &UpdatePrefetcher::onPumpTick);
+
+    stateTimer = new QTimer(this);
+    stateTimer->setTimerType(Qt::PreciseTimer);
+    stateTimer->setSingleShot(true);
+    connect(stateTimer, &QTimer::timeout, this, [this] { saveState(true); });
 }
 
 UpdatePrefetcher::~UpdatePrefetcher()
@@ -63,8 +68,16 @@ bool UpdatePrefetcher::start()
     stopping = false;
     if (!loadConfig())
         return false;
-    if (!tryAcquirePrefetchLock(prefetchLock)) {
-        qInfo() << "[UpdatePrefetch] mot luot tai khac dang chay -> bo qua";
+    platform::MutexFault fault;
+    if (!tryAcquirePrefetchLock(prefetchLock, &fault)) {
+        if (!logLockFault(fault, "[UpdatePrefetch]"))
+            qInfo() << "[UpdatePrefetch] mot luot tai khac dang chay -> bo qua";
+        return false;
+    }
+    // Looked at again now that the prefetch lock is held: an apply run that took its lock after
+    // the entry point looked has either seen this lock (and waits for it) or is seen here.
+    if (testNamedMutex(QLatin1String(kUpdaterMutexName), "[UpdatePrefetch]") != LockTest::Absent) {
+        prefetchLock.releaseAndClose();
         return false;
     }
     filesOk = 0;
@@ -171,6 +184,7 @@ void UpdatePrefetcher::stop()
     closePartFile();
     dropHashing();
     saveState(true);
+    writePendingState();
     const int remaining = currentIndex >= 0 ? plan.size() - currentIndex : plan.size();
     qInfo() << "[UpdatePrefetch] dung - xong" << filesOk << "file, con" << remaining;
     phase = Idle;
@@ -189,11 +203,34 @@ void UpdatePrefetcher::finish(const QString& message)
     closePartFile();
     dropHashing();
     saveState(true);
+    writePendingState();
     phase = Idle;
     if (!prefetchLock.isNull())
         prefetchLock.releaseAndClose();
     qInfo().noquote() << "[UpdatePrefetch]" << message;
     emit finished();
+}
+
+void UpdatePrefetcher::writeState()
+{
+    if (lastStateWrite.isValid() && lastStateWrite.elapsed() < stateWriteIntervalMs) {
+        if (!stateTimer->isActive())
+            stateTimer->start(int(stateWriteIntervalMs - lastStateWrite.elapsed()));
+        return;
+    }
+    stateTimer->stop();
+    qint64 bytes = 0;
+    writeCacheState(state, &bytes);
+    lastStateWrite.start();
+    stateWriteIntervalMs = qMax(kPrefetchStateWriteIntervalMs, bytes * 1000 / kPrefetchStateWriteBytesPerSecond);
+}
+
+void UpdatePrefetcher::writePendingState()
+{
+    if (!stateTimer->isActive())
+        return;
+    lastStateWrite.invalidate();
+    writeState();
 }
 
 } // namespace corv

@@ -5,6 +5,7 @@
 #include "update/manifest.h"
 
 #include <QByteArray>
+#include <QElapsedTimer>
 #include <QList>
 #include <QObject>
 #include <QString>
@@ -31,6 +32,12 @@ constexpr qint64 kPrefetchReadBufferBytes = 262144;
 constexpr qint64 kPrefetchDrainChunkBytes = 102400;
 constexpr qint64 kPrefetchHashChunkBytes = 4194304;
 constexpr qint64 kPrefetchStateSaveBytes = 1048576;
+// state.json is rewritten whole, and it grows with the plan (some 3 MB for 20,000 files). Writes
+// are at least a second apart, and further apart for a large state, so that rewriting it costs
+// no more than 16,000 bytes a second: 1/64 of the transfer rate. Requests in between are
+// folded into the next write; the end of a run always writes at once.
+constexpr qint64 kPrefetchStateWriteIntervalMs = 1000;
+constexpr qint64 kPrefetchStateWriteBytesPerSecond = 16000;
 constexpr int kPrefetchRetriesPerFile = 3;
 constexpr int kPrefetchRetryDelayMs = 1000;
 // A run needing more than 500 MiB is left to the apply updater, and so is one that would leave
@@ -95,12 +102,17 @@ private:
     void hashStep();
     void advance(bool ok);
     void saveState(bool force);
+    // Writes `state` now, or as soon as the interval since the last write is over.
+    void writeState();
+    // Writes a state still waiting for its turn (the end of a run).
+    void writePendingState();
 
     QNetworkAccessManager* network = nullptr;
     QNetworkReply* reply = nullptr;
     QTimer* stallTimer = nullptr;
     QTimer* pumpTimer = nullptr;
     QTimer* appWatchTimer = nullptr;
+    QTimer* stateTimer = nullptr;
     platform::ProcessHandle appProcess;
     QString manifestUrl;
     QString baseUrl;
@@ -118,6 +130,8 @@ private:
     QFile* hashFile = nullptr;
     Sha256* hash = nullptr;
     CacheState state;
+    QElapsedTimer lastStateWrite;
+    qint64 stateWriteIntervalMs = kPrefetchStateWriteIntervalMs;
     PrefetchPhase phase = Idle;
     bool stopping = false;
     qint32 filesOk = 0;

@@ -1,10 +1,10 @@
 #include "session/apply_session.h"
 
 #include "apply/apply_transaction.h"
-#include "apply/file_replacement.h"
 #include "apply/interrupted_apply_repair.h"
 #include "apply/staging_download.h"
 #include "apply/update_cache.h"
+#include "base/own_files.h"
 #include "base/sha256.h"
 #include "update/manifest_signature.h"
 #include "update/updater_config.h"
@@ -37,8 +37,8 @@ UpdateOutcome runUpdateSession(UpdateSession& session)
     repairInterruptedApply(session);
     // Staging left by a run that was killed after its files were moved into place would
     // otherwise stay until the next real update; this run holds the updater lock, so nothing
-    // else uses it.
-    removeTree(stagingDir(session));
+    // else uses it. A link in its place is removed as a link, never followed.
+    removeOwnPath(stagingDir(session));
 
     QString manifestUrl;
     QString baseUrl;
@@ -79,7 +79,7 @@ UpdateOutcome runUpdateSession(UpdateSession& session)
 
     reportStatus(session, QString::fromUtf8("Đang áp bản cập nhật…"));
     const bool applied = applyStagedFiles(session, staged);
-    removeTree(stagingDir(session));
+    removeOwnPath(stagingDir(session));
     if (!applied)
         return Failed;  // rolled back; the cache stays for the next attempt
 

@@ -1,5 +1,7 @@
 #include "update/http_fetch.h"
 
+#include "base/own_files.h"
+
 #include <QDebug>
 #include <QEventLoop>
 #include <QFile>
@@ -52,7 +54,7 @@ struct FileSink {
             else
                 return;
             // Unbuffered, so that a full disk shows up as a short write right here.
-            if (!file.open(mode | QIODevice::Unbuffered)) {
+            if (!openOwnFile(file, file.fileName(), mode | QIODevice::Unbuffered)) {
                 fail();
                 return;
             }

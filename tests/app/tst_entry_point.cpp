@@ -3,6 +3,7 @@
 #include "support/helper_process.h"
 #include "support/test_install.h"
 
+#include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QRegularExpression>
@@ -114,35 +115,85 @@ void TestEntryPoint::refusals_data()
 {
     QTest::addColumn<QStringList>("args");
     QTest::addColumn<QStringList>("held");
-    QTest::newRow("application running") << QStringList{} << QStringList{kMainApp};
-    QTest::newRow("another updater running") << QStringList{} << QStringList{kUpdater};
+    QTest::addColumn<QString>("lockDir");    // a broken lock directory of the row's own: "", "mode 0755",
+                                             // "another owner", or "FIFO <name>" for a FIFO at that lock's name
+    QTest::addColumn<QStringList>("logged");  // "<locks>" stands for the row's lock directory
+    QTest::newRow("application running") << QStringList{} << QStringList{kMainApp} << QString() << QStringList{};
+    QTest::newRow("another updater running") << QStringList{} << QStringList{kUpdater} << QString() << QStringList{};
     // The application is tested first: no 15 s wait for the prefetch.
-    QTest::newRow("application and a prefetch running") << QStringList{} << QStringList{kMainApp, kPrefetch};
-    QTest::newRow("another updater and a prefetch running") << QStringList{} << QStringList{kUpdater, kPrefetch};
+    QTest::newRow("application and a prefetch running")
+        << QStringList{} << QStringList{kMainApp, kPrefetch} << QString() << QStringList{};
+    QTest::newRow("another updater and a prefetch running")
+        << QStringList{} << QStringList{kUpdater, kPrefetch} << QString() << QStringList{};
     // Were the apply run not noticed, the prefetch would log that another prefetch runs.
-    QTest::newRow("prefetch while an apply runs") << QStringList{"--prefetch-only"} << QStringList{kUpdater, kPrefetch};
+    QTest::newRow("prefetch while an apply runs")
+        << QStringList{"--prefetch-only"} << QStringList{kUpdater, kPrefetch} << QString() << QStringList{};
     QTest::newRow("proactive prefetch while an apply runs")
-        << QStringList{"--prefetch-only", "--proactive"} << QStringList{kUpdater, kPrefetch};
+        << QStringList{"--prefetch-only", "--proactive"} << QStringList{kUpdater, kPrefetch} << QString() << QStringList{};
+
+    // A lock that cannot tell refuses the run at once, with one line and no box.
+    const QString lockFile = QStringLiteral(" file khoa khong dung duoc (can file thuong) -> bo qua: \"<locks>/%1.lock\"");
+    const QString lockDir =
+        QStringLiteral(" thu muc khoa khong dung duoc (can thu muc rieng cua user nay, quyen 0700) -> bo qua: \"<locks>\"");
+    QTest::newRow("FIFO at the application's lock")
+        << QStringList{"--proactive"} << QStringList{} << "FIFO " + kMainApp
+        << QStringList{"[Update]" + lockFile.arg(kMainApp)};
+    QTest::newRow("FIFO at the prefetch lock, apply")
+        << QStringList{"--proactive"} << QStringList{} << "FIFO " + kPrefetch
+        << QStringList{"[Update]" + lockFile.arg(kPrefetch)};
+    QTest::newRow("FIFO at the updater lock, prefetch")
+        << QStringList{"--prefetch-only"} << QStringList{} << "FIFO " + kUpdater
+        << QStringList{"[UpdatePrefetch]" + lockFile.arg(kUpdater)};
+    QTest::newRow("FIFO at the prefetch lock, prefetch")
+        << QStringList{"--prefetch-only"} << QStringList{} << "FIFO " + kPrefetch
+        << QStringList{"[UpdatePrefetch]" + lockFile.arg(kPrefetch)};
+    QTest::newRow("lock directory with mode 0755, apply")
+        << QStringList{"--proactive"} << QStringList{} << "mode 0755" << QStringList{"[Update]" + lockDir};
+    QTest::newRow("lock directory of another user, prefetch")
+        << QStringList{"--prefetch-only"} << QStringList{} << "another owner" << QStringList{"[UpdatePrefetch]" + lockDir};
 }
 
 void TestEntryPoint::refusals()
 {
     QFETCH(QStringList, args);
     QFETCH(QStringList, held);
+    QFETCH(QString, lockDir);
+    QFETCH(QStringList, logged);
     TestInstall install;
     QVERIFY(install.isValid());
     // A configuration, so that nothing but the refusal can keep a run quiet.
     QVERIFY(install.writeConfig(QStringLiteral("http://127.0.0.1:9/manifest.json")));
+
+    QTemporaryDir brokenRuntime;
+    const QString locks = brokenRuntime.path() + QStringLiteral("/corvanta");
+    if (!lockDir.isEmpty()) {
+        if (QSysInfo::kernelType() == QLatin1String("winnt"))
+            QSKIP("Windows keeps the mutexes in the kernel, not in a lock directory");
+        const QFile::Permissions owner = QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner;
+        const QFile::Permissions others = QFile::ReadGroup | QFile::ExeGroup | QFile::ReadOther | QFile::ExeOther;
+        QVERIFY(QDir().mkdir(locks));
+        QVERIFY(QFile::setPermissions(locks, lockDir == QLatin1String("mode 0755") ? owner | others : owner));
+        if (lockDir == QLatin1String("another owner")
+            && QProcess::execute(QStringLiteral("chown"), {QStringLiteral("65534:65534"), locks}) != 0)
+            QSKIP("giving a directory to another user needs root");
+        if (lockDir.startsWith(QLatin1String("FIFO ")))
+            QCOMPARE(QProcess::execute(QStringLiteral("mkfifo"), {locks + QLatin1Char('/') + lockDir.mid(5) + QStringLiteral(".lock")}), 0);
+    }
     HelperProcess holder = holdLocks(held);
     QVERIFY(holder);
 
+    if (!lockDir.isEmpty())
+        qputenv("XDG_RUNTIME_DIR", QFile::encodeName(brokenRuntime.path()));
     QElapsedTimer clock;
     clock.start();
-    QCOMPARE(install.run(args, 30000), 0);
+    const int exitCode = install.run(args, 30000);
+    qputenv("XDG_RUNTIME_DIR", runtimeDir.path().toUtf8());
+    QCOMPARE(exitCode, 0);
     QVERIFY2(clock.elapsed() < 10000, QByteArray::number(clock.elapsed()).constData());
 
-    // Refused before anything else: nothing logged, the other side's mutexes untouched.
-    QCOMPARE(install.logTexts(), QStringList());
+    // Refused before anything else: only the reason, if any, logged; the other side's mutexes
+    // untouched.
+    QCOMPARE(install.logTexts(), logged.replaceInStrings(QStringLiteral("<locks>"), locks));
     for (const QString& name : held)
         QVERIFY(isHeld(name));
     if (!held.contains(kUpdater))

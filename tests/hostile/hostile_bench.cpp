@@ -86,6 +86,41 @@ QStringList entriesOf(const QString& dir)
     return QDir(dir).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
 }
 
+// relative path -> content of every file below root, or of root itself when it is a file.
+QMap<QString, QByteArray> contents(const QString& root)
+{
+    if (QFileInfo(root).isFile())
+        return {{QString(), readBytes(root)}};
+    QMap<QString, QByteArray> files;
+    QDirIterator it(root, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot, QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        const QString path = it.next();
+        files.insert(QDir(root).relativeFilePath(path), it.fileInfo().isFile() ? readBytes(path) : QByteArray("<dir>"));
+    }
+    return files;
+}
+
+// Plants row.link at row.linkPath, pointing into `outside`.
+bool plantLink(const HostileRow& row, const TestInstall& install, const QString& outside)
+{
+    const QString path = install.path(row.linkPath);
+    const QString target = outside + QStringLiteral("/target");
+    if (row.link == Link::ToDirectory) {
+        if (!writeBytes(target + QStringLiteral("/keep.txt"), "outside"))
+            return false;
+    } else {
+        const QByteArray content = QFileInfo::exists(path) ? readBytes(path) : build2().value(kCBin).left(1000);
+        if (!writeBytes(target, content))
+            return false;
+    }
+    QFile::remove(path);
+    if (!QDir().mkpath(QFileInfo(path).path()))
+        return false;
+    if (row.link == Link::Hard)
+        return QProcess::execute(QStringLiteral("ln"), {target, path}) == 0;
+    return QFile::link(target, path);
+}
+
 QString describeSnapshotChange(const QMap<QString, QString>& expected, const QMap<QString, QString>& actual)
 {
     QStringList changes;
@@ -309,6 +344,12 @@ HostileResult HostileBench::run(const HostileRow& row)
         result.violations.append(QStringLiteral("cannot seed the cache"));
         return result;
     }
+    QTemporaryDir linkTargets;
+    if (row.link != Link::None && (!linkTargets.isValid() || !plantLink(row, *install, linkTargets.path()))) {
+        result.violations.append(QStringLiteral("cannot plant the link"));
+        return result;
+    }
+    const QMap<QString, QByteArray> targetsBefore = contents(linkTargets.path());
     const QMap<QString, QString> before = snapshot(install->dir());
 
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
@@ -329,6 +370,8 @@ HostileResult HostileBench::run(const HostileRow& row)
         result.violations.append(QStringLiteral("written outside the installation: ") + outside.join(QStringLiteral(", ")));
     if (!entriesOf(home.path()).isEmpty())
         result.violations.append(QStringLiteral("written into HOME: ") + entriesOf(home.path()).join(QStringLiteral(", ")));
+    if (contents(linkTargets.path()) != targetsBefore)
+        result.violations.append(QStringLiteral("written through the link at ") + row.linkPath);
     if (install->exists(QStringLiteral(".staging")))
         result.violations.append(QStringLiteral(".staging left behind"));
 

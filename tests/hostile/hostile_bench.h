@@ -8,7 +8,8 @@
 //    case it is exactly build 2.0; no ".staging" is left;
 //  - the update cache holds only verified files and ".part" files that are prefixes of them;
 //  - nothing is written outside the installation: the temporary directory that holds it
-//    (also the updater's TMPDIR) contains nothing else afterwards, and HOME stays empty;
+//    (also the updater's TMPDIR) contains nothing else afterwards, HOME stays empty, and what
+//    a link planted in the installation points to is unchanged;
 //  - no file grows beyond 4 MiB, the resident memory stays below 256 MiB, the run ends.
 #include "support/test_install.h"
 #include "support/test_server.h"
@@ -36,6 +37,11 @@ enum class Publication {
     LongFile,                  // lib/c.bin served longer than the manifest says
 };
 
+// A link planted in the installation before the run, to a directory or a file outside it. The
+// file holds what the installation had at that path, or else the first 1000 bytes of the
+// published lib/c.bin (so that a ".part" there would be resumed).
+enum class Link { None, ToDirectory, ToFile, Hard };
+
 struct HostileRow {
     RunMode mode = RunMode::Apply;
     Publication publication = Publication::Normal;
@@ -43,6 +49,8 @@ struct HostileRow {
     QString rulePath;          // path below b/ that misbehaves ("" for none)
     TestServer::Rule rule;
     qint64 seedPartBytes = 0;  // lib/c.bin.part of that many correct bytes in the cache first
+    Link link = Link::None;    // planted at linkPath
+    QString linkPath;
     QStringList expected;      // the run's own log lines ("[Update]" or "[UpdatePrefetch]"); "*" matches any text,
                                // " ||| " separates the texts a line may have instead
     // Other whole outcomes that are just as right. A connection cut in the middle of a body is

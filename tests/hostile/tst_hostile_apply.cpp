@@ -117,6 +117,16 @@ void TestHostileApply::fault_data()
                              true);
     resumed.seedPartBytes = 1000;
     QTest::newRow("file 200 for a range") << resumed;
+
+    // Links among the updater's own files, to a directory or a file outside the installation:
+    // removed as links, never followed, and the run goes on.
+    for (const auto& planted : {std::make_pair(Link::ToDirectory, ".staging"), std::make_pair(Link::ToFile, "updater.log"),
+                                std::make_pair(Link::ToFile, "manifest.json")}) {
+        HostileRow linked = row(Publication::Normal, QString(), {}, HostileBench::applyUpdated(), true);
+        linked.link = planted.first;
+        linked.linkPath = QString::fromLatin1(planted.second);
+        QTest::newRow(qPrintable(QStringLiteral("link at ") + linked.linkPath)) << linked;
+    }
 }
 
 void TestHostileApply::fault()

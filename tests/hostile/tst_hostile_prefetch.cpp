@@ -144,6 +144,28 @@ void TestHostilePrefetch::fault_data()
                 + HostileBench::prefetchDone());
     resumed.seedPartBytes = 1000;
     QTest::newRow("file 200 for a range") << resumed;
+
+    // Links in the cache, to a directory or a file outside the installation: removed as links,
+    // never followed or written through, and the run goes on.
+    const QString part = QStringLiteral(".update-cache/2.0/files/lib/c.bin.part");
+    for (const auto& planted : {std::make_pair(Link::ToDirectory, QStringLiteral(".update-cache")),
+                                std::make_pair(Link::ToDirectory, QStringLiteral(".update-cache/2.0/files/lib")),
+                                std::make_pair(Link::ToFile, part),
+                                std::make_pair(Link::ToFile, QStringLiteral(".update-cache/2.0/state.json.tmp")),
+                                std::make_pair(Link::ToFile, QStringLiteral(".update-cache/2.0/manifest.json")),
+                                std::make_pair(Link::ToFile, QStringLiteral(".update-cache/2.0/manifest.json.sig"))}) {
+        HostileRow linked = row(Publication::Normal, QString(), {}, start + QStringList{fresh} + HostileBench::prefetchDone());
+        linked.link = planted.first;
+        linked.linkPath = planted.second;
+        QTest::newRow(qPrintable(QStringLiteral("link at ") + linked.linkPath)) << linked;
+    }
+    // A ".part" with a second name elsewhere is resumed in a copy of its own.
+    HostileRow hardLinked = row(Publication::Normal, QString(), {},
+                                start + QStringList{QStringLiteral("[UpdatePrefetch] lib/c.bin resume tu 1000 byte")}
+                                    + HostileBench::prefetchDone());
+    hardLinked.link = Link::Hard;
+    hardLinked.linkPath = part;
+    QTest::newRow("hard link at .update-cache/2.0/files/lib/c.bin.part") << hardLinked;
 }
 
 void TestHostilePrefetch::fault()

@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 using corv::platform::createNamedMutex;
+using corv::platform::MutexFault;
 using corv::platform::NamedMutex;
 using corv::platform::openNamedMutex;
 using corv::platform::waitForNamedMutex;
@@ -98,16 +99,21 @@ void TestNamedMutexPosix::fallbackDirectory()
 void TestNamedMutexPosix::untrustedLocation_data()
 {
     QTest::addColumn<QString>("setup");
-    QTest::newRow("directory is a symlink to our own directory") << "symlink";
-    QTest::newRow("directory is a regular file") << "file";
-    QTest::newRow("directory owned by another user") << "foreign";
-    QTest::newRow("runtime directory missing") << "missing";
-    QTest::newRow("lock file is a symlink") << "lockSymlink";
+    QTest::addColumn<int>("fault");  // MutexFault::Kind
+    QTest::newRow("directory is a symlink to our own directory") << "symlink" << int(MutexFault::LockDirectory);
+    QTest::newRow("directory is a regular file") << "file" << int(MutexFault::LockDirectory);
+    QTest::newRow("directory owned by another user") << "foreign" << int(MutexFault::LockDirectory);
+    QTest::newRow("directory others may enter") << "mode0711" << int(MutexFault::LockDirectory);
+    QTest::newRow("runtime directory missing") << "missing" << int(MutexFault::LockDirectory);
+    QTest::newRow("lock file is a symlink") << "lockSymlink" << int(MutexFault::LockFile);
+    // Opened without waiting for a writer, and refused.
+    QTest::newRow("lock file is a FIFO") << "lockFifo" << int(MutexFault::LockFile);
 }
 
 void TestNamedMutexPosix::untrustedLocation()
 {
     QFETCH(QString, setup);
+    QFETCH(int, fault);
     QTemporaryDir base;
     QVERIFY(base.isValid());
     const QString dir = base.path() + QStringLiteral("/corvanta");
@@ -126,17 +132,29 @@ void TestNamedMutexPosix::untrustedLocation()
             QSKIP("giving a directory to another user needs root");
         QVERIFY(QDir().mkdir(dir));
         QCOMPARE(chown(QFile::encodeName(dir).constData(), 65534, 65534), 0);
+    } else if (setup == QLatin1String("mode0711")) {
+        QVERIFY(QDir().mkdir(dir));
+        QCOMPARE(chmod(QFile::encodeName(dir).constData(), 0711), 0);
     } else if (setup == QLatin1String("missing")) {
         runtime = base.path().toUtf8() + "/does-not-exist";
     } else if (setup == QLatin1String("lockSymlink")) {
         QVERIFY(QDir().mkdir(dir));
+        QCOMPARE(chmod(QFile::encodeName(dir).constData(), 0700), 0);
         QVERIFY(QFile::link(realDir + QStringLiteral("/target"), dir + QStringLiteral("/Corvanta_Test_Untrusted.lock")));
+    } else if (setup == QLatin1String("lockFifo")) {
+        QVERIFY(QDir().mkdir(dir));
+        QCOMPARE(chmod(QFile::encodeName(dir).constData(), 0700), 0);
+        QCOMPARE(mkfifo(QFile::encodeName(dir + QStringLiteral("/Corvanta_Test_Untrusted.lock")).constData(), 0600), 0);
     }
     qputenv("XDG_RUNTIME_DIR", runtime);
 
     bool existed = false;
-    QVERIFY(createNamedMutex(name, &existed).isNull());
-    QVERIFY(openNamedMutex(name).isNull());
+    MutexFault created;
+    QVERIFY(createNamedMutex(name, &existed, &created).isNull());
+    MutexFault opened;
+    QVERIFY(openNamedMutex(name, &opened).isNull());
+    QCOMPARE(int(created.kind), fault);
+    QCOMPARE(int(opened.kind), fault);
     QVERIFY(QDir(realDir).entryList(QDir::NoDotAndDotDot | QDir::AllEntries | QDir::System).isEmpty());
 }
 
@@ -145,6 +163,7 @@ void TestNamedMutexPosix::classicLocksCount()
     const QString path = lockDir() + QStringLiteral("/Corvanta_Test_Classic.lock");
     const std::string name = "Corvanta_Test_Classic";
     QVERIFY(QDir().mkpath(lockDir()));
+    QCOMPARE(chmod(QFile::encodeName(lockDir()).constData(), 0700), 0);
 
     QByteArray line;
     auto classic = startHelper(QStringLiteral("classic_lock_holder"), {path}, &line);

@@ -4,6 +4,8 @@
 #include "support/helper_process.h"
 
 #include <QProcess>
+#include <QRegularExpression>
+#include <QThread>
 #include <memory>
 
 namespace {
@@ -29,6 +31,7 @@ private slots:
 
     void anotherPrefetchRunning();
     void applyRunInProgress();
+    void startedTogetherWithAnApplyRun();
     void prefetchThenApplyTakesTheCache();
     void applicationEndingLeavesAPartForTheApply();
 
@@ -94,6 +97,44 @@ void TestPrefetchMode::applyRunInProgress()
     QVERIFY(releaseHelper(*apply));
     auto probe = holdLocks({prefetchLockName()});
     QVERIFY(probe);
+}
+
+// A prefetch and an apply run started together, a hundred times, the apply up to 9 ms later,
+// each in an installation of its own (the locks are the user's, not the installation's) that
+// fetches from its own copy of the build: the prefetch from p/, the apply from b/. The prefetch
+// gives way at once, or the apply waits for it, or one is over before the other begins; no
+// request of the prefetch ever comes between the apply's first and last one.
+void TestPrefetchMode::startedTogetherWithAnApplyRun()
+{
+    QVERIFY(publishBuild(published.path(), QStringLiteral("p"), newBuild, makeManifestJson(kVersion, 7, newBuild)));
+    const QString waited = QStringLiteral("[Update] dang co luot tai san chay -> cho no dung, toi da 15 giay");
+    int gaveWay = 0;
+    int applyWaited = 0;
+    for (int trial = 0; trial < 100; ++trial) {
+        TestInstall prefetching;
+        TestInstall applying;
+        for (TestInstall* side : {&prefetching, &applying}) {
+            QVERIFY(side->installBuild(installedBuild, makeManifestJson(QStringLiteral("2.4.0"), 6, installedBuild)));
+            const QString publication = side == &prefetching ? QStringLiteral("p") : QStringLiteral("b");
+            QVERIFY(side->writeConfig(server->url(publication + QStringLiteral("/manifest.json"))));
+        }
+        server->clearRequests();
+        HelperProcess prefetch(prefetching.start({"--prefetch-only"}));
+        QThread::usleep(1000 * (trial % 10));
+        HelperProcess apply(applying.start());
+        QVERIFY(prefetch->waitForFinished(30000) && apply->waitForFinished(30000));
+        QCOMPARE(prefetch->exitCode() + apply->exitCode(), 0);
+
+        QStringList paths = requestedPaths(*server);
+        const int applyFirst = paths.indexOf(QRegularExpression(QStringLiteral("^b/.*")));
+        const int applyLast = paths.lastIndexOf(QRegularExpression(QStringLiteral("^b/.*")));
+        const QStringList during = paths.mid(applyFirst, applyLast - applyFirst + 1);
+        QVERIFY2(applyFirst < 0 || during.filter(QRegularExpression(QStringLiteral("^p/"))).isEmpty(),
+                 qPrintable(QStringLiteral("trial %1: ").arg(trial) + paths.join(QStringLiteral(", "))));
+        gaveWay += paths.filter(QRegularExpression(QStringLiteral("^p/"))).isEmpty() ? 1 : 0;
+        applyWaited += applying.logTexts().contains(waited) ? 1 : 0;
+    }
+    qInfo("the prefetch gave way %d times, the apply waited %d times", gaveWay, applyWaited);
 }
 
 // While the application (a stand-in process) runs, the prefetch fetches the three changed files;

@@ -19,7 +19,11 @@
 
 #include <QDir>
 #include <QFile>
+#include <QElapsedTimer>
 #include <QHash>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QProcess>
 #include <QRegularExpression>
 #include <QStandardPaths>
@@ -257,6 +261,15 @@ BuildFiles build2()
             {QStringLiteral("updater"), "the next updater"}};
 }
 
+// 80 files of a few bytes: a prefetch finishes about ten of them a second.
+BuildFiles smallFiles()
+{
+    BuildFiles files;
+    for (int i = 0; i < 80; ++i)
+        files.insert(QStringLiteral("small/file_%1.txt").arg(i, 2, 10, QLatin1Char('0')), "small " + QByteArray::number(i));
+    return files;
+}
+
 } // namespace
 
 class TestWriteThrough : public QObject {
@@ -285,6 +298,7 @@ void TestWriteThrough::initTestCase()
     server = std::make_unique<TestServer>(published.path());
     QVERIFY(server->start());
     QVERIFY(publishBuild(published.path(), QStringLiteral("b"), build2(), makeManifestJson(QStringLiteral("2.0"), 2, build2())));
+    QVERIFY(publishBuild(published.path(), QStringLiteral("m"), smallFiles(), makeManifestJson(QStringLiteral("2.0"), 2, smallFiles())));
 }
 
 // The check itself, on hand-written traces of an installation in /i: it must flag exactly the
@@ -342,6 +356,7 @@ void TestWriteThrough::checkerCatches()
 
 void TestWriteThrough::tracedRun_data()
 {
+    QTest::addColumn<QString>("publication");      // "b": build 2, "m": 80 small files
     QTest::addColumn<QStringList>("untracedFirst");  // arguments of a run before the traced one ("" for none)
     QTest::addColumn<QStringList>("tracedArgs");
     QTest::addColumn<QStringList>("movedIn");      // the in-scope destinations of the traced run, all of them
@@ -353,17 +368,24 @@ void TestWriteThrough::tracedRun_data()
                               QStringLiteral("new/dir/c.txt"), QStringLiteral("updater.new"),
                               QStringLiteral("manifest.json")};
     const QString updated = QStringLiteral("[Update] CAP NHAT THANH CONG -> \"2.0\"");
-    QTest::newRow("apply, downloading") << QStringList() << QStringList() << applied << updated;
+    const QString b = QStringLiteral("b");
+    QTest::newRow("apply, downloading") << b << QStringList() << QStringList() << applied << updated;
     QTest::newRow("apply, from the prefetched cache")
-        << QStringList{QStringLiteral("--prefetch-only")} << QStringList() << applied << updated;
+        << b << QStringList{QStringLiteral("--prefetch-only")} << QStringList() << applied << updated;
+    const QStringList state{QStringLiteral(".update-cache/2.0/state.json")};
     QTest::newRow("prefetch, state.json")
-        << QStringList() << QStringList{QStringLiteral("--prefetch-only")}
-        << QStringList{QStringLiteral(".update-cache/2.0/state.json")}
+        << b << QStringList() << QStringList{QStringLiteral("--prefetch-only")} << state
         << QStringLiteral("[UpdatePrefetch] xong toan bo - 5 file ok, 0 bo lai cho updater");
+    // state.json is rewritten whole: a save per finished file would grow with the square of
+    // the plan. Saves come at most once a second, and the last one holds the end of the run.
+    QTest::newRow("prefetch of 80 small files, state.json at most once a second")
+        << QStringLiteral("m") << QStringList() << QStringList{QStringLiteral("--prefetch-only")} << state
+        << QStringLiteral("[UpdatePrefetch] xong toan bo - 80 file ok, 0 bo lai cho updater");
 }
 
 void TestWriteThrough::tracedRun()
 {
+    QFETCH(QString, publication);
     QFETCH(QStringList, untracedFirst);
     QFETCH(QStringList, tracedArgs);
     QFETCH(QStringList, movedIn);
@@ -372,7 +394,7 @@ void TestWriteThrough::tracedRun()
     TestInstall install;
     QVERIFY(install.isValid());
     QVERIFY(install.installBuild(build1(), makeManifestJson(QStringLiteral("1.0"), 1, build1())));
-    QVERIFY(install.writeConfig(server->url(QStringLiteral("b/manifest.json"))));
+    QVERIFY(install.writeConfig(server->url(publication + QStringLiteral("/manifest.json"))));
     if (!untracedFirst.isEmpty()) {
         QCOMPARE(install.run(untracedFirst), 0);
         QVERIFY(QFileInfo::exists(install.path(QStringLiteral(".update-cache/2.0/files/bin/app.bin"))));
@@ -392,7 +414,10 @@ void TestWriteThrough::tracedRun()
                                      QStringLiteral("-e"), kTracedCalls, QStringLiteral("-o"), tracePath,
                                      installDir + QStringLiteral("/updater")}
                              + tracedArgs);
+    QElapsedTimer clock;
+    clock.start();
     QVERIFY(traced.waitForFinished(120000));
+    const qint64 seconds = clock.elapsed() / 1000;
     QCOMPARE(traced.exitCode(), 0);
     QCOMPARE(install.logTexts().last(), lastLine);
 
@@ -410,6 +435,22 @@ void TestWriteThrough::tracedRun()
     QStringList expected = movedIn;
     expected.sort();
     QCOMPARE(moved.join(QStringLiteral(", ")), expected.join(QStringLiteral(", ")));
+
+    // The prefetch's saves of state.json: the first at once, then at most one a second, and
+    // the last one with every file done.
+    const QString statePath = install.path(QStringLiteral(".update-cache/2.0/state.json"));
+    if (!tracedArgs.contains(QStringLiteral("--prefetch-only")) || !QFileInfo::exists(statePath))
+        return;
+    int saves = 0;
+    for (const Event& event : trace.events)
+        saves += event.kind == Event::Move && event.path == installDir + QStringLiteral("/.update-cache/2.0/state.json");
+    QVERIFY2(saves <= seconds + 2, qPrintable(QStringLiteral("%1 saves in %2 s").arg(saves).arg(seconds)));
+    QFile state(statePath);
+    QVERIFY(state.open(QIODevice::ReadOnly));
+    const QJsonArray files = QJsonDocument::fromJson(state.readAll()).object().value(QStringLiteral("files")).toArray();
+    QVERIFY(!files.isEmpty());
+    for (const QJsonValue& file : files)
+        QVERIFY(file.toObject().value(QStringLiteral("done")).toBool());
 }
 
 QTEST_GUILESS_MAIN(TestWriteThrough)

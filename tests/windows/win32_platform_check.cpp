@@ -1,7 +1,8 @@
 // Exercises the Win32 platform layer (named mutexes, process handles, ReplaceFileW,
-// MoveFileExW, last-error codes) for real: cross-compiled with MinGW-w64 and run under Wine.
+// MoveFileExW, last-error codes, the updater's own files behind links) for real: cross-compiled with MinGW-w64 and run under Wine.
 // Qt-free, like the files it tests. Cross-process cases start this same program again in a
 // helper mode:  win32_platform_check.exe hold <mutex name> <ready event name>
+#include "platform/file_access.h"
 #include "platform/file_replace.h"
 #include "platform/named_mutex.h"
 #include "platform/process_handle.h"
@@ -12,6 +13,7 @@
 #undef ReplaceFile
 
 #include <cstdio>
+#include <io.h>
 #include <string>
 
 using namespace corv::platform;
@@ -201,6 +203,72 @@ void checkFileReplacement(const std::string& dir)
     check(readAll(backup) == "old", "an injected failure touches nothing");
 }
 
+std::string readDescriptor(int fd)
+{
+    std::string content;
+    char buffer[256];
+    int got = 0;
+    while (fd >= 0 && (got = _read(fd, buffer, sizeof buffer)) > 0)
+        content.append(buffer, size_t(got));
+    if (fd >= 0)
+        _close(fd);
+    return content;
+}
+
+bool writeDescriptor(int fd, const std::string& content)
+{
+    const bool ok = fd >= 0 && _write(fd, content.data(), unsigned(content.size())) == int(content.size());
+    if (fd >= 0)
+        _close(fd);
+    return ok;
+}
+
+// The updater's own files: links and second names are removed or copied, never followed or
+// written through.
+void checkOwnFiles(const std::string& dir)
+{
+    const std::string base = dir + "\\own";
+    const std::string outside = dir + "\\outside";
+    const std::string victim = outside + "\\victim.txt";
+    // Wine reuses process ids, and with them this directory: start afresh.
+    removeOwnPath(dir, "own");
+    removeOwnPath(dir, "outside");
+    CreateDirectoryW(widen(base).c_str(), nullptr);
+    CreateDirectoryW(widen(outside).c_str(), nullptr);
+    writeAll(victim, "outside");
+
+    check(writeDescriptor(openOwnFile(base, "cache/2.0/files/a.part", OwnFileMode::Write), "abc"),
+          "a new own file below missing directories");
+    check(writeDescriptor(openOwnFile(base, "cache/2.0/files/a.part", OwnFileMode::Append), "def"), "appending to it");
+    check(readDescriptor(openOwnFile(base, "cache/2.0/files/a.part", OwnFileMode::Read)) == "abcdef", "reading it back");
+    check(openOwnFile(base, "cache/2.0", OwnFileMode::Read) < 0, "a directory is not opened as a file");
+
+    const std::string second = base + "\\cache\\2.0\\files\\b.part";
+    check(CreateHardLinkW(widen(second).c_str(), widen(victim).c_str(), nullptr) != FALSE, "a second name made");
+    check(writeDescriptor(openOwnFile(base, "cache/2.0/files/b.part", OwnFileMode::Append), "+"), "appending to a second name");
+    check(readAll(victim) == "outside" && readAll(second) == "outside+", "the second name got a copy of its own");
+
+    if (CreateSymbolicLinkW(widen(base + "\\staging").c_str(), widen(outside).c_str(), SYMBOLIC_LINK_FLAG_DIRECTORY)) {
+        check(removeOwnPath(base, "staging") && !exists(base + "\\staging") && readAll(victim) == "outside",
+              "a directory link is removed as a link");
+        CreateSymbolicLinkW(widen(base + "\\cache\\2.0\\state.json.tmp").c_str(), widen(victim).c_str(), 0);
+        check(writeDescriptor(openOwnFile(base, "cache/2.0/state.json.tmp", OwnFileMode::Write), "{}")
+                  && readAll(victim) == "outside" && readAll(base + "\\cache\\2.0\\state.json.tmp") == "{}",
+              "a file link is replaced by a file");
+        check(CreateSymbolicLinkW(widen(base + "\\log").c_str(), widen(outside).c_str(), SYMBOLIC_LINK_FLAG_DIRECTORY)
+                  != FALSE,
+              "a directory link made");
+        check(openOwnFile(base, "log/victim.txt", OwnFileMode::Read) < 0, "nothing is read through a directory link");
+        check(writeDescriptor(openOwnFile(base, "log/victim.txt", OwnFileMode::Append), "line")
+                  && readAll(victim) == "outside" && readAll(base + "\\log\\victim.txt") == "line",
+              "a directory link on the way is replaced by a directory");
+    } else {
+        std::printf("note: no symbolic links here (error %lu): those checks are left out\n", GetLastError());
+    }
+    check(removeOwnPath(base, "cache") && !exists(base + "\\cache") && readAll(victim) == "outside",
+          "a tree is removed, a second name in it only as a name");
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -217,6 +285,7 @@ int main(int argc, char** argv)
     checkMutexes();
     checkProcesses();
     checkFileReplacement(dir);
+    checkOwnFiles(dir);
 
     std::printf("win32 platform checks: %d of %d held\n", checks - failures, checks);
     return failures == 0 ? 0 : 1;

@@ -1,0 +1,20 @@
+#pragma once
+#include <QIODevice>
+#include <QString>
+
+class QFile;
+
+// The updater's own files below the installation directory (updater.log, .update-cache,
+// .staging), reached without following a link below that directory: see
+// platform/file_access.h. Paths are absolute. A path outside the installation directory (only
+// tests use one) has its parent directory as the trusted base.
+
+// Opens `path` into `file` (which must not be open) for reading (ReadOnly), for writing into a
+// new empty file (WriteOnly, with or without Truncate) or for appending (WriteOnly | Append);
+// other flags such as Unbuffered pass on to QFile. The opened QFile has no file name.
+bool openOwnFile(QFile& file, const QString& path, QIODevice::OpenMode mode);
+// Size of the regular file at `path`; -1 when there is none (also when a link is in the way).
+qint64 ownFileSize(const QString& path);
+bool makeOwnDirectory(const QString& path);
+// Removes a file or a tree; a link is removed as a link.
+bool removeOwnPath(const QString& path);
