@@ -1,5 +1,6 @@
 #include "apply/artifact_decoder.h"
 
+#include "base/own_files.h"
 #include "platform/mapped_pages.h"
 
 #include <QFile>
@@ -65,9 +66,10 @@ bool decodeArtifact(const QString& artifactPath, const QString& sourcePath, qint
 {
     if (outputSize <= 0)
         return failWith(error, QStringLiteral("file khong co kich thuoc"));
-    QFile input(artifactPath);
-    if (!input.open(QIODevice::ReadOnly))
-        return failWith(error, QStringLiteral("khong mo duoc: ") + input.errorString());
+    // The artifact is one of the updater's own files (cache or staging): no link is followed.
+    QFile input;
+    if (!openOwnFile(input, artifactPath, QIODevice::ReadOnly))
+        return failWith(error, QStringLiteral("khong mo duoc ") + artifactPath);
     const std::unique_ptr<ZSTD_DCtx, DctxFree> context(ZSTD_createDCtx());
     if (!context)
         return failWith(error, QStringLiteral("zstd: khong du bo nho"));
@@ -138,9 +140,9 @@ bool decodeArtifact(const QString& artifactPath, const QString& sourcePath, qint
 bool decodeArtifactToFile(const QString& artifactPath, const QString& sourcePath, const QString& outputPath,
                           qint64 outputSize, QString* error)
 {
-    QFile output(outputPath);
-    if (!output.open(QIODevice::WriteOnly | QIODevice::Truncate))
-        return failWith(error, QStringLiteral("khong mo duoc file dich: ") + output.errorString());
+    QFile output;
+    if (!openOwnFile(output, outputPath, QIODevice::WriteOnly))
+        return failWith(error, QStringLiteral("khong mo duoc ") + outputPath);
     const bool decoded = decodeArtifact(
         artifactPath, sourcePath, outputSize,
         [&output](const char* data, qint64 length) { return output.write(data, length) == length; }, error);

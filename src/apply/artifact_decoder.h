@@ -24,7 +24,8 @@ QString artifactKind(const ManifestArtifact& artifact);
 // Receives decoded bytes in order; false stops the decoding as a failed write.
 using DecodedOutput = std::function<bool(const char* data, qint64 length)>;
 
-// Decodes the artifact at artifactPath, exactly one zstd frame, streaming: the input is read in
+// Decodes the artifact at artifactPath (reached without following a link, as the updater's own
+// files are), exactly one zstd frame, streaming: the input is read in
 // pieces and the output handed on as it comes. sourcePath empty: a compressed file; otherwise a
 // patch, and sourcePath the file it applies to, read through a memory map (at most
 // kPatchMaxFileBytes, released from memory every few MiB of output). The output must come to
@@ -33,6 +34,7 @@ using DecodedOutput = std::function<bool(const char* data, qint64 length)>;
 // kDecoderWindowLogMax, corrupt or truncated data, bytes after the frame, a wrong length.
 bool decodeArtifact(const QString& artifactPath, const QString& sourcePath, qint64 outputSize,
                     const DecodedOutput& write, QString* error);
-// The same into outputPath, created or truncated; after a failure it may hold partial output.
+// The same into outputPath, a new file in place of whatever had the name (never written through
+// a link); after a failure it may hold partial output.
 bool decodeArtifactToFile(const QString& artifactPath, const QString& sourcePath, const QString& outputPath,
                           qint64 outputSize, QString* error);

@@ -90,14 +90,19 @@ UpdateOutcome runUpdateSession(UpdateSession& session)
     return Updated;
 }
 
-QList<ManifestFile> changedFiles(const Manifest& manifest, const QString& appDir)
+QList<ManifestFile> changedFiles(const Manifest& manifest, const QString& appDir,
+                                 QHash<QString, QString>* installedHashes)
 {
     const QDir dir(appDir);
     QList<ManifestFile> changed;
     for (const ManifestFile& file : manifest.files) {
         // An unreadable or missing file hashes to "" and therefore always lands in the plan.
-        if (sha256OfFile(dir.filePath(file.path)).toLower() != file.sha256)
-            changed.append(file);
+        const QString installed = sha256OfFile(dir.filePath(file.path)).toLower();
+        if (installed == file.sha256)
+            continue;
+        changed.append(file);
+        if (installedHashes)
+            installedHashes->insert(file.path, installed);
     }
     return changed;
 }

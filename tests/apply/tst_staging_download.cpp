@@ -382,7 +382,7 @@ void StagingDownloadTest::decodeArtifact_data()
     QTest::newRow("window beyond the limit") << "wide window" << "none" << 0
                                              << "zstd: Frame requires too much memory for decoding";
     QTest::newRow("not zstd") << "not zstd" << "none" << 0 << "zstd: Unknown frame descriptor";
-    QTest::newRow("missing") << "missing" << "none" << 0 << "khong mo duoc: No such file or directory";
+    QTest::newRow("missing") << "missing" << "none" << 0 << "khong mo duoc %1/artifact.zst";
 }
 
 void StagingDownloadTest::decodeArtifact()
@@ -437,7 +437,7 @@ void StagingDownloadTest::decodeArtifact()
     const QString output = dir + QStringLiteral("/decoded");
     QString failure;
     const bool decoded = decodeArtifactToFile(path, sourcePath, output, newFile.size() + sizeOffset, &failure);
-    QCOMPARE(failure, error);
+    QCOMPARE(failure, error.contains(QLatin1String("%1")) ? error.arg(dir) : error);
     QCOMPARE(decoded, error.isEmpty());
     if (decoded)
         QCOMPARE(readFile(output, kMissing), newFile);

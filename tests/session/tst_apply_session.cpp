@@ -415,11 +415,16 @@ void TestUpdateSession::changedFiles()
     Manifest manifest;
     manifest.fullVersion = kNewVersion;
     manifest.files.append(ManifestFile{rel, published.size(), sha256Hex(published)});
-    const QList<ManifestFile> result = ::changedFiles(manifest, installDir->path());
+    QHash<QString, QString> installedHashes;
+    const QList<ManifestFile> result = ::changedFiles(manifest, installDir->path(), &installedHashes);
     QCOMPARE(result.size(), changed ? 1 : 0);
+    QCOMPARE(installedHashes.size(), changed ? 1 : 0);
     if (changed) {
         QCOMPARE(result.first().path, rel);
         QCOMPARE(result.first().sha256, sha256Hex(published));
+        // The hash pass's own result, for choosing a patch: none for a file that is not there.
+        const bool absent = installed == "<missing>" || installed == "<directory>";
+        QCOMPARE(installedHashes.value(rel), absent ? QString() : sha256Hex(installed));
     }
 }
 
