@@ -61,9 +61,10 @@ bool downloadToStaging(UpdateSession& session, const QList<ManifestFile>& change
             return giveUp(file);
         const QString dst = staging + QLatin1Char('/') + safePath;
         makeOwnDirectory(QFileInfo(dst).path());
-        // Every download is bounded by the manifest size: a server that sends without end
-        // cannot fill the disk.
+        // Every download is bounded by the manifest size (0 admits only an empty body): a
+        // server that sends without end cannot fill the disk.
         const QString url = baseUrl + file.path;
+        const qint64 bound = fileSizeBound(file);
 
         const QString cached = findCompleteCachedFile(version, file);
         if (!cached.isEmpty()) {
@@ -77,17 +78,17 @@ bool downloadToStaging(UpdateSession& session, const QList<ManifestFile>& change
 
         const QString part = cachePartPath(version, file.path);
         const qint64 have = cachePartSize(version, file.path);
-        const bool resumable = have > 0 && !part.isEmpty() && (file.size < 1 || have < file.size);
+        const bool resumable = have > 0 && !part.isEmpty() && have < bound;
         bool downloaded = false;
         if (resumable && copyReplacing(part, dst)) {
             qInfo() << "[Update]" << file.path << "noi tiep tu kho tam:" << have << "byte";
-            downloaded = httpGetToFile(session.network, url, dst, have, file.size);
+            downloaded = httpGetToFile(session.network, url, dst, have, bound);
             if (!downloaded) {
                 qWarning() << "[Update] tai tiep" << file.path << "that bai -> thu lai tu dau";
                 removeOwnPath(dst);
             }
         }
-        if (!downloaded && !httpGetToFile(session.network, url, dst, 0, file.size))
+        if (!downloaded && !httpGetToFile(session.network, url, dst, 0, bound))
             return giveUp(file);
 
         if (sha256OfFile(dst) == file.sha256) {
@@ -99,7 +100,7 @@ bool downloadToStaging(UpdateSession& session, const QList<ManifestFile>& change
         if (!part.isEmpty())
             removeOwnPath(part);
         removeOwnPath(dst);
-        if (!httpGetToFile(session.network, url, dst, 0, file.size) || sha256OfFile(dst) != file.sha256) {
+        if (!httpGetToFile(session.network, url, dst, 0, bound) || sha256OfFile(dst) != file.sha256) {
             qWarning() << "[Update] hash van lech" << file.path << "-> huy";
             removeOwnPath(staging);
             return false;

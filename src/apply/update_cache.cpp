@@ -75,8 +75,9 @@ QString findCompleteCachedFile(const QString& version, const ManifestFile& file)
     QFile cached;
     if (!openOwnFile(cached, path, QIODevice::ReadOnly))
         return QString();
-    // A wrong size rules the file out before it is read at all.
-    if (file.size > 0 && cached.size() != file.size)
+    // A wrong size rules the file out before it is read at all (an entry without a size, -1,
+    // leaves it to the hash).
+    if (file.size >= 0 && cached.size() != file.size)
         return QString();
     if (sha256Of(cached) != file.sha256)
         return QString();

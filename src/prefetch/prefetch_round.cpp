@@ -4,6 +4,7 @@
 
 #include "base/installation_dir.h"
 #include "base/own_files.h"
+#include "update/http_fetch.h"
 #include "update/manifest_eligibility.h"
 #include "update/manifest_signature.h"
 
@@ -14,11 +15,19 @@
 #include <QStorageInfo>
 #include <QTimer>
 
+#include <limits>
+
 namespace corv {
 
 namespace {
 constexpr qint64 kMiB = 1048576;
+
+// need + more, held at the largest 64-bit count instead of overflowing.
+qint64 addSaturating(qint64 need, qint64 more)
+{
+    return more > std::numeric_limits<qint64>::max() - need ? std::numeric_limits<qint64>::max() : need + more;
 }
+} // namespace
 
 void UpdatePrefetcher::onManifestReplyFinished()
 {
@@ -33,6 +42,12 @@ void UpdatePrefetcher::onManifestReplyFinished()
     if (finishedReply->error() != QNetworkReply::NoError) {
         finish(QStringLiteral("tai manifest/sig hong -> thoi (updater se tu tai): ")
                + finishedReply->errorString());
+        return;
+    }
+    // An empty body raises no readyRead, so its encoding is judged here.
+    const QByteArray encoding = refusedContentEncoding(*finishedReply);
+    if (!encoding.isEmpty()) {
+        finish(QStringLiteral("tai manifest/sig hong -> thoi (updater se tu tai): ") + refusedEncodingText(encoding));
         return;
     }
     const QByteArray body = finishedReply->readAll();
@@ -59,9 +74,7 @@ void UpdatePrefetcher::onManifestReplyFinished()
 void UpdatePrefetcher::fetchSignature()
 {
     phase = FetchingSignature;
-    sendGet(manifestUrl + QStringLiteral(".sig"), 0);
-    connect(reply, &QNetworkReply::finished, this, &UpdatePrefetcher::onManifestReplyFinished);
-    limitDocumentSize(kMaxSignatureBytes);
+    sendDocumentGet(manifestUrl + QStringLiteral(".sig"), kMaxSignatureBytes);
 }
 
 void UpdatePrefetcher::planRound()
@@ -90,7 +103,8 @@ void UpdatePrefetcher::planRound()
             ++filesOk;
             continue;
         }
-        need += qMax<qint64>(0, file.size - cachePartSize(version, file.path));
+        // A file without a size may bring up to the global limit for such files.
+        need = addSaturating(need, qMax<qint64>(0, fileSizeBound(file) - cachePartSize(version, file.path)));
         plan.append(file);
     }
 

@@ -4,6 +4,7 @@
 
 #include "base/own_files.h"
 #include "base/sha256.h"
+#include "update/http_fetch.h"
 
 #include <QDebug>
 #include <QDir>
@@ -48,25 +49,26 @@ void UpdatePrefetcher::startNextFile()
     bytesSinceSave = 0;
     receiving = false;
     writeBudget = 0;
-    if (file.size > 0) {
-        if (have == file.size) {
-            qInfo().noquote() << "[UpdatePrefetch]" << file.path << "da du byte tu luot truoc -> chi verify";
-            completeFile();
-            return;
-        }
-        if (have > file.size) {
-            removeOwnPath(part);
-            have = 0;
-            bytesHave = 0;
-        }
+    if (file.size > 0 && have == file.size) {
+        qInfo().noquote() << "[UpdatePrefetch]" << file.path << "da du byte tu luot truoc -> chi verify";
+        completeFile();
+        return;
+    }
+    if (have > fileSizeBound(file)) {
+        removeOwnPath(part);
+        have = 0;
+        bytesHave = 0;
     }
 
-    if (have >= 1)
+    QNetworkRequest request = makeUpdateRequest(baseUrl + file.path);
+    if (have >= 1) {
+        request.setRawHeader("Range", "bytes=" + QByteArray::number(have) + '-');
         qInfo().noquote() << "[UpdatePrefetch]" << file.path << "resume tu" << have << "byte";
-    else
-        qInfo().noquote() << "[UpdatePrefetch]" << file.path << "tai tu dau" << file.size / 1024 << "KB";
-    sendGet(baseUrl + file.path, have);
-    reply->setReadBufferSize(kPrefetchReadBufferBytes);
+    } else {
+        qInfo().noquote() << "[UpdatePrefetch]" << file.path << "tai tu dau" << qMax<qint64>(file.size, 0) / 1024 << "KB";
+    }
+    setReadBufferLimit(request, kPrefetchReadBufferBytes);
+    sendGet(request);
     connect(reply, &QNetworkReply::readyRead, this, &UpdatePrefetcher::onReadyRead);
     connect(reply, &QNetworkReply::finished, this, &UpdatePrefetcher::onFileReplyFinished);
     pumpTimer->start();
@@ -87,6 +89,12 @@ bool UpdatePrefetcher::acceptResponse()
         append = bytesHave > 0;
     } else if (status != 200) {
         qWarning() << "[UpdatePrefetch]" << file.path << "HTTP" << status << "-> bo file nay";
+        advance(false);
+        return false;
+    }
+    const QByteArray encoding = refusedContentEncoding(*reply);
+    if (!encoding.isEmpty()) {
+        qWarning() << "[UpdatePrefetch]" << file.path << "Content-Encoding" << encoding.constData() << "-> bo file nay";
         advance(false);
         return false;
     }
@@ -191,10 +199,10 @@ void UpdatePrefetcher::onFileReplyFinished()
 bool UpdatePrefetcher::exceedsManifestSize(qint64 chunkBytes)
 {
     const ManifestFile& file = plan.at(currentIndex);
-    if (file.size <= 0 || bytesHave + chunkBytes <= file.size)
+    if (bytesHave + chunkBytes <= fileSizeBound(file))
         return false;
     // More bytes than the file has: a broken or hostile server, which could fill the disk.
-    qWarning() << "[UpdatePrefetch]" << file.path << "vuot qua" << file.size << "byte cua manifest -> bo file nay";
+    qWarning() << "[UpdatePrefetch]" << file.path << "vuot qua" << fileSizeBound(file) << "byte cua manifest -> bo file nay";
     advance(false);
     return true;
 }
@@ -204,8 +212,8 @@ void UpdatePrefetcher::completeFile()
     closePartFile();
     const ManifestFile& file = plan.at(currentIndex);
     const QString part = cachePartPath(manifest.fullVersion, file.path);
-    // A zero size in the manifest means "unknown": only the hash decides then.
-    if (file.size > 0 && ownFileSize(part) != file.size) {
+    // An entry without a size leaves it to the hash.
+    if (file.size >= 0 && ownFileSize(part) != file.size) {
         qWarning() << "[UpdatePrefetch]" << file.path << "thieu byte sau khi tai xong -> bo";
         advance(false);
         return;

@@ -6,11 +6,11 @@
 #include "base/sha256.h"
 #include "update/http_fetch.h"
 #include "update/manifest_signature.h"
+#include "update/slow_transfer.h"
 #include "update/updater_config.h"
 
 #include <QDebug>
 #include <QFile>
-#include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QTimer>
 
@@ -18,7 +18,7 @@ namespace corv {
 
 UpdatePrefetcher::UpdatePrefetcher()
 {
-    network = new QNetworkAccessManager(this);
+    network = new BoundedNetworkAccessManager(this);
     forceNetworkAccessible(network);
 
     // Precise: a coarse timer may fire up to 5% early, and a transfer must be given its full
@@ -87,9 +87,7 @@ bool UpdatePrefetcher::start()
     plan.clear();
     currentIndex = -1;
     phase = FetchingManifest;
-    sendGet(manifestUrl, 0);
-    connect(reply, &QNetworkReply::finished, this, &UpdatePrefetcher::onManifestReplyFinished);
-    limitDocumentSize(kMaxManifestBytes);
+    sendDocumentGet(manifestUrl, kMaxManifestBytes);
     return true;
 }
 
@@ -98,25 +96,29 @@ bool UpdatePrefetcher::loadConfig()
     return readUpdaterConfig(installationDir(), manifestUrl, baseUrl);
 }
 
-void UpdatePrefetcher::sendGet(const QString& url, qint64 rangeFrom)
+void UpdatePrefetcher::sendGet(const QNetworkRequest& request)
 {
-    QNetworkRequest request = makeUpdateRequest(url);
-    if (rangeFrom > 0)
-        request.setRawHeader("Range", "bytes=" + QByteArray::number(rangeFrom) + '-');
     ensureNetworkAccessible(*network);
     reply = network->get(request);
+    new SlowTransferWatch(reply, [this] { onSlowTransfer(); });
     stallTimer->start(kPrefetchStallTimeoutMs);
 }
 
-void UpdatePrefetcher::limitDocumentSize(qint64 maxBytes)
+void UpdatePrefetcher::sendDocumentGet(const QString& url, qint64 maxBytes)
 {
-    limitBodySize(*reply, maxBytes);
+    QNetworkRequest request = makeUpdateRequest(url);
+    limitBodySize(request, maxBytes);
+    sendGet(request);
     QNetworkReply* document = reply;
+    connect(document, &QNetworkReply::finished, this, &UpdatePrefetcher::onManifestReplyFinished);
     connect(document, &QNetworkReply::readyRead, this, [this, document, maxBytes] {
-        if (stopping || document != reply || !bodyExceedsLimit(*document, maxBytes))
+        if (stopping || document != reply)
+            return;
+        const QString refusal = bodyRefusal(*document, maxBytes);
+        if (refusal.isEmpty())
             return;
         abortReply();
-        finish(QStringLiteral("tai manifest/sig hong -> thoi (updater se tu tai): ") + bodyTooLargeText(maxBytes));
+        finish(QStringLiteral("tai manifest/sig hong -> thoi (updater se tu tai): ") + refusal);
     });
 }
 
@@ -125,6 +127,19 @@ void UpdatePrefetcher::onStallTimeout()
     if (phase == Idle)
         return;
     qWarning() << "[UpdatePrefetch] dung im qua" << kPrefetchStallTimeoutMs / 1000 << "giay";
+    endStalledRequest();
+}
+
+void UpdatePrefetcher::onSlowTransfer()
+{
+    if (phase == Idle || stopping)
+        return;
+    qWarning() << "[UpdatePrefetch] tai qua cham (duoi" << kSlowTransferMinBytesPerSecond << "byte/giay)";
+    endStalledRequest();
+}
+
+void UpdatePrefetcher::endStalledRequest()
+{
     abortReply();
     if (phase == Downloading) {
         advance(false);

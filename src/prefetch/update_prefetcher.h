@@ -10,9 +10,10 @@
 #include <QObject>
 #include <QString>
 
+class BoundedNetworkAccessManager;
 class QFile;
-class QNetworkAccessManager;
 class QNetworkReply;
+class QNetworkRequest;
 class QTimer;
 class Sha256;
 
@@ -77,12 +78,16 @@ private:
     void closePartFile();
     void dropHashing();
     void onStallTimeout();
+    void onSlowTransfer();
+    // What a stall or a too slow transfer leads to: the file attempt fails, or the run ends.
+    void endStalledRequest();
     void onAppWatchTick();
-    // Sends the one GET of the moment into `reply` (with "Range: bytes=N-" when rangeFrom > 0)
-    // and arms the stall timer.
-    void sendGet(const QString& url, qint64 rangeFrom);
-    // Ends the run as a failed request once the current reply's body exceeds maxBytes.
-    void limitDocumentSize(qint64 maxBytes);
+    // Sends the one GET of the moment into `reply` and arms the stall timer and the watch on a
+    // too slow transfer.
+    void sendGet(const QNetworkRequest& request);
+    // Sends the GET of a document (manifest or signature) and ends the run as a failed request
+    // once its body is refused: more than maxBytes, or with a Content-Encoding.
+    void sendDocumentGet(const QString& url, qint64 maxBytes);
 
     // The round: manifest, signature, plan.
     void onManifestReplyFinished();
@@ -96,7 +101,7 @@ private:
     void onPumpTick();
     void onFileReplyFinished();
     // True, after failing the attempt, when chunkBytes more would make the file longer than
-    // its manifest size (when that is above 0).
+    // its manifest size (0 included), or than kUnsizedFileLimit for an entry without one.
     bool exceedsManifestSize(qint64 chunkBytes);
     void completeFile();
     void hashStep();
@@ -107,7 +112,7 @@ private:
     // Writes a state still waiting for its turn (the end of a run).
     void writePendingState();
 
-    QNetworkAccessManager* network = nullptr;
+    BoundedNetworkAccessManager* network = nullptr;
     QNetworkReply* reply = nullptr;
     QTimer* stallTimer = nullptr;
     QTimer* pumpTimer = nullptr;

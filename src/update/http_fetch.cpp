@@ -1,6 +1,7 @@
 #include "update/http_fetch.h"
 
 #include "base/own_files.h"
+#include "update/slow_transfer.h"
 
 #include <QDebug>
 #include <QEventLoop>
@@ -20,9 +21,10 @@ struct FileSink {
     QNetworkReply* reply;
     QFile file;
     qint64 offset;
-    qint64 maxLength;    // the file may not grow beyond this; 0 or less: no bound
+    qint64 maxLength;    // the file may not grow beyond this
     qint64 length = 0;   // bytes the file holds
     qint64 received = 0; // body bytes of this response written to the file
+    QByteArray encoding; // a refused Content-Encoding
     bool opened = false;
     bool writeFailed = false;
     bool tooLarge = false;
@@ -40,8 +42,9 @@ struct FileSink {
 
     void drain()
     {
-        // After a failed open or write, or too many bytes, nothing more goes to the file.
-        if (writeFailed || tooLarge)
+        // After a failed open or write, too many bytes or a refused encoding, nothing more goes
+        // to the file.
+        if (writeFailed || tooLarge || !encoding.isEmpty())
             return;
         if (!opened) {
             const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
@@ -53,6 +56,11 @@ struct FileSink {
                                   : QIODevice::WriteOnly | QIODevice::Truncate;
             else
                 return;
+            encoding = refusedContentEncoding(*reply);
+            if (!encoding.isEmpty()) {
+                reply->abort();
+                return;
+            }
             // Unbuffered, so that a full disk shows up as a short write right here.
             if (!openOwnFile(file, file.fileName(), mode | QIODevice::Unbuffered)) {
                 fail();
@@ -65,7 +73,7 @@ struct FileSink {
             const QByteArray chunk = reply->read(kHttpReadChunkBytes);
             if (chunk.isEmpty())
                 return;
-            if (maxLength > 0 && length + chunk.size() > maxLength) {
+            if (length + chunk.size() > maxLength) {
                 tooLarge = true;
                 reply->abort();
                 return;
@@ -89,14 +97,19 @@ struct FileSink {
 };
 
 // Runs a nested event loop until the reply finishes; the timer aborts the reply after
-// kHttpInactivityTimeoutMs without progress (the caller restarts it on every sign of it).
-void waitForReply(QNetworkReply* reply, QTimer& inactivity)
+// kHttpInactivityTimeoutMs without progress (the caller restarts it on every sign of it), and
+// so does a transfer that stays too slow, with a line of its own.
+void waitForReply(QNetworkReply* reply, QTimer& inactivity, const QString& url)
 {
     QEventLoop loop;
     QObject::connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
     inactivity.setSingleShot(true);
     QObject::connect(&inactivity, &QTimer::timeout, reply, &QNetworkReply::abort);
     inactivity.start(kHttpInactivityTimeoutMs);
+    new SlowTransferWatch(reply, [reply, url] {
+        qWarning() << "[Update] tai qua cham (duoi" << kSlowTransferMinBytesPerSecond << "byte/giay)" << url;
+        reply->abort();
+    });
     if (!reply->isFinished())
         loop.exec();
 }
@@ -110,7 +123,21 @@ QNetworkRequest makeUpdateRequest(const QString& url)
                          QNetworkRequest::NoLessSafeRedirectPolicy);
     request.setAttribute(QNetworkRequest::CacheLoadControlAttribute,
                          QNetworkRequest::AlwaysNetwork);
+    // Set here, the header also keeps Qt from inflating anything (qhttpnetworkconnection.cpp
+    // adds "gzip, deflate" and decompresses only when the request names no encoding).
+    request.setRawHeader("Accept-Encoding", "identity");
     return request;
+}
+
+QByteArray refusedContentEncoding(const QNetworkReply& reply)
+{
+    const QByteArray encoding = reply.rawHeader("Content-Encoding").trimmed().toLower();
+    return encoding == "identity" ? QByteArray() : encoding;
+}
+
+QString refusedEncodingText(const QByteArray& encoding)
+{
+    return QStringLiteral("Content-Encoding %1 not accepted").arg(QString::fromLatin1(encoding));
 }
 
 void ensureNetworkAccessible(QNetworkAccessManager& network)
@@ -124,49 +151,54 @@ void ensureNetworkAccessible(QNetworkAccessManager& network)
     QT_WARNING_POP
 }
 
-void limitBodySize(QNetworkReply& reply, qint64 maxBytes)
+void limitBodySize(QNetworkRequest& request, qint64 maxBytes)
 {
-    // Qt stops reading from the socket shortly before this much waits unread, so a body beyond
-    // the bound never piles up in memory; one read chunk of room makes sure that the byte
-    // beyond the bound arrives.
-    reply.setReadBufferSize(maxBytes + kHttpReadChunkBytes);
+    // Qt stops reading from the socket once this much waits unread, so a body beyond the bound
+    // never piles up in memory; one read chunk of room makes sure that the byte beyond the
+    // bound arrives.
+    setReadBufferLimit(request, maxBytes + kHttpReadChunkBytes);
 }
 
-bool bodyExceedsLimit(const QNetworkReply& reply, qint64 maxBytes)
+QString bodyRefusal(const QNetworkReply& reply, qint64 maxBytes)
 {
+    const QByteArray encoding = refusedContentEncoding(reply);
+    if (!encoding.isEmpty())
+        return refusedEncodingText(encoding);
     // The announced length alone may refuse the body before it comes.
     const qint64 announced = reply.header(QNetworkRequest::ContentLengthHeader).toLongLong();
-    return qMax(reply.bytesAvailable(), announced) > maxBytes;
+    if (qMax(reply.bytesAvailable(), announced) > maxBytes)
+        return QStringLiteral("body larger than %1 bytes").arg(maxBytes);
+    return QString();
 }
 
-QString bodyTooLargeText(qint64 maxBytes)
-{
-    return QStringLiteral("body larger than %1 bytes").arg(maxBytes);
-}
-
-QByteArray httpGet(QNetworkAccessManager& network, const QString& url, bool& ok, qint64 maxBodyBytes)
+QByteArray httpGet(BoundedNetworkAccessManager& network, const QString& url, bool& ok, qint64 maxBodyBytes)
 {
     ok = false;
     ensureNetworkAccessible(network);
-    QNetworkReply* reply = network.get(makeUpdateRequest(url));
+    QNetworkRequest request = makeUpdateRequest(url);
+    limitBodySize(request, maxBodyBytes);
+    QNetworkReply* reply = network.get(request);
     QTimer inactivity;
     QObject::connect(reply, &QNetworkReply::downloadProgress, &inactivity,
                      [&inactivity] { inactivity.start(kHttpInactivityTimeoutMs); });
-    bool tooLarge = false;
-    if (maxBodyBytes >= 0) {
-        limitBodySize(*reply, maxBodyBytes);
-        QObject::connect(reply, &QNetworkReply::readyRead, reply, [reply, maxBodyBytes, &tooLarge] {
-            if (!tooLarge && bodyExceedsLimit(*reply, maxBodyBytes)) {
-                tooLarge = true;
+    // Why the body is refused, once it is: an encoding, or more bytes than the bound.
+    QString refusal;
+    auto judge = [reply, maxBodyBytes, &refusal] {
+        if (refusal.isEmpty()) {
+            refusal = bodyRefusal(*reply, maxBodyBytes);
+            if (!refusal.isEmpty())
                 reply->abort();
-            }
-        });
-    }
-    waitForReply(reply, inactivity);
+        }
+    };
+    QObject::connect(reply, &QNetworkReply::readyRead, reply, judge);
+    waitForReply(reply, inactivity, url);
+    // An empty body raises no readyRead.
+    if (reply->error() == QNetworkReply::NoError)
+        judge();
 
     QByteArray body;
-    if (tooLarge) {
-        qWarning() << "[Update] GET loi" << url << bodyTooLargeText(maxBodyBytes);
+    if (!refusal.isEmpty()) {
+        qWarning() << "[Update] GET loi" << url << refusal;
     } else if (reply->error() != QNetworkReply::NoError) {
         qWarning() << "[Update] GET loi" << url << reply->errorString();
     } else {
@@ -177,7 +209,7 @@ QByteArray httpGet(QNetworkAccessManager& network, const QString& url, bool& ok,
     return body;
 }
 
-QByteArray httpGetWithRetry(QNetworkAccessManager& network, const QString& url, bool& ok, qint64 maxBodyBytes)
+QByteArray httpGetWithRetry(BoundedNetworkAccessManager& network, const QString& url, bool& ok, qint64 maxBodyBytes)
 {
     for (int attempt = 1; attempt <= kMaxGetAttempts; ++attempt) {
         const QByteArray body = httpGet(network, url, ok, maxBodyBytes);
@@ -190,32 +222,34 @@ QByteArray httpGetWithRetry(QNetworkAccessManager& network, const QString& url, 
     return QByteArray();
 }
 
-bool httpGetToFile(QNetworkAccessManager& network, const QString& url, const QString& filePath,
-                   qint64 offset, qint64 expectedSize)
+bool httpGetToFile(BoundedNetworkAccessManager& network, const QString& url, const QString& filePath,
+                   qint64 offset, qint64 maxLength)
 {
     QNetworkRequest request = makeUpdateRequest(url);
     if (offset > 0)
         request.setRawHeader("Range", "bytes=" + QByteArray::number(offset) + '-');
     ensureNetworkAccessible(network);
+    // Back-pressure: the manager's read buffer (kDefaultReadBufferBytes) stops Qt reading from
+    // the socket while that much waits unread, so a slow disk or a busy GUI thread never lets
+    // the body pile up in memory.
     QNetworkReply* reply = network.get(request);
-    // Back-pressure: Qt stops reading from the socket while this much waits unread, so a slow
-    // disk or a busy GUI thread never lets the body pile up in memory.
-    reply->setReadBufferSize(kHttpFileReadBufferBytes);
-    FileSink sink(reply, filePath, offset, expectedSize);
+    FileSink sink(reply, filePath, offset, maxLength);
     QTimer inactivity;
     QObject::connect(reply, &QNetworkReply::readyRead, &inactivity, [&inactivity, &sink] {
         inactivity.start(kHttpInactivityTimeoutMs);
         sink.drain();
     });
-    waitForReply(reply, inactivity);
+    waitForReply(reply, inactivity, url);
     // Data that came with the finished signal, or the open of an empty successful body.
     sink.drain();
 
     const bool networkError = reply->error() != QNetworkReply::NoError;
     const bool endedShort = !networkError && sink.endedShort();
-    const bool failed = sink.tooLarge || networkError || endedShort;
+    const bool failed = sink.tooLarge || !sink.encoding.isEmpty() || networkError || endedShort;
     if (sink.tooLarge)
-        qWarning() << "[Update] GET(file) loi" << url << QStringLiteral("file larger than %1 bytes").arg(expectedSize);
+        qWarning() << "[Update] GET(file) loi" << url << QStringLiteral("file larger than %1 bytes").arg(maxLength);
+    else if (!sink.encoding.isEmpty())
+        qWarning() << "[Update] GET(file) loi" << url << refusedEncodingText(sink.encoding);
     else if (endedShort)
         qWarning() << "[Update] GET(file) loi" << url
                    << QStringLiteral("body ended after %1 of %2 bytes")

@@ -41,6 +41,25 @@ bool hasControlCharacter(const QString& text)
 const QStringList kWorkingFileSuffixes = {QStringLiteral(".bak"), QStringLiteral(".new"), QStringLiteral(".part"),
                                           QStringLiteral(".tmp")};
 
+// Every integer up to 2^53 is exact in a JSON number; no file is larger.
+constexpr double kMaxFileSize = 9007199254740992.0;
+
+// An entry's "size", truncated toward zero: -1 when it is missing; false when it is not a number,
+// negative or beyond 2^53, which no publisher writes and no download could be bounded by.
+bool readFileSize(const QJsonObject& entry, qint64* size)
+{
+    const QJsonValue value = entry.value(QStringLiteral("size"));
+    if (value.isUndefined()) {
+        *size = -1;
+        return true;
+    }
+    const double number = std::trunc(value.toDouble(-1));
+    if (!value.isDouble() || !(number >= 0 && number <= kMaxFileSize))
+        return false;
+    *size = qint64(number);
+    return true;
+}
+
 bool isSha256Hex(const QString& text)
 {
     static const QRegularExpression hex(QStringLiteral("\\A[0-9a-f]{64}\\z"));
@@ -186,10 +205,11 @@ bool parseManifest(const QByteArray& bytes, Manifest* manifest)
         const QJsonObject entry = element.toObject();
         ManifestFile file;
         const QString path = entry.value(QStringLiteral("path")).toString();
-        file.size = integerOr(entry.value(QStringLiteral("size")), 0);
         file.sha256 = entry.value(QStringLiteral("sha256")).toString().toLower();
         if (path.isEmpty() || file.sha256.isEmpty())
             continue;
+        if (!readFileSize(entry, &file.size))
+            return false;
         // One unsafe path rejects the whole manifest: a publisher that emits it is not trusted
         // with the other paths either.
         file.path = safeRelativePath(path);

@@ -17,12 +17,21 @@ struct ManifestArtifact {
 
 struct ManifestFile {
     QString path;    // normalised relative path with "/" separators
-    qint64 size = 0;
+    qint64 size = -1;  // bytes, 0 to 2^53; -1 when the entry gives no size
     QString sha256;  // lower case
     // Optional ("zstd", "zstdPatches"): the compressed file first, then patches in manifest
     // order. Only artifacts smaller than the file are kept, each with 64-digit hashes.
     QList<ManifestArtifact> artifacts;
 };
+
+// A file whose entry gives no size may still grow no larger than this (the publisher always
+// writes sizes; a manifest without them is bounded all the same).
+constexpr qint64 kUnsizedFileLimit = 1073741824;
+// The most bytes a download of `file` may bring: its size, 0 included, or kUnsizedFileLimit.
+inline qint64 fileSizeBound(const ManifestFile& file)
+{
+    return file.size >= 0 ? file.size : kUnsizedFileLimit;
+}
 
 // The top-level directory below baseUrl that holds the artifacts; no build file may lie there.
 constexpr char kArtifactDir[] = ".zstd";
@@ -43,8 +52,8 @@ struct Manifest {
 };
 
 // Parses manifest bytes; fills *manifest only on success. One unsafe or reserved path, two
-// entries for one file, a file that is another entry's directory, or control characters in the
-// version reject the whole manifest.
+// entries for one file, a file that is another entry's directory, control characters in the
+// version, or one size that is not a number, negative or beyond 2^53 reject the whole manifest.
 bool parseManifest(const QByteArray& bytes, Manifest* manifest);
 
 // The path-safety rule: the normalised relative path, or "" for a path that must be rejected

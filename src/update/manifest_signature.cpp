@@ -64,7 +64,7 @@ bool verifySignatureWithPublicKey(const QByteArray& data, const QByteArray& sign
            == 1;
 }
 
-bool fetchTrustedManifest(QNetworkAccessManager& network, const QString& manifestUrl,
+bool fetchTrustedManifest(BoundedNetworkAccessManager& network, const QString& manifestUrl,
                           Manifest& manifest, QByteArray& rawBytes)
 {
     bool ok = false;

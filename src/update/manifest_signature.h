@@ -4,7 +4,7 @@
 #include <QByteArray>
 #include <QString>
 
-class QNetworkAccessManager;
+class BoundedNetworkAccessManager;
 
 // Bounds on the two documents: a real manifest is far smaller, a DER signature in base64 is
 // about a hundred bytes; anything beyond is a hostile or broken server.
@@ -25,5 +25,5 @@ bool verifySignatureWithPublicKey(const QByteArray& data, const QByteArray& sign
 
 // Fetch, verify, parse, check eligibility, in that order; each failure logs one line.
 // rawBytes receives the downloaded manifest bytes as soon as they arrive.
-bool fetchTrustedManifest(QNetworkAccessManager& network, const QString& manifestUrl,
+bool fetchTrustedManifest(BoundedNetworkAccessManager& network, const QString& manifestUrl,
                           Manifest& manifest, QByteArray& rawBytes);

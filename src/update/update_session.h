@@ -1,7 +1,7 @@
 #pragma once
+#include "update/bounded_network_access.h"
 #include "update/update_outcome.h"
 
-#include <QNetworkAccessManager>
 #include <QString>
 #include <functional>
 
@@ -11,5 +11,5 @@ struct UpdateSession {
     QString appDir;        // directory of the running updater: the installation directory
     QString selfFileName;  // the updater's own file name, without directory
     std::function<void(const QString&)> onStatus;  // may be empty
-    QNetworkAccessManager network;
+    BoundedNetworkAccessManager network;
 };

@@ -182,9 +182,7 @@ void StagingDownloadTest::partialFile_data()
     const QString mismatch = QStringLiteral("W [Update] hash lech \"big.bin\" -> bo phan da co, tai lai tu dau");
     QTest::newRow("good partial resumed") << "good" << 1000 << qint64(-2) << false << QStringList{"bytes=1000-"}
                                           << true << QStringList{resumed, summary};
-    QTest::newRow("size 0 resumes any partial") << "good" << 1000 << qint64(0) << false << QStringList{"bytes=1000-"}
-                                                << true << QStringList{resumed, summary};
-    QTest::newRow("negative size resumes any partial") << "good" << 1000 << qint64(-1) << false
+    QTest::newRow("no size (-1) resumes any partial") << "good" << 1000 << qint64(-1) << false
                                                        << QStringList{"bytes=1000-"} << true
                                                        << QStringList{resumed, summary};
     QTest::newRow("empty partial not resumed") << "empty" << 0 << qint64(-2) << false << QStringList{""} << true

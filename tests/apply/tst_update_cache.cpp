@@ -180,8 +180,8 @@ void UpdateCacheTest::completeCachedFile_data()
     QTest::addColumn<bool>("found");
     const QString content = QStringLiteral("cached content");  // 14 bytes
     QTest::newRow("size and hash match") << "file" << "bin/a.dll" << qint64(14) << "good" << true;
-    QTest::newRow("size zero skips the size check") << "file" << "bin/a.dll" << qint64(0) << "good" << true;
-    QTest::newRow("negative size skips the size check") << "file" << "bin/a.dll" << qint64(-1) << "good" << true;
+    QTest::newRow("size zero is a size: only an empty file") << "file" << "bin/a.dll" << qint64(0) << "good" << false;
+    QTest::newRow("no size (-1) skips the size check") << "file" << "bin/a.dll" << qint64(-1) << "good" << true;
     QTest::newRow("size one short") << "file" << "bin/a.dll" << qint64(13) << "good" << false;
     QTest::newRow("size one over") << "file" << "bin/a.dll" << qint64(15) << "good" << false;
     QTest::newRow("other content, same size") << "file" << "bin/a.dll" << qint64(14) << sha256Hex("other content!") << false;

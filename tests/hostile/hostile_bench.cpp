@@ -12,6 +12,7 @@
 #include <QJsonObject>
 #include <QProcess>
 #include <QRegularExpression>
+#include <QtNumeric>
 
 namespace {
 
@@ -44,6 +45,15 @@ BuildFiles build2()
             {QStringLiteral("d.txt"), "delta"},
             {QStringLiteral("e.txt"), "echo"},
             {kCBin, pattern(60000, 13)}};
+}
+
+// The build the server publishes for a row.
+BuildFiles publishedBuild(Publication publication)
+{
+    BuildFiles files = build2();
+    if (publication == Publication::EmptyFile)
+        files.insert(QStringLiteral("e.txt"), QByteArray());
+    return files;
 }
 
 BuildFiles olderBuild()
@@ -211,7 +221,7 @@ bool HostileBench::publish(const HostileRow& row, QString* error)
     QDir(published.filePath(QStringLiteral("b"))).removeRecursively();
     server->clearRules();
 
-    BuildFiles files = build2();
+    BuildFiles files = publishedBuild(row.publication);
     QByteArray manifest;
     switch (row.publication) {
     case Publication::OtherProduct:
@@ -237,6 +247,20 @@ bool HostileBench::publish(const HostileRow& row, QString* error)
                                                        {QStringLiteral("sha256"), sha256Hex("evil")}});
         root.insert(QStringLiteral("files"), entries);
         manifest = QJsonDocument(root).toJson();
+        break;
+    }
+    case Publication::ExtraSizes: {
+        QJsonObject root = QJsonDocument::fromJson(makeManifestJson(QStringLiteral("2.0"), 11, files)).object();
+        QJsonArray entries = root.value(QStringLiteral("files")).toArray();
+        for (int i = 0; i < row.extraSizes.size(); ++i) {
+            QJsonObject entry{{QStringLiteral("path"), QStringLiteral("more/f%1.bin").arg(i, 4, 10, QLatin1Char('0'))},
+                              {QStringLiteral("sha256"), sha256Hex("more")}};
+            if (!qIsNaN(row.extraSizes.at(i)))
+                entry.insert(QStringLiteral("size"), row.extraSizes.at(i));
+            entries.append(entry);
+        }
+        root.insert(QStringLiteral("files"), entries);
+        manifest = QJsonDocument(root).toJson(QJsonDocument::Compact);
         break;
     }
     default:
@@ -271,6 +295,8 @@ bool HostileBench::publish(const HostileRow& row, QString* error)
     }
     if (!row.rulePath.isEmpty())
         server->setRule(QStringLiteral("b/") + row.rulePath, row.rule);
+    for (auto it = row.moreRules.cbegin(); it != row.moreRules.cend(); ++it)
+        server->setRule(QStringLiteral("b/") + it.key(), it.value());
     return true;
 }
 
@@ -377,7 +403,7 @@ HostileResult HostileBench::run(const HostileRow& row)
 
     QMap<QString, QString> expected = before;
     if (row.updates) {
-        const BuildFiles files = build2();
+        const BuildFiles files = publishedBuild(row.publication);
         for (auto it = files.cbegin(); it != files.cend(); ++it)
             expected.insert(it.key(), sha256Hex(it.value()));
         expected.insert(QStringLiteral("manifest.json"),
@@ -390,7 +416,7 @@ HostileResult HostileBench::run(const HostileRow& row)
     // The cache may only hold what the published build really contains.
     const QString cacheFiles = install->path(QStringLiteral(".update-cache/2.0/files"));
     const QDir cacheDir(cacheFiles);
-    const BuildFiles truth = build2();
+    const BuildFiles truth = publishedBuild(row.publication);
     QDirIterator it(cacheFiles, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
     while (it.hasNext()) {
         const QString rel = cacheDir.relativeFilePath(it.next());

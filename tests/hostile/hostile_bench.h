@@ -35,6 +35,8 @@ enum class Publication {
     HostilePath,               // 30 more good entries and one unsafe path among them
     ShortFile,                 // lib/c.bin served shorter than the manifest says
     LongFile,                  // lib/c.bin served longer than the manifest says
+    EmptyFile,                 // e.txt is empty: an entry of size 0
+    ExtraSizes,                // more entries "more/fNNNN.bin" with the sizes of HostileRow::extraSizes
 };
 
 // A link planted in the installation before the run, to a directory or a file outside it. The
@@ -46,8 +48,10 @@ struct HostileRow {
     RunMode mode = RunMode::Apply;
     Publication publication = Publication::Normal;
     QString hostilePath;       // for Publication::HostilePath
+    QList<double> extraSizes;  // for Publication::ExtraSizes; NaN: an entry without "size"
     QString rulePath;          // path below b/ that misbehaves ("" for none)
     TestServer::Rule rule;
+    QMap<QString, TestServer::Rule> moreRules;  // further paths below b/ that misbehave
     qint64 seedPartBytes = 0;  // lib/c.bin.part of that many correct bytes in the cache first
     Link link = Link::None;    // planted at linkPath
     QString linkPath;

@@ -77,6 +77,13 @@ void TestHostileApply::fault_data()
         QTest::newRow(qPrintable(QStringLiteral("one hostile path among 36: ") + hostile.hostilePath)) << hostile;
     }
 
+    // A size no file can have: the manifest is rejected, not read as "no size".
+    for (double size : {-1.0, 1e19, 9007199254740994.0}) {
+        HostileRow sized = row(Publication::ExtraSizes, QString(), {}, {QStringLiteral("[Update] manifest hong")});
+        sized.extraSizes = {size};
+        QTest::newRow(qPrintable(QStringLiteral("file size %1").arg(size, 0, 'g', 17))) << sized;
+    }
+
     // The files: any failed transfer gives the update up before anything is replaced.
     QTest::newRow("file 404") << row(Publication::Normal, file, status(404), bench.applyFileFails(file));
     QTest::newRow("file 500") << row(Publication::Normal, file, status(500), bench.applyFileFails(file));

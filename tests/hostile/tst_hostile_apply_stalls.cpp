@@ -1,5 +1,6 @@
-// Servers that stop sending, against the updater in apply mode: 10 s without progress ends a
-// request. These rows wait for real and run as a suite of their own.
+// Servers that stop sending, or send too little, against the updater in apply mode: 10 s
+// without progress ends a request, and so do 30 s below 1024 bytes a second. These rows wait
+// for real and run as a suite of their own.
 #include "hostile/hostile_bench.h"
 
 #include <QtTest>
@@ -36,6 +37,29 @@ void TestHostileApplyStalls::stall_data()
     file.expected = bench.applyFileFails(file.rulePath);
     file.expected[0].replace(QLatin1String("\"*\""), QLatin1String("\"Operation canceled\""));
     QTest::newRow("file silent for 11 s after 1000 bytes") << file;
+
+    // One byte every 3 s never leaves the inactivity timer 10 s of silence.
+    TestServer::Rule drip;
+    drip.chunkBytes = 1;
+    drip.chunkPauseSeconds = 3;
+    const QString slow = QStringLiteral("[Update] tai qua cham (duoi 1024 byte/giay) \"%1\"");
+    HostileRow dripManifest;
+    dripManifest.rulePath = manifest.rulePath;
+    dripManifest.rule = drip;
+    dripManifest.rule.times = 1;
+    const QStringList retried = bench.applyManifestFails(manifest.rulePath).mid(0, 2);
+    dripManifest.expected = QStringList{slow.arg(bench.url(manifest.rulePath)),
+                                        QString(retried.at(0)).replace(QLatin1String("\"*\""), QLatin1String("\"Operation canceled\"")),
+                                        retried.at(1)}
+        + HostileBench::applyUpdated();
+    dripManifest.updates = true;
+    QTest::newRow("manifest dripping a byte every 3 s, once") << dripManifest;
+
+    HostileRow dripFile;
+    dripFile.rulePath = file.rulePath;
+    dripFile.rule = drip;
+    dripFile.expected = QStringList{slow.arg(bench.url(file.rulePath))} + file.expected;
+    QTest::newRow("file dripping a byte every 3 s") << dripFile;
 }
 
 void TestHostileApplyStalls::stall()

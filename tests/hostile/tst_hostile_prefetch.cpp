@@ -77,6 +77,23 @@ void TestHostilePrefetch::fault_data()
         QTest::newRow(qPrintable(QStringLiteral("one hostile path among 36: ") + hostile.hostilePath)) << hostile;
     }
 
+    // Sizes: one no file can have rejects the manifest; sizes that add up beyond 64 bits, or an
+    // entry without a size (counted at the 1 GiB limit of such files), exceed the download cap.
+    for (double size : {-1.0, 1e19, 9007199254740994.0}) {
+        HostileRow sized = row(Publication::ExtraSizes, QString(), {}, {QStringLiteral("[UpdatePrefetch] manifest hong")});
+        sized.extraSizes = {size};
+        QTest::newRow(qPrintable(QStringLiteral("file size %1").arg(size, 0, 'g', 17))) << sized;
+    }
+    HostileRow huge = row(Publication::ExtraSizes, QString(), {},
+                          {QStringLiteral("[UpdatePrefetch] can tai 8796093022207 MB > tran 500 MB -> de updater lo")});
+    for (int i = 0; i < 1024; ++i)
+        huge.extraSizes.append(9007199254740992.0);
+    QTest::newRow("1024 files of 2^53 bytes") << huge;
+    HostileRow unsized = row(Publication::ExtraSizes, QString(), {},
+                             {QStringLiteral("[UpdatePrefetch] can tai 1024 MB > tran 500 MB -> de updater lo")});
+    unsized.extraSizes = {qQNaN()};
+    QTest::newRow("a file without size") << unsized;
+
     // The files: a failed attempt is retried three times, then the file is left for the updater.
     QTest::newRow("file 404")
         << row(Publication::Normal, file, status(404),

@@ -1,5 +1,6 @@
-// Servers that stop sending, against the updater in prefetch mode: 20 s without data end the
-// run before the plan, and only the current attempt during a file. Real waits, own suite.
+// Servers that stop sending, or send too little, against the updater in prefetch mode: 20 s
+// without data end the run before the plan, and only the current attempt during a file, and so
+// do 30 s below 1024 bytes a second. Real waits, own suite.
 #include "hostile/hostile_bench.h"
 
 #include <QtTest>
@@ -40,6 +41,22 @@ void TestHostilePrefetchStalls::stall_data()
                       QStringLiteral("[UpdatePrefetch] lib/c.bin resume tu 1000 byte")}
         + HostileBench::prefetchDone();
     QTest::newRow("file silent for 21 s after 1000 bytes, once") << file;
+
+    // One byte every 3 s never leaves the stall timer 20 s without data. (The documents need
+    // no such row: their 20 s run from the request, data or not.)
+    TestServer::Rule drip;
+    drip.chunkBytes = 1;
+    drip.chunkPauseSeconds = 3;
+    const QString slow = QStringLiteral("[UpdatePrefetch] tai qua cham (duoi 1024 byte/giay)");
+    HostileRow dripFile;
+    dripFile.mode = RunMode::Prefetch;
+    dripFile.rulePath = file.rulePath;
+    dripFile.rule = drip;
+    dripFile.rule.times = 1;
+    dripFile.expected = HostileBench::prefetchStart()
+        + QStringList{HostileBench::prefetchFresh(), slow, QStringLiteral("[UpdatePrefetch] lib/c.bin resume tu * byte")}
+        + HostileBench::prefetchDone();
+    QTest::newRow("file dripping a byte every 3 s, once") << dripFile;
 }
 
 void TestHostilePrefetchStalls::stall()

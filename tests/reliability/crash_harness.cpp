@@ -164,7 +164,7 @@ CrashHarness::CrashHarness(const QList<int>& largeFileMiB)
         if (i % 10 == 3)
             build2.insert(path, build1.value(path));
         else
-            build2.insert(path, {i == 17 ? 0 : size + (i % 3 - 1) * 1000, quint32(2000 + i), QString()});
+            build2.insert(path, {i == 17 ? 0 : qMax<qint64>(0, size + (i % 3 - 1) * 1000), quint32(2000 + i), QString()});
     }
     for (int k = 0; k < largeFileMiB.size(); ++k) {
         const QString path = QStringLiteral("packs/large%1.pak").arg(k);

@@ -1,11 +1,10 @@
 // The bounds on response bodies: a whole-body GET refuses more than its maximum, a file fetch
-// refuses to let the file grow beyond its expected size. Bodies within the bounds, and calls
-// without a bound, behave as they always did.
+// refuses to let the file grow beyond its expected size, 0 included. Bodies within the bounds
+// behave as they always did.
 #include "support/test_server.h"
 #include "update/http_fetch.h"
 
 #include <QFile>
-#include <QNetworkAccessManager>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -63,7 +62,6 @@ void TestBodyBounds::wholeBody_data()
     QTest::newRow("the signature bound") << 65536 << qint64(65536) << TestServer::Rule() << true;
     QTest::newRow("beyond the signature bound") << 65537 << qint64(65536) << TestServer::Rule() << false;
     QTest::newRow("3 MiB within a 3 MiB bound") << (3 << 20) << qint64(3 << 20) << TestServer::Rule() << true;
-    QTest::newRow("no bound") << (3 << 20) << qint64(-1) << TestServer::Rule() << true;
     TestServer::Rule slowly;
     slowly.chunkBytes = 4000;
     slowly.chunkPauseSeconds = 0.01;
@@ -90,7 +88,7 @@ void TestBodyBounds::wholeBody()
         QTest::ignoreMessage(QtWarningMsg,
                              qPrintable(QStringLiteral("[Update] GET loi \"%1\" \"body larger than %2 bytes\"").arg(url).arg(maxBody)));
 
-    QNetworkAccessManager network;
+    BoundedNetworkAccessManager network;
     bool fetched = !ok;
     const QByteArray result = httpGet(network, url, fetched, maxBody);
     QCOMPARE(fetched, ok);
@@ -113,9 +111,9 @@ void TestBodyBounds::fileBody_data()
     QTest::newRow("resumed beyond the size") << 61000 << 1000 << qint64(60000) << TestServer::Rule() << false;
     QTest::newRow("resume answered whole, exactly the size") << 60000 << 1000 << qint64(60000) << whole << true;
     QTest::newRow("resume answered whole, beyond") << 60001 << 1000 << qint64(60000) << whole << false;
-    QTest::newRow("size 0: no bound") << 200000 << 0 << qint64(0) << TestServer::Rule() << true;
-    QTest::newRow("negative size: no bound") << 200000 << 0 << qint64(-1) << TestServer::Rule() << true;
-    QTest::newRow("empty file of size 0") << 0 << 0 << qint64(0) << TestServer::Rule() << true;
+    QTest::newRow("size 0, one byte") << 1 << 0 << qint64(0) << TestServer::Rule() << false;
+    QTest::newRow("size 0, empty file") << 0 << 0 << qint64(0) << TestServer::Rule() << true;
+    QTest::newRow("size 0, without end") << 10 << 0 << qint64(0) << endless() << false;
     QTest::newRow("without end") << 10 << 0 << qint64(60000) << endless() << false;
     QTest::newRow("without end, resuming") << 60000 << 1000 << qint64(60000) << endless() << false;
 }
@@ -144,7 +142,7 @@ void TestBodyBounds::fileBody()
         QTest::ignoreMessage(QtWarningMsg, qPrintable(QStringLiteral("[Update] GET(file) loi \"%1\" \"file larger than %2 bytes\"")
                                                           .arg(url)
                                                           .arg(expectedSize)));
-    QNetworkAccessManager network;
+    BoundedNetworkAccessManager network;
     QCOMPARE(httpGetToFile(network, url, path, alreadyThere, expectedSize), ok);
     QFile result(path);
     QVERIFY(result.open(QIODevice::ReadOnly));

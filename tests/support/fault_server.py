@@ -19,11 +19,30 @@ import sys
 import threading
 import time
 import urllib.parse
+import zlib
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 
 BLOCK = 65536
 # Same length, every byte different.
 FLIP = bytes(b ^ 0xA5 for b in range(256))
+
+# inflated size -> gzip body of that many zero bytes, made once per size.
+GZIP_BODIES = {}
+GZIP_LOCK = threading.Lock()
+
+
+def gzip_of_zeros(size):
+    with GZIP_LOCK:
+        if size not in GZIP_BODIES:
+            compressor = zlib.compressobj(9, zlib.DEFLATED, 31)
+            block = bytes(min(size, 1 << 20))
+            parts, left = [], size
+            while left > 0:
+                parts.append(compressor.compress(block[:min(left, len(block))]))
+                left -= min(left, len(block))
+            parts.append(compressor.flush())
+            GZIP_BODIES[size] = b"".join(parts)
+        return GZIP_BODIES[size]
 
 
 class Control:
@@ -110,6 +129,10 @@ class Handler(BaseHTTPRequestHandler):
         if rule.get("endless"):
             self.send_endless(rule, send_body)
             return
+        if rule.get("gzipBytes", 0) > 0:
+            body = gzip_of_zeros(int(rule["gzipBytes"]))
+            self.send_short(200, body, [("Content-Encoding", "gzip")], send_body)
+            return
 
         size = os.path.getsize(file_path)
         status, first, last = 200, 0, size - 1
@@ -188,10 +211,14 @@ class Handler(BaseHTTPRequestHandler):
                 time.sleep(pause)
 
     def send_endless(self, rule, send_body):
-        # No Content-Length: the body ends only when the connection does.
+        # No Content-Length: the body ends only when the connection does, or, chunked, never.
+        chunked = rule.get("chunked", False)
         self.send_response(200)
         self.send_header("Content-Type", "application/octet-stream")
-        self.send_header("Connection", "close")
+        if chunked:
+            self.send_header("Transfer-Encoding", "chunked")
+        else:
+            self.send_header("Connection", "close")
         self.end_headers()
         self.close_connection = True
         if not send_body:
@@ -199,6 +226,8 @@ class Handler(BaseHTTPRequestHandler):
         chunk = rule.get("chunkBytes", 0) or BLOCK
         pause = rule.get("chunkPauseSeconds", 0)
         data = b"\x5a" * chunk
+        if chunked:
+            data = b"%x\r\n" % chunk + data + b"\r\n"
         while True:
             self.wfile.write(data)
             if pause > 0:

@@ -30,6 +30,8 @@ QJsonObject ruleToJson(const TestServer::Rule& rule, int generation)
         {QStringLiteral("chunkBytes"), double(rule.chunkBytes)},
         {QStringLiteral("chunkPauseSeconds"), rule.chunkPauseSeconds},
         {QStringLiteral("endless"), rule.endless},
+        {QStringLiteral("chunked"), rule.chunked},
+        {QStringLiteral("gzipBytes"), double(rule.gzipBytes)},
         {QStringLiteral("times"), rule.times},
         {QStringLiteral("generation"), generation},
     };

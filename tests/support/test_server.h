@@ -27,7 +27,10 @@ public:
         QString redirectTo;               // answer 302 with this Location (a path or a full URL)
         qint64 chunkBytes = 0;            // send the body in chunks of this size ...
         double chunkPauseSeconds = 0;     // ... pausing this long between chunks
-        bool endless = false;             // send bytes without end (no Content-Length)
+        bool endless = false;             // send bytes without end (no Content-Length) ...
+        bool chunked = false;             // ... in "Transfer-Encoding: chunked" instead of until close
+        qint64 gzipBytes = 0;             // answer 200 with "Content-Encoding: gzip" and a gzip body
+                                          // that inflates to this many zero bytes
         int times = -1;                   // apply to the first N matching requests only; -1: always
     };
 
@@ -105,6 +108,12 @@ inline TestServer::Rule endless()
 {
     TestServer::Rule rule;
     rule.endless = true;
+    return rule;
+}
+inline TestServer::Rule gzipBomb()
+{
+    TestServer::Rule rule;
+    rule.gzipBytes = 1073741824;  // 1 GiB of zeros in about 1 MB of gzip
     return rule;
 }
 } // namespace faults

@@ -2,10 +2,10 @@
 #include "support/test_files.h"
 #include "support/test_server.h"
 #include "update/http_fetch.h"
+#include "update/manifest_signature.h"
 
 #include <QDir>
 #include <QFile>
-#include <QNetworkAccessManager>
 #include <QProcess>
 #include <QRandomGenerator>
 #include <QScopeGuard>
@@ -132,17 +132,19 @@ void HttpFetchTest::requestShape()
              int(QNetworkRequest::NoLessSafeRedirectPolicy));
     QCOMPARE(request.attribute(QNetworkRequest::CacheLoadControlAttribute).toInt(),
              int(QNetworkRequest::AlwaysNetwork));
-    QCOMPARE(request.rawHeaderList(), QList<QByteArray>());
+    // Its one header keeps Qt from asking for gzip and inflating the body on its own.
+    QCOMPARE(request.rawHeaderList(), QList<QByteArray>{"Accept-Encoding"});
+    QCOMPARE(request.rawHeader("Accept-Encoding"), QByteArray("identity"));
 }
 
 void HttpFetchTest::getReturnsBody()
 {
-    QNetworkAccessManager network;
+    BoundedNetworkAccessManager network;
     bool ok = false;
-    QCOMPARE(httpGet(network, server->url("body.bin"), ok), body);
+    QCOMPARE(httpGet(network, server->url("body.bin"), ok, kMaxManifestBytes), body);
     QVERIFY(ok);
     // A path with blanks is sent encoded and reaches the file.
-    QCOMPARE(httpGet(network, server->url("dir with space/a b.bin"), ok), body.left(300));
+    QCOMPARE(httpGet(network, server->url("dir with space/a b.bin"), ok, kMaxManifestBytes), body.left(300));
     QVERIFY(ok);
 
     const auto requests = server->requests();
@@ -150,15 +152,16 @@ void HttpFetchTest::getReturnsBody()
     QCOMPARE(requests.at(0).method, QString("GET"));
     QVERIFY(!requests.at(0).headers.contains("range"));
     QVERIFY(!requests.at(0).headers.contains("authorization"));
+    QCOMPARE(requests.at(0).headers.value("accept-encoding"), QByteArray("identity"));
     QCOMPARE(requests.at(1).target, QString("/dir%20with%20space/a%20b.bin"));
     QCOMPARE(capture->warnings(), QStringList());
 }
 
 void HttpFetchTest::getEmptyBodyIsSuccess()
 {
-    QNetworkAccessManager network;
+    BoundedNetworkAccessManager network;
     bool ok = false;
-    QCOMPARE(httpGet(network, server->url("empty.bin"), ok), QByteArray());
+    QCOMPARE(httpGet(network, server->url("empty.bin"), ok, kMaxManifestBytes), QByteArray());
     QVERIFY(ok);
     QCOMPARE(capture->warnings(), QStringList());
 }
@@ -181,9 +184,9 @@ void HttpFetchTest::getErrorStatus()
     rule.status = status;
     server->setRule("body.bin", rule);
 
-    QNetworkAccessManager network;
+    BoundedNetworkAccessManager network;
     bool ok = true;  // must be reset by the call
-    QCOMPARE(httpGet(network, server->url("body.bin"), ok), QByteArray());
+    QCOMPARE(httpGet(network, server->url("body.bin"), ok, kMaxManifestBytes), QByteArray());
     QVERIFY(!ok);
     QCOMPARE(capture->warnings(),
              QStringList{QStringLiteral("[Update] GET loi \"%1\" \"%2\"")
@@ -196,9 +199,9 @@ void HttpFetchTest::getConnectionClosed()
     TestServer::Rule rule;
     rule.closeAfterBytes = 1234;
     server->setRule("body.bin", rule);
-    QNetworkAccessManager network;
+    BoundedNetworkAccessManager network;
     bool ok = true;
-    QCOMPARE(httpGet(network, server->url("body.bin"), ok), QByteArray());
+    QCOMPARE(httpGet(network, server->url("body.bin"), ok, kMaxManifestBytes), QByteArray());
     QVERIFY(!ok);
     QCOMPARE(capture->warnings(),
              QStringList{QStringLiteral("[Update] GET loi \"%1\" \"Connection closed\"")
@@ -210,9 +213,9 @@ void HttpFetchTest::getFollowsRedirect()
     TestServer::Rule rule;
     rule.redirectTo = "body.bin";
     server->setRule("moved.json", rule);
-    QNetworkAccessManager network;
+    BoundedNetworkAccessManager network;
     bool ok = false;
-    QCOMPARE(httpGet(network, server->url("moved.json"), ok), body);
+    QCOMPARE(httpGet(network, server->url("moved.json"), ok, kMaxManifestBytes), body);
     QVERIFY(ok);
     QCOMPARE(server->requestsFor("body.bin").size(), 1);
     QCOMPARE(capture->warnings(), QStringList());
@@ -220,12 +223,12 @@ void HttpFetchTest::getFollowsRedirect()
 
 void HttpFetchTest::getForcesNetworkAccessible()
 {
-    QNetworkAccessManager network;
+    BoundedNetworkAccessManager network;
     QT_WARNING_PUSH
     QT_WARNING_DISABLE_DEPRECATED
     network.setNetworkAccessible(QNetworkAccessManager::NotAccessible);
     bool ok = false;
-    QCOMPARE(httpGet(network, server->url("body.bin"), ok), body);
+    QCOMPARE(httpGet(network, server->url("body.bin"), ok, kMaxManifestBytes), body);
     QVERIFY(ok);
     QCOMPARE(network.networkAccessible(), QNetworkAccessManager::Accessible);
     QT_WARNING_POP
@@ -265,9 +268,9 @@ void HttpFetchTest::retry()
     }
     QVERIFY(writeFile(root.filePath("manifest.json"), "{\"fullVersion\":\"5.0.153\"}"));
 
-    QNetworkAccessManager network;
+    BoundedNetworkAccessManager network;
     bool ok = !expectOk;
-    const QByteArray result = httpGetWithRetry(network, server->url("manifest.json"), ok);
+    const QByteArray result = httpGetWithRetry(network, server->url("manifest.json"), ok, kMaxManifestBytes);
     QCOMPARE(ok, expectOk);
     QCOMPARE(result, expectOk ? QByteArray("{\"fullVersion\":\"5.0.153\"}") : QByteArray());
     QCOMPARE(server->requests().size(), expectRequests);
@@ -324,7 +327,7 @@ void HttpFetchTest::fileResume()
     if (!before.isNull())
         QVERIFY(writeFile(path, before));
 
-    QNetworkAccessManager network;
+    BoundedNetworkAccessManager network;
     QVERIFY(httpGetToFile(network, server->url("body.bin"), path, offset));
     QCOMPARE(readFile(path), after);
 
@@ -367,7 +370,7 @@ void HttpFetchTest::fileErrorStatus()
     if (partialExists)
         QVERIFY(writeFile(path, partial));
 
-    QNetworkAccessManager network;
+    BoundedNetworkAccessManager network;
     QVERIFY(!httpGetToFile(network, server->url("body.bin"), path, offset));
     // The file is never opened: neither created nor truncated nor appended to.
     QCOMPARE(QFile::exists(path), partialExists);
@@ -400,7 +403,7 @@ void HttpFetchTest::fileConnectionClosed()
     if (offset > 0)
         QVERIFY(writeFile(path, body.left(int(offset))));
 
-    QNetworkAccessManager network;
+    BoundedNetworkAccessManager network;
     QVERIFY(!httpGetToFile(network, server->url("body.bin"), path, offset));
     // What arrived stays: the caller resumes from the file's size.
     QCOMPARE(readFile(path), body.left(int(offset + closeAfter)));
@@ -419,7 +422,7 @@ void HttpFetchTest::fileConnectionClosed()
 void HttpFetchTest::fileCannotBeOpened()
 {
     const QString path = target("missing-dir/body.bin");
-    QNetworkAccessManager network;
+    BoundedNetworkAccessManager network;
     QVERIFY(!httpGetToFile(network, server->url("body.bin"), path, 0));
     QVERIFY(!QFile::exists(path));
     QCOMPARE(capture->warnings(),
@@ -433,7 +436,7 @@ void HttpFetchTest::fileLargeBody()
     TestServer::Rule rule;
     rule.chunkBytes = 100003;
     server->setRule("big.bin", rule);
-    QNetworkAccessManager network;
+    BoundedNetworkAccessManager network;
     const QString path = target("big.bin");
     QVERIFY(httpGetToFile(network, server->url("big.bin"), path, 0));
     QCOMPARE(QFileInfo(path).size(), qint64(big.size()));
@@ -445,7 +448,7 @@ void HttpFetchTest::fileEmptyBody()
 {
     const QString path = target("empty.bin");
     QVERIFY(writeFile(path, "left over"));
-    QNetworkAccessManager network;
+    BoundedNetworkAccessManager network;
     QVERIFY(httpGetToFile(network, server->url("empty.bin"), path, 0));
     QVERIFY(QFile::exists(path));
     QCOMPARE(QFileInfo(path).size(), qint64(0));
@@ -462,7 +465,7 @@ void HttpFetchTest::fileFollowsRedirect()
     rule.redirectTo = server->url("body.bin");
     server->setRule("files/old.bin", rule);
     const QString path = target("body.bin");
-    QNetworkAccessManager network;
+    BoundedNetworkAccessManager network;
     QVERIFY(httpGetToFile(network, server->url("files/old.bin"), path, 0));
     QCOMPARE(readFile(path), body);
     QCOMPARE(capture->warnings(), QStringList());
@@ -470,7 +473,7 @@ void HttpFetchTest::fileFollowsRedirect()
 
 void HttpFetchTest::fileForcesNetworkAccessible()
 {
-    QNetworkAccessManager network;
+    BoundedNetworkAccessManager network;
     QT_WARNING_PUSH
     QT_WARNING_DISABLE_DEPRECATED
     network.setNetworkAccessible(QNetworkAccessManager::NotAccessible);
@@ -495,7 +498,7 @@ void HttpFetchTest::fileDiskFull()
     // Another file takes an uneven share, so the disk fills up in the middle of a write.
     QVERIFY(writeFile(mountPoint + "/other.bin", QByteArray(100000, 'o')));
     const QString path = mountPoint + "/big.bin";
-    QNetworkAccessManager network;
+    BoundedNetworkAccessManager network;
     QVERIFY(!httpGetToFile(network, server->url("big.bin"), path, 0));
     const QByteArray written = readFile(path);
     QVERIFY(written.size() <= 1024 * 1024);

@@ -1,9 +1,9 @@
 #include "support/log_capture.h"
 #include "support/test_server.h"
 #include "update/http_fetch.h"
+#include "update/manifest_signature.h"
 
 #include <QFile>
-#include <QNetworkAccessManager>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -82,14 +82,14 @@ void HttpTimeoutTest::inactivity()
     server->setRule("slow.bin", rule);
     const QString url = server->url("slow.bin");
 
-    QNetworkAccessManager network;
+    BoundedNetworkAccessManager network;
     QTemporaryDir work;
     const QString path = work.filePath("slow.bin");
     bool ok = false;
     if (toFile) {
         ok = httpGetToFile(network, url, path, 0);
     } else {
-        const QByteArray result = httpGet(network, url, ok);
+        const QByteArray result = httpGet(network, url, ok, kMaxManifestBytes);
         QCOMPARE(result, expectOk ? body : QByteArray());
     }
     QCOMPARE(ok, expectOk);

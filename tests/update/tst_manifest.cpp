@@ -93,7 +93,7 @@ void TestManifest::parseAccepts_data()
 
     QTest::newRow("minimal: version and one file, upper-case hash")
         << QByteArray(R"({"fullVersion": "5.0.153", "files": [{"path": "a.dll", "sha256": "ABCDEF0123"}]})")
-        << qint64(-1) << "5.0.153" << "" << "" << QStringList{"a.dll|0|abcdef0123"};
+        << qint64(-1) << "5.0.153" << "" << "" << QStringList{"a.dll|-1|abcdef0123"};
     QTest::newRow("every field")
         << QByteArray(R"({"buildNumber": 153, "fullVersion": "5.0.153", "product": "Corvanta", "arch": "x64",
                          "files": [{"path": "bin/app.exe", "size": 1048576, "sha256": ")" + kHashB + R"("},
@@ -102,56 +102,56 @@ void TestManifest::parseAccepts_data()
         << QStringList{"bin/app.exe|1048576|" + kHashB, "data/x.pak|3|" + kHashA};
     QTest::newRow("buildNumber 12.9 truncates to 12")
         << withFiles(R"([{"path": "a", "sha256": "aa"}], "buildNumber": 12.9)") << qint64(12) << "5.0.153"
-        << "" << "" << QStringList{"a|0|aa"};
+        << "" << "" << QStringList{"a|-1|aa"};
     QTest::newRow("buildNumber -3.7 truncates toward zero")
         << withFiles(R"([{"path": "a", "sha256": "aa"}], "buildNumber": -3.7)") << qint64(-3) << "5.0.153"
-        << "" << "" << QStringList{"a|0|aa"};
+        << "" << "" << QStringList{"a|-1|aa"};
     QTest::newRow("buildNumber as string is unknown")
         << withFiles(R"([{"path": "a", "sha256": "aa"}], "buildNumber": "12")") << qint64(-1) << "5.0.153"
-        << "" << "" << QStringList{"a|0|aa"};
+        << "" << "" << QStringList{"a|-1|aa"};
     QTest::newRow("buildNumber null is unknown")
         << withFiles(R"([{"path": "a", "sha256": "aa"}], "buildNumber": null)") << qint64(-1) << "5.0.153"
-        << "" << "" << QStringList{"a|0|aa"};
+        << "" << "" << QStringList{"a|-1|aa"};
     QTest::newRow("buildNumber beyond 64 bits saturates")
         << withFiles(R"([{"path": "a", "sha256": "aa"}], "buildNumber": 1e300)")
-        << std::numeric_limits<qint64>::max() << "5.0.153" << "" << "" << QStringList{"a|0|aa"};
+        << std::numeric_limits<qint64>::max() << "5.0.153" << "" << "" << QStringList{"a|-1|aa"};
     QTest::newRow("large buildNumber within range")
         << withFiles(R"([{"path": "a", "sha256": "aa"}], "buildNumber": 4294967296)") << qint64(4294967296LL)
-        << "5.0.153" << "" << "" << QStringList{"a|0|aa"};
-    QTest::newRow("size 2.5 truncates, string size reads 0, negative size kept")
-        << withFiles(R"([{"path": "a", "size": 2.5, "sha256": "aa"},
-                        {"path": "b", "size": "10", "sha256": "bb"},
-                        {"path": "c", "size": -4, "sha256": "cc"}])")
-        << qint64(-1) << "5.0.153" << "" << "" << QStringList{"a|2|aa", "b|0|bb", "c|-4|cc"};
+        << "5.0.153" << "" << "" << QStringList{"a|-1|aa"};
+    QTest::newRow("size 2.5 truncates, a missing size reads -1, 0 and 2^53 are sizes")
+        << withFiles(R"([{"path": "a", "size": 2.5, "sha256": "aa"}, {"path": "b", "sha256": "bb"},
+                        {"path": "c", "size": 0, "sha256": "cc"}, {"path": "d", "size": 9007199254740992, "sha256": "dd"}])")
+        << qint64(-1) << "5.0.153" << "" << ""
+        << QStringList{"a|2|aa", "b|-1|bb", "c|0|cc", "d|9007199254740992|dd"};
     QTest::newRow("size above 4 GiB")
         << withFiles(R"([{"path": "big.bin", "size": 6442450944, "sha256": "aa"}])") << qint64(-1)
         << "5.0.153" << "" << "" << QStringList{"big.bin|6442450944|aa"};
     QTest::newRow("non-string product and arch read as empty")
         << withFiles(R"([{"path": "a", "sha256": "aa"}], "product": 1, "arch": {"x": 64})") << qint64(-1)
-        << "5.0.153" << "" << "" << QStringList{"a|0|aa"};
+        << "5.0.153" << "" << "" << QStringList{"a|-1|aa"};
     QTest::newRow("entries without path or hash are skipped, order kept")
         << withFiles(R"([{"path": "z", "sha256": "11"}, {"path": "", "sha256": "22"}, {"sha256": "33"},
                         {"path": "no-hash"}, {"path": "y", "sha256": ""}, {"path": "x", "sha256": 5},
                         {"path": 5, "sha256": "44"}, {"path": "a", "sha256": "55"}])")
-        << qint64(-1) << "5.0.153" << "" << "" << QStringList{"z|0|11", "a|0|55"};
+        << qint64(-1) << "5.0.153" << "" << "" << QStringList{"z|-1|11", "a|-1|55"};
     QTest::newRow("non-object elements are skipped")
         << withFiles(R"([1, "bin/a.dll", null, true, [], {"path": "ok.dll", "sha256": "AB"}])") << qint64(-1)
-        << "5.0.153" << "" << "" << QStringList{"ok.dll|0|ab"};
+        << "5.0.153" << "" << "" << QStringList{"ok.dll|-1|ab"};
     QTest::newRow("paths are normalised")
         << withFiles(R"([{"path": "bin\\x.dll", "sha256": "aa"}, {"path": "a//b/", "sha256": "bb"},
                         {"path": "...", "sha256": "cc"}, {"path": "..a/b..", "sha256": "dd"}])")
-        << qint64(-1) << "5.0.153" << "" << "" << QStringList{"bin/x.dll|0|aa", "a/b|0|bb", "...|0|cc", "..a/b..|0|dd"};
+        << qint64(-1) << "5.0.153" << "" << "" << QStringList{"bin/x.dll|-1|aa", "a/b|-1|bb", "...|-1|cc", "..a/b..|-1|dd"};
     QTest::newRow("names that only resemble reserved ones")
         << withFiles(R"([{"path": "bin/manifest.json", "sha256": "aa"}, {"path": "x.bak2", "sha256": "bb"},
                         {"path": "staging/a", "sha256": "cc"}, {"path": "a.tmp/b", "sha256": "dd"}])")
         << qint64(-1) << "5.0.153" << "" << ""
-        << QStringList{"bin/manifest.json|0|aa", "x.bak2|0|bb", "staging/a|0|cc", "a.tmp/b|0|dd"};
+        << QStringList{"bin/manifest.json|-1|aa", "x.bak2|-1|bb", "staging/a|-1|cc", "a.tmp/b|-1|dd"};
     QTest::newRow("an entry skipped for its empty hash is never path-checked")
         << withFiles(R"([{"path": "../skip", "sha256": ""}, {"path": "C:/skip"}, {"path": "ok", "sha256": "aa"}])")
-        << qint64(-1) << "5.0.153" << "" << "" << QStringList{"ok|0|aa"};
+        << qint64(-1) << "5.0.153" << "" << "" << QStringList{"ok|-1|aa"};
     QTest::newRow("unknown keys are ignored")
         << QByteArray(R"({"fullVersion": "v", "signature": "x", "files": [{"path": "a", "sha256": "aa", "mode": 7}]})")
-        << qint64(-1) << "v" << "" << "" << QStringList{"a|0|aa"};
+        << qint64(-1) << "v" << "" << "" << QStringList{"a|-1|aa"};
     const QByteArray hashC = "cccccccccccccccccccccccccccccccccccccccccccccccccccccccccccccccc";
     const QByteArray hashD = "dddddddddddddddddddddddddddddddddddddddddddddddddddddddddddddddd";
     const QString entry = "lib/x.dll|1000|" + kHashA;
@@ -188,15 +188,15 @@ void TestManifest::parseAccepts_data()
     QTest::newRow("no artifacts for a file without size or with a short hash")
         << withFiles(R"([{"path": "a", "sha256": ")" + kHashA + R"(", "zstd": {"size": 4, "sha256": ")" + kHashB + R"("}},
                         {"path": "b", "size": 100, "sha256": "ab", "zstd": {"size": 4, "sha256": ")" + kHashB + R"("}}])")
-        << qint64(-1) << "5.0.153" << "" << "" << QStringList{"a|0|" + kHashA, "b|100|ab"};
+        << qint64(-1) << "5.0.153" << "" << "" << QStringList{"a|-1|" + kHashA, "b|100|ab"};
     QTest::newRow("names that only resemble the artifact directory")
         << withFiles(R"([{"path": "zstd/a", "sha256": "aa"}, {"path": "lib/.zstd/b", "sha256": "bb"},
                         {"path": ".zstd2", "sha256": "cc"}, {"path": "a.zst", "sha256": "dd"}])")
-        << qint64(-1) << "5.0.153" << "" << "" << QStringList{"zstd/a|0|aa", "lib/.zstd/b|0|bb", ".zstd2|0|cc", "a.zst|0|dd"};
+        << qint64(-1) << "5.0.153" << "" << "" << QStringList{"zstd/a|-1|aa", "lib/.zstd/b|-1|bb", ".zstd2|-1|cc", "a.zst|-1|dd"};
     QTest::newRow("UTF-8 path")
         << withFiles("[{\"path\": \"t\xc3\xa0i li\xe1\xbb\x87u/\xc4\x91\xe1\xbb\x8d\x63.txt\", \"sha256\": \"aa\"}]")
         << qint64(-1) << "5.0.153" << "" << ""
-        << QStringList{QString::fromUtf8("t\xc3\xa0i li\xe1\xbb\x87u/\xc4\x91\xe1\xbb\x8d\x63.txt|0|aa")};
+        << QStringList{QString::fromUtf8("t\xc3\xa0i li\xe1\xbb\x87u/\xc4\x91\xe1\xbb\x8d\x63.txt|-1|aa")};
 }
 
 void TestManifest::parseAccepts()
@@ -242,6 +242,12 @@ void TestManifest::parseRejects_data()
     QTest::newRow("dot segment") << withFiles(R"([{"path": "a/./b", "sha256": "aa"}])");
     QTest::newRow("only slashes") << withFiles(R"([{"path": "///", "sha256": "aa"}])");
     QTest::newRow("alternate data stream") << withFiles(R"([{"path": "x:stream", "sha256": "aa"}])");
+    // A size no file can have bounds no download: the manifest is rejected as a whole.
+    QTest::newRow("negative size") << withFiles("[" + goodEntries(3) + R"({"path": "c", "size": -4, "sha256": "cc"}])");
+    QTest::newRow("size beyond 2^53") << withFiles(R"([{"path": "c", "size": 9007199254740994, "sha256": "cc"}])");
+    QTest::newRow("size 1e300") << withFiles(R"([{"path": "c", "size": 1e300, "sha256": "cc"}])");
+    QTest::newRow("size as a string") << withFiles(R"([{"path": "c", "size": "10", "sha256": "cc"}])");
+    QTest::newRow("size null") << withFiles(R"([{"path": "c", "size": null, "sha256": "cc"}])");
     QTest::newRow("unsafe path after a skipped and a good entry")
         << withFiles(R"([{"path": "../skip", "sha256": ""}, {"path": "ok", "sha256": "aa"}, {"path": "..", "sha256": "bb"}])");
     // Builds that cannot be applied as one transaction, or that would overwrite the updater's own files.

@@ -1,3 +1,4 @@
+#include "update/bounded_network_access.h"
 #include "update/manifest_signature.h"
 
 #include "support/test_files.h"
@@ -5,7 +6,6 @@
 #include "support/test_signing.h"
 
 #include <QJsonDocument>
-#include <QNetworkAccessManager>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -222,7 +222,7 @@ void TestManifestSignature::fetchTrustedManifest()
         server.setRule(QStringLiteral("app/manifest.json"), rule);
     }
 
-    QNetworkAccessManager network;
+    BoundedNetworkAccessManager network;
     Manifest parsed;
     parsed.fullVersion = QStringLiteral("before");
     QByteArray rawBytes = "before";
