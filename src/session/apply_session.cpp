@@ -63,7 +63,8 @@ UpdateOutcome runUpdateSession(UpdateSession& session)
         return UpToDate;
     }
 
-    const QList<ManifestFile> plan = changedFiles(remote, session.appDir);
+    QHash<QString, QString> installedHashes;
+    const QList<ManifestFile> plan = changedFiles(remote, session.appDir, &installedHashes);
     if (plan.isEmpty()) {
         // Every file already has the published content: only the record is missing or stale.
         writeInstalledManifest(session, rawBytes);
@@ -74,7 +75,7 @@ UpdateOutcome runUpdateSession(UpdateSession& session)
 
     reportStatus(session, QString::fromUtf8("Đang tải bản cập nhật (%1 tệp)…").arg(plan.size()));
     QList<StagedFile> staged;
-    if (!downloadToStaging(session, plan, baseUrl, version, staged))
+    if (!downloadToStaging(session, plan, baseUrl, version, staged, installedHashes))
         return Failed;
 
     reportStatus(session, QString::fromUtf8("Đang áp bản cập nhật…"));

@@ -6,6 +6,7 @@
 #include "support/test_files.h"
 #include "support/test_install.h"
 #include "support/test_server.h"
+#include "update/manifest.h"
 #include "update/update_session.h"
 
 #include <QFileInfo>
@@ -24,6 +25,13 @@ QByteArray patterned(int size, char seed)
     for (int i = 0; i < size; ++i)
         bytes[i] = char((i * 31 + seed) % 251);
     return bytes;
+}
+
+// The line that ends a staging download: the body bytes it took from the network, and what the
+// changed files are whole.
+QString wireLine(qint64 wire, qint64 whole)
+{
+    return QStringLiteral("I [Update] da tai qua mang %1 byte (ca file: %2 byte)").arg(wire).arg(whole);
 }
 
 ManifestFile entryFor(const QString& path, const QByteArray& content)
@@ -62,6 +70,8 @@ private slots:
     void hostilePathIsRefused();
     void decodeArtifact_data();
     void decodeArtifact();
+    void smallerTransfers_data();
+    void smallerTransfers();
 
 private:
     QString serve(const QString& relPath, const QByteArray& content);
@@ -134,7 +144,7 @@ void StagingDownloadTest::finishedCacheFilesCounted()
     LogCapture capture;
     QList<StagedFile> staged;
     QVERIFY(run(changed, staged));
-    QCOMPARE(capture.lines(), QStringList{"I [Update] dung 3 / 5 file tu kho tam"});
+    QCOMPARE(capture.lines(), (QStringList{"I [Update] dung 3 / 5 file tu kho tam", wireLine(3001 + 3003, 15010)}));
     QCOMPARE(staged.size(), 5);
     for (int i = 0; i < 5; ++i) {
         QCOMPARE(staged[i].relPath, changed[i].path);
@@ -178,24 +188,28 @@ void StagingDownloadTest::partialFile_data()
     QTest::addColumn<QStringList>("log");
 
     const QString resumed = QStringLiteral("I [Update] \"big.bin\" noi tiep tu kho tam: 1000 byte");
-    const QString summary = QStringLiteral("I [Update] dung 0 / 1 file tu kho tam");
+    // The summary and the bytes over the wire.
+    const auto summary = [](qint64 wire, qint64 whole) {
+        return QStringList{QStringLiteral("I [Update] dung 0 / 1 file tu kho tam"), wireLine(wire, whole)};
+    };
     const QString mismatch = QStringLiteral("W [Update] hash lech \"big.bin\" -> bo phan da co, tai lai tu dau");
     QTest::newRow("good partial resumed") << "good" << 1000 << qint64(-2) << false << QStringList{"bytes=1000-"}
-                                          << true << QStringList{resumed, summary};
+                                          << true << QStringList{resumed} + summary(49000, 50000);
     QTest::newRow("no size (-1) resumes any partial") << "good" << 1000 << qint64(-1) << false
                                                        << QStringList{"bytes=1000-"} << true
-                                                       << QStringList{resumed, summary};
+                                                       << QStringList{resumed} + summary(49000, 0);
     QTest::newRow("empty partial not resumed") << "empty" << 0 << qint64(-2) << false << QStringList{""} << true
-                                               << QStringList{summary};
+                                               << summary(50000, 50000);
     QTest::newRow("partial as large as the file not resumed")
-        << "full" << 50000 << qint64(-2) << false << QStringList{""} << true << QStringList{summary};
+        << "full" << 50000 << qint64(-2) << false << QStringList{""} << true << summary(50000, 50000);
     QTest::newRow("partial larger than the file not resumed")
-        << "over" << 50001 << qint64(-2) << false << QStringList{""} << true << QStringList{summary};
+        << "over" << 50001 << qint64(-2) << false << QStringList{""} << true << summary(50000, 50000);
     QTest::newRow("server ignoring the range restarts the file")
-        << "good" << 1000 << qint64(-2) << true << QStringList{"bytes=1000-"} << true << QStringList{resumed, summary};
+        << "good" << 1000 << qint64(-2) << true << QStringList{"bytes=1000-"} << true
+        << QStringList{resumed} + summary(50000, 50000);
     QTest::newRow("wrong bytes in the partial: it is deleted")
         << "bad" << 1000 << qint64(-2) << false << QStringList{"bytes=1000-", ""} << false
-        << QStringList{resumed, mismatch, summary};
+        << QStringList{resumed, mismatch} + summary(49000 + 50000, 50000);
 }
 
 void StagingDownloadTest::partialFile()
@@ -254,7 +268,7 @@ void StagingDownloadTest::resumeFailureStartsOver()
     QCOMPARE(stagingLines(capture),
              (QStringList{"I [Update] \"lib/r.dll\" noi tiep tu kho tam: 1000 byte",
                           "W [Update] tai tiep \"lib/r.dll\" that bai -> thu lai tu dau",
-                          "I [Update] dung 0 / 1 file tu kho tam"}));
+                          "I [Update] dung 0 / 1 file tu kho tam", wireLine(20000, 20000)}));
     QCOMPARE(readFile(staged[0].stagedPath, kMissing), content);
     QCOMPARE(server->requestsFor(urlPath).size(), 2);
     QCOMPARE(server->requestsFor(urlPath).at(1).headers.value("range"), QByteArray());
@@ -289,7 +303,7 @@ void StagingDownloadTest::mismatchTwiceGivesUp()
     staged.clear();
     QVERIFY(run({entryFor(QStringLiteral("sub/x.dll"), content)}, staged));
     QCOMPARE(capture.lines(), (QStringList{"W [Update] hash lech \"sub/x.dll\" -> bo phan da co, tai lai tu dau",
-                                           "I [Update] dung 0 / 1 file tu kho tam"}));
+                                           "I [Update] dung 0 / 1 file tu kho tam", wireLine(16000, 8000)}));
     QCOMPARE(readFile(staged[0].stagedPath, kMissing), content);
 }
 
@@ -329,7 +343,7 @@ void StagingDownloadTest::emptyList()
     LogCapture capture;
     QList<StagedFile> staged;
     QVERIFY(run({}, staged));
-    QCOMPARE(capture.lines(), QStringList{"I [Update] dung 0 / 0 file tu kho tam"});
+    QCOMPARE(capture.lines(), (QStringList{"I [Update] dung 0 / 0 file tu kho tam", wireLine(0, 0)}));
     QVERIFY(QFileInfo(staging()).isDir());
     QCOMPARE(filesBelow(staging()), QStringList());
     QVERIFY(staged.isEmpty());
@@ -439,6 +453,101 @@ void StagingDownloadTest::decodeArtifact()
     QCOMPARE(decoded, error.isEmpty());
     if (decoded)
         QCOMPARE(readFile(output, kMissing), newFile);
+}
+
+void StagingDownloadTest::smallerTransfers_data()
+{
+    QTest::addColumn<QString>("installed");  // "old" (the patch's source), "other", "none"
+    QTest::addColumn<QString>("cache");      // "", "patch" (finished), "patch part" (first 100 bytes),
+                                             // "bad compressed part" (100 wrong bytes)
+    QTest::addColumn<QStringList>("requests");  // paths asked for: "patch", "compressed", "file"
+    QTest::addColumn<QStringList>("log");       // %1 patch size, %2 compressed size, %3 wire bytes
+
+    const QString patch = QStringLiteral("I [Update] \"lib/t.txt\" tai patch %1 byte thay vi 200000 byte");
+    const QString compressed = QStringLiteral("I [Update] \"lib/t.txt\" tai ban nen %2 byte thay vi 200000 byte");
+    const QString summary = QStringLiteral("I [Update] dung 0 / 1 file tu kho tam");
+    const QString wire = QStringLiteral("I [Update] da tai qua mang %3 byte (ca file: 200000 byte)");
+    QTest::newRow("the patch for the installed content") << "old" << "" << QStringList{"patch"}
+                                                         << QStringList{patch, summary, wire};
+    QTest::newRow("no patch for other installed content: the compressed file")
+        << "other" << "" << QStringList{"compressed"} << QStringList{compressed, summary, wire};
+    QTest::newRow("nothing installed: the compressed file") << "none" << "" << QStringList{"compressed"}
+                                                             << QStringList{compressed, summary, wire};
+    QTest::newRow("a finished patch in the cache: nothing requested")
+        << "old" << "patch" << QStringList{} << QStringList{patch, summary, wire};
+    QTest::newRow("a partial patch in the cache is resumed")
+        << "old" << "patch part" << QStringList{"patch"}
+        << QStringList{patch, QStringLiteral("I [Update] \"%4\" noi tiep tu kho tam: 100 byte"), summary, wire};
+    QTest::newRow("a partial compressed file with wrong bytes: deleted, then the whole file")
+        << "none" << "bad compressed part" << QStringList{"compressed", "file"}
+        << QStringList{compressed, QStringLiteral("I [Update] \"%5\" noi tiep tu kho tam: 100 byte"),
+                       QStringLiteral("W [Update] ban nen cho \"lib/t.txt\" hong (hash lech) -> tai ca file"), summary, wire};
+}
+
+void StagingDownloadTest::smallerTransfers()
+{
+    QFETCH(QString, installed);
+    QFETCH(QString, cache);
+    QFETCH(QStringList, requests);
+    QFETCH(QStringList, log);
+    const QByteArray oldFile = textLines(10000, 1).left(200000);
+    const QByteArray newFile = textLines(10000, 2).left(200000);
+    static const QByteArray compressed = zstdCompressed(newFile);
+    static const QByteArray patch = zstdPatch(oldFile, newFile);
+    QVERIFY(!compressed.isEmpty() && !patch.isEmpty());
+    const QString path = QStringLiteral("lib/t.txt");
+    QMap<QString, QString> urlPaths{{QStringLiteral("file"), serve(path, newFile)},
+                                    {QStringLiteral("compressed"), serve(compressedRelPath(newFile), compressed)},
+                                    {QStringLiteral("patch"), serve(patchRelPath(oldFile, newFile), patch)}};
+    const QByteArray installedBytes = installed == QLatin1String("old") ? oldFile : textLines(10000, 3).left(200000);
+    if (installed != QLatin1String("none"))
+        QVERIFY(writeFile(install->path() + QLatin1Char('/') + path, installedBytes));
+    if (cache == QLatin1String("patch"))
+        QVERIFY(writeFile(cached(patchRelPath(oldFile, newFile)), patch));
+    if (cache == QLatin1String("patch part"))
+        QVERIFY(writeFile(cachePartPath(kVersion, patchRelPath(oldFile, newFile)), patch.left(100)));
+    const QString badPart = cachePartPath(kVersion, compressedRelPath(newFile));
+    if (cache == QLatin1String("bad compressed part"))
+        QVERIFY(writeFile(badPart, patterned(100, 'b')));
+
+    ManifestFile entry = entryFor(path, newFile);
+    const QByteArray manifest = withArtifacts(makeManifestJson(kVersion, 2, {{path, newFile}}), path, compressed,
+                                              {{oldFile, patch}});
+    Manifest parsed;
+    QVERIFY(parseManifest(manifest, &parsed));
+    entry = parsed.files.constFirst();
+    QHash<QString, QString> installedHashes;
+    if (installed != QLatin1String("none"))
+        installedHashes.insert(path, sha256Hex(installedBytes));
+
+    qint64 wire = 0;
+    for (const QString& request : requests) {
+        const qint64 full = request == QLatin1String("patch") ? patch.size()
+                            : request == QLatin1String("compressed") ? compressed.size() : newFile.size();
+        wire += full - (cache.endsWith(QLatin1String("part")) && request != QLatin1String("file") ? 100 : 0);
+    }
+    QStringList expected;
+    for (const QString& line : log)
+        expected << QString(line).replace(QLatin1String("%1"), QString::number(patch.size()))
+                        .replace(QLatin1String("%2"), QString::number(compressed.size()))
+                        .replace(QLatin1String("%3"), QString::number(wire))
+                        .replace(QLatin1String("%4"), patchRelPath(oldFile, newFile))
+                        .replace(QLatin1String("%5"), compressedRelPath(newFile));
+
+    LogCapture capture;
+    QList<StagedFile> staged;
+    QVERIFY(downloadToStaging(*session, {entry}, server->url(QStringLiteral("b/")), kVersion, staged, installedHashes));
+    QCOMPARE(stagingLines(capture), expected);
+    QCOMPARE(staged.size(), 1);
+    QCOMPARE(readFile(staged[0].stagedPath, kMissing), newFile);
+    QStringList asked;
+    for (const TestServer::Request& request : server->requests())
+        asked << urlPaths.key(request.path, request.path);
+    QCOMPARE(asked, requests);
+    // Staging holds the file alone; a partial artifact whose bytes were wrong is gone.
+    QCOMPARE(filesBelow(staging()), QStringList{path});
+    if (cache == QLatin1String("bad compressed part"))
+        QVERIFY(!QFileInfo::exists(badPart));
 }
 
 QTEST_GUILESS_MAIN(StagingDownloadTest)
