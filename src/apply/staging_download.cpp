@@ -12,6 +12,8 @@
 #include <QFile>
 #include <QFileInfo>
 
+#include <algorithm>
+
 namespace {
 
 // A cached file into a new file of staging, in blocks, never the whole file at once; neither
@@ -147,7 +149,11 @@ bool downloadToStaging(UpdateSession& session, const QList<ManifestFile>& change
 
         // The smallest usable transfer first; each failure falls back to the next, the whole
         // file last.
-        const QList<ManifestArtifact> options = usableArtifacts(file, installedHashes.value(file.path));
+        QList<ManifestArtifact> options = usableArtifacts(file, installedHashes.value(file.path));
+        // One that the prefetcher already holds finished costs nothing on the wire.
+        std::stable_partition(options.begin(), options.end(), [&](const ManifestArtifact& artifact) {
+            return !findCompleteCachedFile(version, artifactAsFile(file, artifact)).isEmpty();
+        });
         bool stagedSmaller = false;
         for (int i = 0; i < options.size() && !stagedSmaller; ++i) {
             const QString next = i + 1 < options.size() ? QStringLiteral("tai ") + artifactKind(options.at(i + 1))
