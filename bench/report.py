@@ -256,6 +256,9 @@ def render(r):
         w(f"| peak resident memory of the client | {fig([x['peak_kib'] for x in rows], 1, 1 / 1024, 'MiB')} | "
           f"{fig([x['peak_kib'] for x in r['apply']['rows']], 1, 1 / 1024, 'MiB') if 'apply' in r else 'n/a'} |\n")
 
+    if r.get("small_updates"):
+        render_small_updates(w, r["small_updates"])
+
     if r.get("perf_apply"):
         w("## Profile of one apply (item 1's data, `perf record -F 999 -g`, all threads; self time by "
           "thread and library, then by library and symbol)\n")
@@ -265,11 +268,63 @@ def render(r):
     return "\n".join(out) + "\n"
 
 
+def render_small_updates(w, s):
+    changed = s["changed_bytes"]
+    changed_files = ", ".join(f"{c['path'].rsplit('/', 1)[-1]} {c['size'] / 1e6:.2f} MB" for c in s["changed"])
+    w("## 8. Small updates on real data: LibreOffice from Debian\n")
+    w(f"Measured by `bench/run.sh --small-updates` on {s['started']} ({s['source']}). `{s['package']}` "
+      f"{s['old']} is installed and {s['new']} published, both from this machine's apt sources "
+      f"(`apt-get download`), unpacked with `dpkg -x`, symbolic links left out: {s['files']} files, "
+      f"{s['bytes'] / 1e6:.1f} MB, of which {len(s['changed'])} change ({changed_files}): "
+      f"{changed / 1e6:.1f} MB. u14 is published three ways and served by nginx on 127.0.0.1; each apply "
+      f"starts from a fresh copy of u13 and must end byte for byte equal to u14 (checked: "
+      f"{'yes' if not s.get('failures') else 'NO: ' + '; '.join(s['failures'])}). Figures are the median of "
+      f"{len(s['apply']['whole']['rows'])} runs (lowest and highest in brackets); the last column is one run "
+      f"through nginx's `limit_rate {s['link_rate']}` (8 MiB/s, a 67 Mbit/s link).\n")
+    w("| published | file bodies sent by nginx | share of the changed bytes | with headers and both documents | "
+      "apply, loopback | apply at 8 MiB/s | peak memory of the updater |\n|---|---|---|---|---|---|---|")
+    for name in ("whole", "compressed", "patched"):
+        a = s["apply"][name]
+        rows = a["rows"]
+        link = s.get("apply_link", {}).get(name, {}).get("rows", [])
+        w(f"| {a['title']} | {fig([x['body'] for x in rows], 0)} | "
+          f"{fig([x['body'] / changed * 100 for x in rows], 1)} % | {fig([x['wire'] for x in rows], 0)} | "
+          f"{fig([x['wall'] for x in rows])} s | {fig([x['wall'] for x in link])} s | "
+          f"{fig([x['peak_kib'] for x in rows], 1, 1 / 1024, 'MiB')} |")
+    if s.get("rsync"):
+        rows = s["rsync"]["rows"]
+        w(f"| rsync --checksum from a daemon ({s['rsync']['version']}) | {fig([x['received'] for x in rows], 0)} "
+          f"received | {fig([x['received'] / changed * 100 for x in rows], 1)} % | — | {fig([x['wall'] for x in rows])} s "
+          f"| — | {fig([x['peak_kib'] for x in rows], 1, 1 / 1024, 'MiB')} |")
+    w("")
+    patched = s["apply"]["patched"]["rows"][0]
+    w("What the patched apply chose (its log): " + "; ".join(
+        c.split("[Update] ", 1)[1] for c in patched["choices"]) + ". " + patched["summary"].split("[Update] ", 1)[1] + ".\n")
+    w("The decoder alone (`build/bin/bench/decode_artifact`, the updater's own decoding code, into a file; the "
+      "fastest of the runs; peak resident memory of that small program, Qt's core library included):\n")
+    w("| artifact | of the file | artifact bytes | file bytes | decode time | peak memory |\n|---|---|---|---|---|---|")
+    for d in s["decoder"]:
+        kind = "patch against u13" if d["kind"] == "patch" else "compressed copy"
+        w(f"| {kind} | {d['path'].rsplit('/', 1)[-1]} | {d['artifact']} | {d['size']} | {d['seconds']:.3f} s | "
+          f"{d['peak_kib'] / 1024:.0f} MiB |")
+    w("")
+    pub = s.get("publish_seconds", {})
+    if pub:
+        w(f"Publishing u14 took {pub.get('whole', 0):.0f} s whole, {pub.get('compressed', 0):.0f} s with compressed "
+          f"copies (zstd level 19, all {s['files']} files) and {pub.get('patched', 0):.0f} s more for the patches "
+          f"(level 19, long-distance matching; the compressed copies kept from the tree before).\n")
+
+
 def main():
     import json
     source, target = sys.argv[1], sys.argv[2]
     with open(source) as f:
         results = json.load(f)
+    # The small-updates benchmark keeps its own measurements beside the main ones.
+    small = os.path.join(os.path.dirname(os.path.abspath(source)), "results-small-updates.json")
+    if os.path.exists(small):
+        with open(small) as f:
+            results["small_updates"] = json.load(f)
     analysis = ""
     if os.path.exists(target):
         text = open(target, encoding="utf-8").read()

@@ -33,6 +33,9 @@ VARIANTS = [("whole", ["--zstd-level", "0"], "whole files"),
             ("compressed", [], "compressed copies"),
             ("patched", ["--delta-from", "{u13}"], "compressed copies and patches against u13")]
 DONE = '[Update] CAP NHAT THANH CONG -> "u14"'
+# A link of 8 MiB/s (67 Mbit/s), set with nginx's limit_rate, for the wall time of the apply where
+# the network, not the loopback, is the limit.
+LINK_RATE = "8m"
 
 
 def say(text):
@@ -158,11 +161,11 @@ class SmallUpdates:
             have.pop(own, None)
         return sorted(want) == sorted(have) and all(filecmp.cmp(want[p], have[p], shallow=False) for p in want)
 
-    def bench_apply(self, nginx):
+    def bench_apply(self, nginx, key="apply", reps=None):
         install = os.path.join(self.work, "install")
         for name, _, title in VARIANTS:
             rows = []
-            for rep in range(self.args.reps):
+            for rep in range(reps or self.args.reps):
                 self.install(install, nginx.url(f"{name}/manifest.json"))
                 mark = nginx.log_mark()
                 run = run_timed([os.path.join(install, "updater")], env=self.env(), cwd=install, timeout=900)
@@ -180,9 +183,9 @@ class SmallUpdates:
                 if rep == 0:
                     self.expect(self.equals_u14(install), f"{name}: the installation equals u14 byte for byte")
                 rows.append(row)
-                say(f"{name} rep {rep + 1}: {run.wall:.2f} s, {row['body'] / 1e6:.2f} MB of file bodies, "
+                say(f"{key} {name} rep {rep + 1}: {run.wall:.2f} s, {row['body'] / 1e6:.2f} MB of file bodies, "
                     f"peak {run.peak_kib / 1024:.0f} MiB")
-            self.results.setdefault("apply", {})[name] = dict(title=title, rows=rows)
+            self.results.setdefault(key, {})[name] = dict(title=title, rows=rows)
 
     def bench_decoder(self):
         """The decoder alone on the artifacts of the changed files, as the apply uses them."""
@@ -252,6 +255,14 @@ class SmallUpdates:
             self.bench_apply(nginx)
         finally:
             nginx.stop()
+        limited = Nginx(os.path.join(self.data, "nginx-link"), self.www,
+                        rate_limited={f"/{name}/": LINK_RATE for name, _, _ in VARIANTS})
+        limited.start()
+        try:
+            self.bench_apply(limited, key="apply_link", reps=1)
+        finally:
+            limited.stop()
+        self.results["link_rate"] = LINK_RATE
         self.bench_decoder()
         if not self.args.no_rsync:
             self.bench_rsync()
