@@ -268,6 +268,14 @@ def render(r):
     return "\n".join(out) + "\n"
 
 
+def steady(values, digits=0, scale=1.0, unit=""):
+    """One value when every repetition gave the same (byte counts), else fig()."""
+    if values and min(values) == max(values):
+        value = values[0] * scale
+        return (f"{value:,.0f}" if digits == 0 else f"{value:.{digits}f}") + (f" {unit}" if unit else "")
+    return fig(values, digits, scale, unit)
+
+
 def render_small_updates(w, s):
     changed = s["changed_bytes"]
     changed_files = ", ".join(f"{c['path'].rsplit('/', 1)[-1]} {c['size'] / 1e6:.2f} MB" for c in s["changed"])
@@ -287,14 +295,14 @@ def render_small_updates(w, s):
         a = s["apply"][name]
         rows = a["rows"]
         link = s.get("apply_link", {}).get(name, {}).get("rows", [])
-        w(f"| {a['title']} | {fig([x['body'] for x in rows], 0)} | "
-          f"{fig([x['body'] / changed * 100 for x in rows], 1)} % | {fig([x['wire'] for x in rows], 0)} | "
+        w(f"| {a['title']} | {steady([x['body'] for x in rows])} | "
+          f"{steady([x['body'] / changed * 100 for x in rows], 1)} % | {steady([x['wire'] for x in rows])} | "
           f"{fig([x['wall'] for x in rows])} s | {fig([x['wall'] for x in link])} s | "
           f"{fig([x['peak_kib'] for x in rows], 1, 1 / 1024, 'MiB')} |")
     if s.get("rsync"):
         rows = s["rsync"]["rows"]
-        w(f"| rsync --checksum from a daemon ({s['rsync']['version']}) | {fig([x['received'] for x in rows], 0)} "
-          f"received | {fig([x['received'] / changed * 100 for x in rows], 1)} % | — | {fig([x['wall'] for x in rows])} s "
+        w(f"| rsync --checksum from a daemon ({s['rsync']['version']}) | {steady([x['received'] for x in rows])} "
+          f"received | {steady([x['received'] / changed * 100 for x in rows], 1)} % | — | {fig([x['wall'] for x in rows])} s "
           f"| — | {fig([x['peak_kib'] for x in rows], 1, 1 / 1024, 'MiB')} |")
     w("")
     patched = s["apply"]["patched"]["rows"][0]
@@ -305,7 +313,7 @@ def render_small_updates(w, s):
     w("| artifact | of the file | artifact bytes | file bytes | decode time | peak memory |\n|---|---|---|---|---|---|")
     for d in s["decoder"]:
         kind = "patch against u13" if d["kind"] == "patch" else "compressed copy"
-        w(f"| {kind} | {d['path'].rsplit('/', 1)[-1]} | {d['artifact']} | {d['size']} | {d['seconds']:.3f} s | "
+        w(f"| {kind} | {d['path'].rsplit('/', 1)[-1]} | {d['artifact']:,} | {d['size']:,} | {d['seconds']:.3f} s | "
           f"{d['peak_kib'] / 1024:.0f} MiB |")
     w("")
     pub = s.get("publish_seconds", {})
