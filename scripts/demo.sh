@@ -142,7 +142,7 @@ for f in $(cd "$work/build2" && find . -type f | sort); do
   cmp -s "$work/build1/$f" "$work/build2/$f" 2>/dev/null || whole=$((whole + $(stat -c %s "$work/build2/$f")))
 done
 echo "  nginx sent $sent bytes of files and patches; the changed files whole are $whole bytes" \
-     "($((100 - 100 * sent / whole))% saved)"
+     "($(awk -v s="$sent" -v w="$whole" 'BEGIN { printf "%.1f", 100 - 100 * s / w }')% saved)"
 
 echo "== checking the installation against build 2"
 outcome="not updated"
