@@ -312,6 +312,7 @@ void TestUpdateSession::stepsHappenInOrder()
             + QStringLiteral(" | g.txt=golf requests=app/manifest.json,app/manifest.json.sig staging=none"
                              " cache=4.3.0 a.txt=alpha 1 manifest=old"),
         QStringLiteral("log: [Update] dung 0 / 3 file tu kho tam"),
+        QStringLiteral("log: [Update] da tai qua mang 20 byte (ca file: 20 byte)"),
         QStringLiteral("status: ") + kApplying
             + QStringLiteral(" | g.txt=golf requests=app/manifest.json,app/manifest.json.sig,app/a.txt,app/e.txt,"
                              "app/lib/c.dat staging=a.txt,e.txt,lib/c.dat cache=4.3.0 a.txt=alpha 1 manifest=old"),
