@@ -188,7 +188,7 @@ void writeInstalledManifest(UpdateSession& session, const QByteArray& manifestBy
     const QString staging = stagingDir(session);
     const QString written = staging + QStringLiteral("/manifest.json");
     QFile file;
-    if (openOwnFile(file, written, QIODevice::WriteOnly) && file.write(manifestBytes) == manifestBytes.size()
+    if (makeOwnDirectory(staging) && openOwnFile(file, written, QIODevice::WriteOnly) && file.write(manifestBytes) == manifestBytes.size()
         && file.flush()) {
         file.close();
         moveFileWriteThrough(written, installedManifestPath(session.appDir));

@@ -155,17 +155,20 @@ bool replaceFile(const std::string& replaced, const std::string& replacement, co
     return true;
 }
 
-bool moveFileReplaceWriteThrough(const std::string& from, const std::string& to)
+namespace {
+
+// A write-through rename. An existing `to` is replaced when `replace` says so and it is not a
+// directory (Windows refuses to replace one; rename() would accept an empty one).
+bool moveWriteThrough(const std::string& from, const std::string& to, bool replace)
 {
     if (failInjected(FileCall::MoveFile, from))
         return false;
     struct stat fromInfo {};
     if (::lstat(from.c_str(), &fromInfo) != 0)
         return fail(errno);
-    // Replacing an existing directory is refused on Windows; rename() would accept an empty one.
     struct stat toInfo {};
-    if (::lstat(to.c_str(), &toInfo) == 0 && S_ISDIR(toInfo.st_mode))
-        return fail(EACCES);
+    if (::lstat(to.c_str(), &toInfo) == 0 && (!replace || S_ISDIR(toInfo.st_mode)))
+        return fail(replace ? EACCES : EEXIST);
     if (const int error = syncBeforeMove(from, fromInfo))
         return fail(error);
     if (::rename(from.c_str(), to.c_str()) != 0)
@@ -175,23 +178,16 @@ bool moveFileReplaceWriteThrough(const std::string& from, const std::string& to)
     return true;
 }
 
+} // namespace
+
+bool moveFileReplaceWriteThrough(const std::string& from, const std::string& to)
+{
+    return moveWriteThrough(from, to, true);
+}
+
 bool moveWriteThrough(const std::string& from, const std::string& to)
 {
-    if (failInjected(FileCall::MoveFile, from))
-        return false;
-    struct stat info {};
-    struct stat existing {};
-    if (::lstat(from.c_str(), &info) != 0)
-        return fail(errno);
-    if (::lstat(to.c_str(), &existing) == 0)
-        return fail(EEXIST);
-    if (const int error = syncBeforeMove(from, info))
-        return fail(error);
-    if (::rename(from.c_str(), to.c_str()) != 0)
-        return fail(errno);
-    if (const int error = syncDirectories(to))
-        return fail(error);
-    return true;
+    return moveWriteThrough(from, to, false);
 }
 
 unsigned long lastError()

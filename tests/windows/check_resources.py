@@ -1,7 +1,11 @@
 #!/usr/bin/python3
 """Compiles the updater's resource script with MinGW's windres, links it into a stub
 executable, reads the resources back with pefile and checks every value the shipped
-updater.exe must carry. Usage: check_resources.py <updater.rc> <work dir>"""
+updater.exe must carry. Usage: check_resources.py <updater.rc> <work dir>
+
+With --exe it checks a built updater.exe instead (the Windows cross build): the same
+resources, a 64-bit GUI-subsystem image, and imports from Windows' own DLLs only, so that it
+runs with no DLL beside it. Usage: check_resources.py --exe <updater.exe>"""
 import os
 import struct
 import subprocess
@@ -33,7 +37,8 @@ def build_stub(rc_path, work):
 
 
 def resource_dir(pe, type_id):
-    for entry in pe.DIRECTORY_ENTRY_RESOURCE.entries:
+    root = getattr(pe, "DIRECTORY_ENTRY_RESOURCE", None)
+    for entry in root.entries if root else []:
         if entry.id == type_id:
             return entry.directory
     return None
@@ -80,6 +85,9 @@ def check_manifest(pe):
 
 
 def check_version(pe):
+    check(hasattr(pe, "VS_FIXEDFILEINFO"), "no version block")
+    if not hasattr(pe, "VS_FIXEDFILEINFO"):
+        return
     fixed = pe.VS_FIXEDFILEINFO[0]
     version = lambda ms, ls: f"{ms >> 16}.{ms & 0xFFFF}.{ls >> 16}.{ls & 0xFFFF}"
     check(version(fixed.FileVersionMS, fixed.FileVersionLS) == "5.0.153.0", "fixed file version")
@@ -95,10 +103,36 @@ def check_version(pe):
         check(strings.get(key) == value, f"{key} is {strings.get(key)!r}, want {value!r}")
 
 
+# DLLs that every 64-bit Windows has; anything else (Qt5Core.dll, libstdc++-6.dll,
+# libwinpthread-1.dll, libcrypto-3-x64.dll...) would have to be shipped beside the executable.
+SYSTEM_DLLS = {
+    "advapi32.dll", "bcrypt.dll", "comdlg32.dll", "crypt32.dll", "dnsapi.dll", "dwmapi.dll",
+    "gdi32.dll", "imm32.dll", "iphlpapi.dll", "kernel32.dll", "mpr.dll", "msvcrt.dll",
+    "netapi32.dll", "ole32.dll", "oleaut32.dll", "secur32.dll", "setupapi.dll", "shell32.dll",
+    "shlwapi.dll", "user32.dll", "userenv.dll", "uxtheme.dll", "version.dll", "winmm.dll",
+    "winspool.drv", "ws2_32.dll", "wtsapi32.dll",
+}
+
+
+def check_image(pe):
+    check(pe.FILE_HEADER.Machine == pefile.MACHINE_TYPE["IMAGE_FILE_MACHINE_AMD64"], "not an x64 image")
+    check(pe.OPTIONAL_HEADER.Subsystem == pefile.SUBSYSTEM_TYPE["IMAGE_SUBSYSTEM_WINDOWS_GUI"],
+          f"subsystem {pe.OPTIONAL_HEADER.Subsystem}, want 2 (Windows GUI)")
+    imports = sorted(e.dll.decode().lower() for e in getattr(pe, "DIRECTORY_ENTRY_IMPORT", []))
+    check(imports, "no import table")
+    foreign = [dll for dll in imports if dll not in SYSTEM_DLLS]
+    check(not foreign, f"imports DLLs that Windows does not have: {foreign}")
+    print("imports:", " ".join(imports))
+
+
 def main():
-    rc_path, work = sys.argv[1], sys.argv[2]
-    os.makedirs(work, exist_ok=True)
-    pe = pefile.PE(build_stub(rc_path, work))
+    if sys.argv[1] == "--exe":
+        pe = pefile.PE(sys.argv[2])
+        check_image(pe)
+    else:
+        rc_path, work = sys.argv[1], sys.argv[2]
+        os.makedirs(work, exist_ok=True)
+        pe = pefile.PE(build_stub(rc_path, work))
     check_icons(pe)
     check_manifest(pe)
     check_version(pe)
