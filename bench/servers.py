@@ -34,7 +34,19 @@ http {{
         location / {{ }}
 {extra}
     }}
-}}
+{tls_servers}}}
+"""
+
+# One more listener on the same root, with TLS and its own certificate.
+_NGINX_TLS_SERVER = """\
+    server {{
+        listen 127.0.0.1:{port} ssl;
+        ssl_certificate "{cert}";
+        ssl_certificate_key "{key}";
+        root "{root}";
+        location / {{ }}
+{extra}
+    }}
 """
 
 
@@ -92,26 +104,39 @@ class _Daemon:
 
 
 class Nginx(_Daemon):
-    """nginx serving `root`; `rate_limited` maps a URI prefix to a per-connection limit_rate."""
+    """nginx serving `root`; `rate_limited` maps a URI prefix to a per-connection limit_rate.
+    Each (certificate, key) of `tls` adds an HTTPS listener on the same root; its port is in
+    `tls_ports`, in the same order."""
 
-    def __init__(self, prefix, root, rate_limited=None):
+    def __init__(self, prefix, root, rate_limited=None, tls=()):
         super().__init__(prefix)
         self.root = root
         self.rate_limited = rate_limited or {}
+        self.tls = list(tls)
+        self.tls_ports = []
 
     def start(self):
         shutil.rmtree(self.prefix, ignore_errors=True)
         os.makedirs(os.path.join(self.prefix, "tmp"))
         extra = "".join(f"        location {uri} {{ limit_rate {rate}; }}\n" for uri, rate in self.rate_limited.items())
         self.port = free_port()
+        self.tls_ports = [free_port() for _ in self.tls]
+        tls_servers = "".join(_NGINX_TLS_SERVER.format(port=port, cert=cert, key=key, root=self.root, extra=extra)
+                              for port, (cert, key) in zip(self.tls_ports, self.tls))
         conf = os.path.join(self.prefix, "nginx.conf")
         with open(conf, "w") as f:
-            f.write(_NGINX_CONF.format(prefix=self.prefix, root=self.root, port=self.port, extra=extra))
+            f.write(_NGINX_CONF.format(prefix=self.prefix, root=self.root, port=self.port, extra=extra,
+                                       tls_servers=tls_servers))
         log = os.path.join(self.prefix, "error.log")
         self._launch(["/usr/sbin/nginx", "-p", self.prefix, "-c", conf, "-e", log], log)
+        for port in self.tls_ports:
+            _wait_for_port(port, self.process, log)
 
-    def url(self, path):
-        return f"http://127.0.0.1:{self.port}/{path}"
+    def url(self, path, tls=None):
+        """The plain HTTP URL of `path`, or with `tls` the HTTPS URL on that listener."""
+        if tls is None:
+            return f"http://127.0.0.1:{self.port}/{path}"
+        return f"https://127.0.0.1:{self.tls_ports[tls]}/{path}"
 
     def log_mark(self):
         """A position in the access log; requests() returns what was logged after it."""

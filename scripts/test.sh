@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs what is missing (as root, with apt-get), builds, and runs the whole test suite: once
-# in the normal build, then once more built with AddressSanitizer and UndefinedBehaviorSanitizer
-# (SANITIZE=0 leaves that second pass out).
+# in the normal build, then the Windows pass (updater.exe under Wine, below), then once more
+# built with AddressSanitizer and UndefinedBehaviorSanitizer (SANITIZE=0 leaves that pass out).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -20,6 +20,25 @@ scripts/fuzz.sh "${FUZZ_SECONDS:-10}"
 # Many suites wait on real timers and processes rather than the CPU, so run more than one per core.
 jobs=$(( $(nproc) * 2 ))
 ctest --test-dir "$build" --output-on-failure -j "$jobs" ${CTEST_ARGS:-}
+
+# The Windows pass: updater.exe cross-built against the static Qt and OpenSSL of
+# scripts/windows-toolchain.sh, its image checked, and the black-box rows that the native pass
+# ran against build/bin/updater run again against updater.exe under Wine. It runs when the
+# toolchain is in its cache; WINDOWS=1 builds the toolchain first (30-60 minutes, once),
+# WINDOWS=0 leaves the pass out.
+toolchain=${CORVANTA_WINDOWS_TOOLCHAIN:-$HOME/.cache/corvanta-windows-toolchain}
+if [[ ${WINDOWS:-} == 1 || ( ${WINDOWS:-} != 0 && -f $toolchain/prefix/toolchain.complete ) ]]; then
+    [[ ${WINDOWS:-} == 1 ]] && scripts/windows-toolchain.sh
+    cmake -S . -B "$build-win" -G Ninja -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64-x86_64.cmake -DBUILD_TESTING=OFF
+    cmake --build "$build-win"
+    # pefile is Debian's python3-pefile, so Debian's interpreter.
+    /usr/bin/python3 tests/windows/check_resources.py --exe "$build-win/bin/updater.exe"
+    python3 tests/windows/updater_blackbox.py --target wine --updater "$build-win/bin/updater.exe" \
+        --publish "$build/bin/corvanta-publish" --helper "$build/tests/windows/win32_test_helper.exe" \
+        --scratch "$build-win/blackbox"
+else
+    echo "== Windows pass skipped: no toolchain in $toolchain (WINDOWS=1 scripts/test.sh builds it, 30-60 minutes once)"
+fi
 
 # The same suite again, every program of it instrumented: a memory error, a leak of our own or
 # undefined behaviour ends the process that has it, and so fails its suite. Each report is also

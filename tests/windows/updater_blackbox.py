@@ -1,0 +1,526 @@
+#!/usr/bin/env python3
+"""Runs the rows of updater_rows.py against the real updater, natively or as updater.exe under
+Wine, with the same expectations, so that both builds are held to the same log lines.
+
+  updater_blackbox.py --target native --updater build/bin/updater --publish build/bin/corvanta-publish
+                      --lock-holder build/bin/tests/lock_holder --scratch build/blackbox
+  updater_blackbox.py --target wine --updater build-win/bin/updater.exe --publish build/bin/corvanta-publish
+                      --helper build/tests/windows/win32_test_helper.exe --scratch build-win/blackbox
+
+Every row gets a fresh installation, its own published build below one nginx on 127.0.0.1
+(plain HTTP, HTTPS with a certificate of a private CA that the installation's system trusts,
+HTTPS with one of a CA nobody trusts), and runs on one of --jobs workers. A worker has its own
+Xvfb display and, under Wine, its own prefix (made once with wineboot and kept in --scratch)
+and so its own wineserver: Windows' named mutexes are per wineserver, so rows in two workers
+never see each other's locks. Natively each row has its own lock directory (XDG_RUNTIME_DIR),
+and the CA is made trusted by mounting a certificate directory over /etc/ssl/certs in a mount
+namespace of the updater's own (root only).
+"""
+
+import argparse
+import base64
+import datetime
+import json
+import os
+import queue
+import re
+import shutil
+import struct
+import subprocess
+import sys
+import threading
+import time
+import zlib
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+SOURCE_DIR = os.path.dirname(os.path.dirname(HERE))
+sys.path.insert(0, os.path.join(SOURCE_DIR, "bench"))
+sys.path.insert(0, HERE)
+from servers import Nginx  # noqa: E402
+from updater_rows import BUILDS, BUILD_NUMBERS, ROWS  # noqa: E402
+
+RUN_LIMIT_S = 90
+WINE_ENV = {"WINEDEBUG": "-all", "WINEDLLOVERRIDES": "mscoree,mshtml="}
+BOX_TITLE = "Corvanta — Cập nhật"
+
+
+def sh(argv, **kwargs):
+    return subprocess.run(argv, check=True, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, **kwargs).stdout
+
+
+def quiet(argv, **kwargs):
+    """For commands that leave a daemon behind (wineserver), which would keep a pipe open."""
+    subprocess.run(argv, check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, **kwargs)
+
+
+def write(path, data):
+    os.makedirs(os.path.dirname(path), exist_ok=True)
+    with open(path, "wb") as f:
+        f.write(data)
+
+
+# A child forked while another thread still has a fresh copy of an executable open for writing
+# keeps that descriptor until its exec, and exec of the copy then fails with ETXTBSY: copies
+# of executables and starts of processes take turns.
+SPAWN_LOCK = threading.Lock()
+
+
+def spawn(argv, **kwargs):
+    with SPAWN_LOCK:
+        return subprocess.Popen(argv, **kwargs)
+
+
+def wait_all(processes, limit_s):
+    """Waits for every process (killing those still running after limit_s); returns their exit
+    codes and the moments they were seen ending, in the order given."""
+    ends = [None] * len(processes)
+    deadline = time.monotonic() + limit_s
+    while None in ends:
+        for i, process in enumerate(processes):
+            if ends[i] is None and (process.poll() is not None or time.monotonic() > deadline):
+                if process.poll() is None:
+                    process.kill()
+                    process.wait()
+                    process.returncode = f"killed after {limit_s} s"
+                ends[i] = time.monotonic()
+        time.sleep(0.05)
+    return [p.returncode for p in processes], ends
+
+
+def files_below(top):
+    """relative path -> bytes of every regular file below top."""
+    found = {}
+    for base, _, names in os.walk(top):
+        for name in names:
+            path = os.path.join(base, name)
+            with open(path, "rb") as f:
+                found[os.path.relpath(path, top).replace(os.sep, "/")] = f.read()
+    return found
+
+
+class Pki:
+    """A private CA with a server certificate for 127.0.0.1, made with openssl at test time."""
+
+    def __init__(self, top, name):
+        os.makedirs(top, exist_ok=True)
+        p = lambda f: os.path.join(top, f)  # noqa: E731
+        self.ca, self.ca_der, self.cert, self.key = p("ca.pem"), p("ca.der"), p("server.pem"), p("server.key")
+        sh(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", p("ca.key"), "-out", self.ca,
+            "-days", "2", "-subj", f"/CN={name}", "-addext", "basicConstraints=critical,CA:TRUE",
+            "-addext", "keyUsage=critical,keyCertSign,cRLSign"])
+        sh(["openssl", "x509", "-in", self.ca, "-outform", "der", "-out", self.ca_der])
+        sh(["openssl", "req", "-newkey", "rsa:2048", "-nodes", "-keyout", self.key, "-out", p("server.csr"),
+            "-subj", "/CN=127.0.0.1"])
+        with open(p("server.ext"), "w") as f:
+            f.write("subjectAltName=IP:127.0.0.1\nextendedKeyUsage=serverAuth\nbasicConstraints=CA:FALSE\n")
+        sh(["openssl", "x509", "-req", "-in", p("server.csr"), "-CA", self.ca, "-CAkey", p("ca.key"),
+            "-CAcreateserial", "-days", "2", "-extfile", p("server.ext"), "-out", self.cert])
+        # A certificate directory as OpenSSL looks things up: the CA under its subject hash.
+        self.dir = p("certs")
+        os.makedirs(self.dir, exist_ok=True)
+        subject_hash = sh(["openssl", "x509", "-hash", "-noout", "-in", self.ca]).decode().strip()
+        shutil.copy(self.ca, os.path.join(self.dir, subject_hash + ".0"))
+
+
+class Xvfb:
+    """One virtual X display; its screen is also a file (-fbdir) for screenshots."""
+
+    def __init__(self, top):
+        os.makedirs(top, exist_ok=True)
+        self.fb = os.path.join(top, "Xvfb_screen0")
+        read_end, write_end = os.pipe()
+        self.process = subprocess.Popen(
+            ["Xvfb", "-displayfd", str(write_end), "-screen", "0", "1024x768x24", "-nolisten", "tcp", "-fbdir", top],
+            pass_fds=[write_end], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        os.close(write_end)
+        with os.fdopen(read_end) as f:
+            self.display = ":" + f.readline().strip()
+
+    def stop(self):
+        self.process.terminate()
+        self.process.wait(10)
+
+    def screenshot(self, png_path, x, y, width, height):
+        """Writes the rectangle of the screen as a PNG (the XWD file of -fbdir, 32 bits a pixel)."""
+        with open(self.fb, "rb") as f:
+            data = f.read()
+        fields = struct.unpack(">25I", data[:100])
+        header_size, byte_order, bytes_per_line, ncolors = fields[0], fields[7], fields[12], fields[19]
+        masks = fields[14:17]
+        order = "<" if byte_order == 0 else ">"
+        start = header_size + ncolors * 12
+        rows = []
+        for row in range(y, y + height):
+            offset = start + row * bytes_per_line + x * 4
+            pixels = struct.unpack(f"{order}{width}I", data[offset:offset + width * 4])
+            line = bytearray(b"\0")
+            for pixel in pixels:
+                for mask in masks:
+                    line.append((pixel & mask) >> ((mask & -mask).bit_length() - 1))
+            rows.append(bytes(line))
+
+        def chunk(kind, body):
+            return struct.pack(">I", len(body)) + kind + body + struct.pack(">I", zlib.crc32(kind + body))
+        png = (b"\x89PNG\r\n\x1a\n" + chunk(b"IHDR", struct.pack(">IIBBBBB", width, height, 8, 2, 0, 0, 0))
+               + chunk(b"IDAT", zlib.compress(b"".join(rows), 9)) + chunk(b"IEND", b""))
+        write(png_path, png)
+
+
+class Native:
+    name = "native"
+    self_name = "updater"
+
+    def __init__(self, options):
+        self.updater, self.lock_holder = options.updater, options.lock_holder
+
+    def start_worker(self, worker, trusted_ca):
+        pass
+
+    def stop_worker(self, worker):
+        pass
+
+    def env(self, worker, row_dir):
+        locks = os.path.join(row_dir, "locks")
+        os.makedirs(locks, exist_ok=True)
+        return dict(os.environ, XDG_RUNTIME_DIR=locks, QT_QPA_PLATFORM="xcb", DISPLAY=worker.display.display,
+                    LC_ALL="C.UTF-8")
+
+    def updater_argv(self, worker, exe, args, trusted_ca):
+        if trusted_ca is None:
+            return [exe] + args
+        # The system's certificate store, as this one process sees it, is the private CA alone.
+        return ["unshare", "-m", "--propagation", "private", "sh", "-c",
+                'mount --bind "$0" /etc/ssl/certs && exec "$@"', trusted_ca.dir, exe] + args
+
+    def helper_argv(self, kind, arg, inst):
+        if kind == "mutex":
+            return [self.lock_holder, arg]
+        if kind == "live":
+            return ["sh", "-c", 'echo ready $$; exec sleep "$0"', str(int(arg) / 1000)]
+        raise ValueError(f"no native helper for {kind}")
+
+    def inst_in_log(self, inst):
+        return inst
+
+
+class Wine:
+    name = "wine"
+    self_name = "updater.exe"
+
+    def __init__(self, options):
+        self.updater, self.helper, self.scratch = options.updater, options.helper, options.scratch
+        self.prefix_lock = threading.RLock()
+
+    def prefix(self, index):
+        """The worker's prefix: the first is made with wineboot, the others are copies of it."""
+        with self.prefix_lock:
+            return self.make_prefix(index)
+
+    def make_prefix(self, index):
+        path = os.path.join(self.scratch, f"wineprefix-{index}")
+        if os.path.exists(os.path.join(path, "ready")):
+            return path
+        partial = path + ".partial"
+        shutil.rmtree(partial, ignore_errors=True)
+        if index == 0:
+            env = dict(os.environ, WINEPREFIX=partial, **WINE_ENV)
+            quiet(["wineboot", "-i"], env=env)
+            # Xvfb has no window manager: Wine then places and focuses its windows itself and
+            # draws their title bars, so that a key pressed on the display reaches the box.
+            quiet(["wine", "reg", "add", r"HKCU\Software\Wine\X11 Driver", "/v", "Managed", "/d", "N", "/f"], env=env)
+            quiet(["wineserver", "-w"], env=env)
+        else:
+            sh(["cp", "-a", self.prefix(0), partial])
+        write(os.path.join(partial, "ready"), b"")
+        os.rename(partial, path)
+        return path
+
+    def start_worker(self, worker, trusted_ca):
+        worker.prefix = self.prefix(worker.index)
+        env = self.env(worker, None)
+        # Kept until stop_worker, so that every run starts quickly; it ends by itself a minute
+        # after the last Windows process when the harness is killed.
+        quiet(["wineserver", "-p60"], env=env)
+        # Read one line, not to the end: Wine's own services may inherit the pipe.
+        helper = spawn(["wine", self.helper, "trust", trusted_ca.ca_der], env=env, stdout=subprocess.PIPE, text=True)
+        answer = helper.stdout.readline()
+        helper.wait(60)
+        if not answer.startswith("ready"):
+            raise RuntimeError(f"the prefix did not take the CA: {answer}")
+
+    def stop_worker(self, worker):
+        quiet(["wineserver", "-k"], env=self.env(worker, None))
+
+    def env(self, worker, row_dir):
+        return dict(os.environ, WINEPREFIX=worker.prefix, DISPLAY=worker.display.display, **WINE_ENV)
+
+    def updater_argv(self, worker, exe, args, trusted_ca):
+        return ["wine", exe] + args
+
+    def helper_argv(self, kind, arg, inst):
+        if kind == "hold":
+            arg = "Z:" + os.path.join(inst, arg).replace("/", "\\")
+        return ["wine", self.helper, kind, arg]
+
+    def inst_in_log(self, inst):
+        return "Z:" + inst
+
+
+class Worker:
+    def __init__(self, index, scratch):
+        self.index = index
+        self.display = Xvfb(os.path.join(scratch, f"display-{index}"))
+        self.prefix = None
+
+
+class Harness:
+    def __init__(self, options, target):
+        self.options, self.target = options, target
+        self.scratch = options.scratch
+        self.rows = [r for r in ROWS if target.name in r.get("targets", ("native", "wine"))
+                     and re.search(options.rows, r["name"])]
+        shutil.rmtree(os.path.join(self.scratch, "run"), ignore_errors=True)
+        self.run_dir = os.path.join(self.scratch, "run")
+        self.www = os.path.join(self.run_dir, "www")
+        self.trusted = Pki(os.path.join(self.run_dir, "pki-trusted"), "Corvanta Test CA")
+        self.rogue = Pki(os.path.join(self.run_dir, "pki-rogue"), "Corvanta Rogue CA")
+        self.keys = os.path.join(self.run_dir, "keys")
+        sh([options.publish, "keygen", "--out-dir", self.keys])
+        for r in self.rows:
+            self.publish(r)
+        self.nginx = Nginx(os.path.join(self.run_dir, "nginx"), self.www,
+                           rate_limited={f"/{r['name']}/": r["rate"] for r in self.rows if "rate" in r},
+                           tls=[(self.trusted.cert, self.trusted.key), (self.rogue.cert, self.rogue.key)])
+
+    def build_files(self, build):
+        return {path.replace("{self}", self.target.self_name): data for path, data in BUILDS[build].items()}
+
+    def publish_build(self, build, out, version=None, number=None, key="dev"):
+        source = out + ".input"
+        for path, data in self.build_files(build).items():
+            write(os.path.join(source, path), data)
+        key_path = os.path.join(SOURCE_DIR, "keys", "dev_private.pem") if key == "dev" else \
+            os.path.join(self.keys, "private.pem")
+        sh([self.options.publish, "build", "--input", source, "--out", out, "--version", version or build.split("+")[0],
+            "--build-number", str(number if number is not None else BUILD_NUMBERS[build]), "--key", key_path])
+
+    def publish(self, r):
+        published = r["publish"] if isinstance(r["publish"], dict) else {"build": r["publish"]}
+        out = os.path.join(self.www, r["name"])
+        self.publish_build(published["build"], out, published.get("version"), published.get("number"),
+                           published.get("key", "dev"))
+        if published.get("tamper") == "signature":
+            sig_path = os.path.join(out, "manifest.json.sig")
+            with open(sig_path, "rb") as f:
+                der = bytearray(base64.b64decode(f.read()))
+            der[-1] ^= 0x01  # still a well-formed signature, of nothing that was signed
+            write(sig_path, base64.b64encode(bytes(der)))
+        # The installed build, published the same way for its manifest.json.
+        self.publish_build(r["installed"], os.path.join(self.run_dir, "installed", r["name"]))
+
+    def url(self, r):
+        tls = {"http": None, "https": 0, "https-rogue": 1}[r["server"]]
+        return self.nginx.url(r["name"] + "/", tls=tls)
+
+    def install(self, r, inst):
+        installed = os.path.join(self.run_dir, "installed", r["name"])
+        expected = {path: data for path, data in files_below(installed).items() if path != "manifest.json.sig"}
+        for path, data in expected.items():
+            write(os.path.join(inst, path), data)
+        for path, change in r.get("damage", {}).items():
+            full = os.path.join(inst, path)
+            if change is None:
+                os.remove(full)
+            elif isinstance(change, str):
+                os.rename(full, os.path.join(inst, change[2:]))
+            else:
+                write(full, change)
+        with SPAWN_LOCK:
+            shutil.copy(self.options.updater, os.path.join(inst, self.target.self_name))
+        url = self.url(r)
+        write(os.path.join(inst, "updater.conf"),
+              json.dumps({"manifestUrl": url + "manifest.json", "baseUrl": url}).encode())
+        return expected
+
+    def expected_tree(self, r, installed):
+        if r["tree"] == "installed":
+            tree = dict(installed)
+        else:
+            tree = self.build_files(r["tree"])
+            with open(os.path.join(self.www, r["name"], "manifest.json"), "rb") as f:
+                tree["manifest.json"] = f.read()
+        for path, data in r.get("tree_extra", {}).items():
+            tree[path.replace("{self}", self.target.self_name)] = data
+        return tree
+
+    def run_row(self, r, worker):
+        """Runs one row; returns the list of what did not hold, or None when it cannot run here."""
+        row_dir = os.path.join(self.run_dir, "rows", r["name"])
+        inst = os.path.join(row_dir, "inst")
+        installed = self.install(r, inst)
+        exe = os.path.join(inst, self.target.self_name)
+        env = self.target.env(worker, row_dir)
+        trusted_ca = self.trusted if r["server"] == "https" and self.target.name == "native" else None
+        if trusted_ca and os.geteuid() != 0:
+            return None  # mounting the certificate directory needs root
+        mark = self.nginx.log_mark()
+        problems = []
+        helpers, live_pid, live_end = [], None, {}
+        for kind, arg in r.get("helpers", []):
+            helper = spawn(self.target.helper_argv(kind, arg, inst), env=env, stdin=subprocess.PIPE,
+                           stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+            answer = helper.stdout.readline().split()
+            if not answer or answer[0] not in ("ready", "held"):
+                problems.append(f"helper {kind} {arg} did not start: {answer}")
+            helpers.append(helper)
+            if kind == "live":
+                live_pid = answer[1]
+                threading.Thread(target=lambda h=helper: live_end.update(at=(h.wait(), datetime.datetime.now())[1]),
+                                 daemon=True).start()
+        for run in r["runs"]:
+            args = [a.replace("{pid}", str(live_pid)) for a in run["args"]]
+            argv = self.target.updater_argv(worker, exe, args, trusted_ca)
+            started = [spawn(argv, env=env, cwd=row_dir, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+                       for _ in range(run.get("copies", 1))]
+            if run.get("box"):
+                problems += self.close_box(worker, started[0], r)
+            codes, ends = wait_all(started, RUN_LIMIT_S)
+            problems += [f"run {' '.join(args) or 'without arguments'}: exit code {code}" for code in codes if code != 0]
+            # The copy that was refused must have ended well before the one that ran.
+            if len(ends) > 1 and not sorted(ends)[0] < sorted(ends)[-1] - 1:
+                problems.append("the updaters did not overlap: they ended less than 1 s apart")
+        for helper in helpers:
+            helper.stdin.close()
+            helper.wait(30)
+
+        raw = open(os.path.join(inst, "updater.log"), encoding="utf-8").read().splitlines() \
+            if os.path.exists(os.path.join(inst, "updater.log")) else []
+        lines = [self.normalize(line[24:], r, inst) for line in raw]
+        expected_lines = r["lines"] + (r.get("wine_adds", []) if self.target.name == "wine" else [])
+        if lines != expected_lines:
+            problems.append("log lines:\n      " + "\n      ".join(lines) + "\n    expected:\n      "
+                            + "\n      ".join(expected_lines))
+        problems += self.compare_tree(inst, self.expected_tree(r, installed))
+        requests = [q.uri[len(r["name"]) + 2:] for q in self.nginx.requests(mark) if q.uri.startswith(f"/{r['name']}/")]
+        expected_requests = [p.replace("{self}", self.target.self_name) for p in r["requests"]]
+        if requests != expected_requests:
+            problems.append(f"requests {requests}, expected {expected_requests}")
+        if r.get("waits"):
+            first = datetime.datetime.strptime(raw[0][:23], "%Y-%m-%d %H:%M:%S.%f") if raw else None
+            if not first or "at" not in live_end or first < live_end["at"] - datetime.timedelta(seconds=0.5):
+                problems.append(f"first log line at {first}, the waited-for process ended at {live_end.get('at')}")
+        return problems
+
+    def normalize(self, line, r, inst):
+        for name in (self.target.inst_in_log(inst), inst):
+            line = line.replace(name, "{inst}")
+        return line.replace(self.url(r), "{url}")
+
+    def compare_tree(self, inst, expected):
+        actual = files_below(inst)
+        with open(self.options.updater, "rb") as f:
+            problems = [] if actual.pop(self.target.self_name, None) == f.read() else \
+                ["the running updater's own file changed"]
+        actual.pop("updater.conf", None)
+        actual.pop("updater.log", None)
+        problems += [f"missing {p}" for p in sorted(set(expected) - set(actual))]
+        problems += [f"unexpected {p}" for p in sorted(set(actual) - set(expected))]
+        problems += [f"{p} differs from the expected bytes" for p in sorted(set(expected) & set(actual))
+                     if expected[p] != actual[p]]
+        if os.path.exists(os.path.join(inst, ".staging")):
+            problems.append(".staging is left")
+        return problems
+
+    def close_box(self, worker, process, r):
+        """Finds the closing message box, takes its picture, and presses Return in it."""
+        env = dict(os.environ, DISPLAY=worker.display.display)
+        deadline = time.monotonic() + RUN_LIMIT_S
+        window = ""
+        while not window and time.monotonic() < deadline and process.poll() is None:
+            time.sleep(0.2)
+            window = subprocess.run(["xdotool", "search", "--onlyvisible", "--name", BOX_TITLE], env=env,
+                                    stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True).stdout.split()
+        if not window:
+            return [f"no window named {BOX_TITLE} appeared (updater exit code {process.poll()})"]
+        sh(["xdotool", "mousemove", "0", "0"], env=env)  # no pointer in the picture
+        time.sleep(1.0)  # let it paint
+        geometry = dict(line.split("=") for line in sh(["xdotool", "getwindowgeometry", "--shell", window[0]],
+                                                         env=env).decode().split())
+        picture = os.path.join(self.options.screenshots or self.run_dir,
+                               f"{self.target.name}-outcome-3-updated.png")
+        worker.display.screenshot(picture, *(int(geometry[k]) for k in ("X", "Y", "WIDTH", "HEIGHT")))
+        problems = [] if process.poll() is None else ["the updater ended before the box was closed"]
+        sh(["xdotool", "windowfocus", window[0]], env=env)
+        time.sleep(0.3)
+        sh(["xdotool", "key", "Return"], env=env)
+        return problems
+
+    def run(self):
+        self.nginx.start()
+        jobs = queue.Queue()
+        for r in self.rows:
+            jobs.put(r)
+        results = {}
+
+        def work(index):
+            worker = Worker(index, self.scratch)
+            try:
+                self.target.start_worker(worker, self.trusted)
+                while True:
+                    try:
+                        r = jobs.get_nowait()
+                    except queue.Empty:
+                        break
+                    began = time.monotonic()
+                    try:
+                        problems = self.run_row(r, worker)
+                    except Exception as e:  # a broken row is a failed row, the others go on
+                        problems = [f"{type(e).__name__}: {e}"]
+                    results[r["name"]] = (problems, time.monotonic() - began)
+                self.target.stop_worker(worker)
+            finally:
+                worker.display.stop()
+
+        began = time.monotonic()
+        threads = [threading.Thread(target=work, args=(i,)) for i in range(self.options.jobs)]
+        for t in threads:
+            t.start()
+        for t in threads:
+            t.join()
+        self.nginx.stop()
+        failed = skipped = 0
+        for r in self.rows:
+            problems, seconds = results.get(r["name"], (["not run"], 0))
+            failed += bool(problems)
+            skipped += problems is None
+            status = "skip (needs root)" if problems is None else "FAIL" if problems else "ok"
+            print(f"{status:4} {self.target.name:6} {r['name']:32} {seconds:5.1f} s")
+            for problem in problems or []:
+                print("    " + problem)
+        print(f"{len(self.rows) - failed - skipped} of {len(self.rows)} rows passed on {self.target.name}"
+              f"{f', {skipped} skipped' if skipped else ''} in {time.monotonic() - began:.1f} s")
+        return 1 if failed else 0
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
+    parser.add_argument("--target", choices=["native", "wine"], required=True)
+    parser.add_argument("--updater", required=True, help="the updater executable (updater.exe for wine)")
+    parser.add_argument("--publish", required=True, help="the native corvanta-publish")
+    parser.add_argument("--lock-holder", help="native: tests' lock_holder")
+    parser.add_argument("--helper", help="wine: win32_test_helper.exe")
+    parser.add_argument("--scratch", required=True, help="working directory, kept between runs (Wine prefixes)")
+    parser.add_argument("--jobs", type=int, default=2)
+    parser.add_argument("--rows", default="", help="only the rows whose name matches this expression")
+    parser.add_argument("--screenshots", help="where the message box's picture goes")
+    options = parser.parse_args()
+    for name in ("updater", "publish", "lock_holder", "helper", "scratch", "screenshots"):
+        if getattr(options, name):
+            setattr(options, name, os.path.abspath(getattr(options, name)))
+    os.makedirs(options.scratch, exist_ok=True)
+    target = (Native if options.target == "native" else Wine)(options)
+    return Harness(options, target).run()
+
+
+if __name__ == "__main__":
+    sys.exit(main())

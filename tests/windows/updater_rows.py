@@ -1,0 +1,149 @@
+"""The rows of updater_blackbox.py: whole runs of the real updater, as data.
+
+Each row is a dict:
+  name       id of the row; its builds are served below /<name>/
+  installed  build installed before the run ("1.0" or "2.0"); `damage` then changes it:
+             {path: bytes} writes a file, {path: None} deletes one, {path: "->other"} renames
+             it to other
+  publish    build served ("1.0", "2.0" or "2.0+self"), with `version`, `number`, `key`
+             ("dev" or "other") and `tamper` ("signature") overriding its defaults
+  server     "http", "https" (certificate of a CA the installation's system trusts) or
+             "https-rogue" (certificate of a CA nobody trusts)
+  rate       nginx limit_rate for this row's files
+  helpers    processes started first and kept until the end: ("mutex", NAME), ("hold", PATH
+             in the installation), ("live", MS)
+  runs       updater runs, one after the other; each {"args": [...], "copies": N started at
+             once, "box": True when a message box must be closed with Return}. "{pid}" in
+             args is the process id of the "live" helper
+  lines      the exact log lines of all runs, timestamps left out; "{url}" is the row's base
+             URL, "{inst}" the installation directory as the updater names it, "{self}" the
+             updater's own file name
+  tree       what the installation holds afterwards besides the updater, updater.conf and
+             updater.log, byte for byte: "installed" (the installed build as it was before any
+             `damage`) or a published build; `tree_extra` adds files
+  requests   the exact paths requested from the server below /<name>/, in order
+  wine_adds  lines that only the run under Wine writes after `lines`, for a shortcoming of Wine
+  waits      True: the first log line comes after the "live" helper ended
+  targets    the targets the row runs on (default both)
+"""
+
+
+def pattern(size, seed):
+    """size bytes that differ for every seed."""
+    return bytes((i * 131 + seed * 71 + (i >> 8)) % 251 for i in range(size))
+
+
+BUILDS = {
+    "1.0": {
+        "Corvanta.exe": pattern(200_000, 1),
+        "docs/hướng dẫn.txt": "phiên bản 1\n".encode(),
+        "lib/core.dll": pattern(150_000, 2),
+        "lib/keep.dll": pattern(60_000, 3),
+    },
+}
+# Build 2 changes two files at the top and in a folder with Vietnamese letters and a blank,
+# changes lib/core.dll, adds lib/added.dll and keeps lib/keep.dll. Applied in manifest order:
+# Corvanta.exe, docs/hướng dẫn.txt, lib/added.dll, lib/core.dll.
+BUILDS["2.0"] = dict(BUILDS["1.0"], **{
+    "Corvanta.exe": pattern(210_000, 11),
+    "docs/hướng dẫn.txt": "phiên bản 2\n".encode(),
+    "lib/added.dll": pattern(30_000, 13),
+    "lib/core.dll": pattern(120_007, 12),
+})
+BUILDS["2.0+self"] = dict(BUILDS["2.0"], **{"{self}": b"the updater of build 2\n"})
+BUILD_NUMBERS = {"1.0": 1, "2.0": 2, "2.0+self": 2}
+
+CHANGED = ["Corvanta.exe", "docs/hướng dẫn.txt", "lib/added.dll", "lib/core.dll"]
+DOCUMENTS = ["manifest.json", "manifest.json.sig"]
+
+UPDATED = [
+    '[I] [apply] [Update] dung 0 / 4 file tu kho tam',
+    '[I] [apply] [Update] CAP NHAT THANH CONG -> "2.0"',
+]
+BAD_SIGNATURE = ['[W] [apply] [Update] CHU KY MANIFEST SAI -> KHONG ap, chay ban hien tai']
+# Qt's text for a certificate that does not lead to a CA the system trusts.
+UNTRUSTED = '"SSL handshake failed"'
+
+
+def row(name, **fields):
+    fields["name"] = name
+    fields.setdefault("installed", "1.0")
+    fields.setdefault("publish", "2.0")
+    fields.setdefault("server", "http")
+    fields.setdefault("runs", [{"args": []}])
+    fields.setdefault("tree", "2.0")
+    fields.setdefault("requests", DOCUMENTS + CHANGED)
+    return fields
+
+
+ROWS = [
+    row("update-http", lines=UPDATED),
+    row("update-https", server="https", lines=UPDATED),
+    row("https-untrusted-ca", server="https-rogue", tree="installed", requests=[], lines=[
+        f'[W] [apply] [Update] GET loi "{{url}}manifest.json" {UNTRUSTED}',
+        '[W] [apply] [Update] thu lai GET "{url}manifest.json" lan 2',
+        f'[W] [apply] [Update] GET loi "{{url}}manifest.json" {UNTRUSTED}',
+        '[W] [apply] [Update] tai manifest that bai -> chay ban hien tai',
+    ]),
+    # The same build number under another version and content: up to date, nothing fetched.
+    row("up-to-date-by-build-number", installed="2.0", publish={"build": "1.0", "version": "2.0.1", "number": 2},
+        tree="installed", requests=DOCUMENTS, lines=['[I] [apply] [Update] da moi nhat: "2.0.1"']),
+    row("older-build-replayed", installed="2.0", publish="1.0", tree="installed", requests=DOCUMENTS,
+        lines=['[I] [apply] [Update] da moi nhat: "1.0"']),
+    row("bad-signature", publish={"build": "2.0", "tamper": "signature"}, tree="installed", requests=DOCUMENTS,
+        lines=BAD_SIGNATURE),
+    row("signed-by-another-key", publish={"build": "2.0", "key": "other"}, tree="installed", requests=DOCUMENTS,
+        lines=BAD_SIGNATURE),
+    # The updater's own new version is left beside it; the running executable stays.
+    row("self-update", publish="2.0+self", tree="2.0", tree_extra={"{self}.new": b"the updater of build 2\n"},
+        requests=DOCUMENTS + CHANGED + ["{self}"], lines=[
+            '[I] [apply] [Update] dung 0 / 5 file tu kho tam',
+            '[I] [apply] [Update] CAP NHAT THANH CONG -> "2.0"',
+        ]),
+    # Both start at once; the files come slowly (about 7 s), so the one that takes the updater's
+    # lock still runs when the other looks at it. The other leaves without a log line.
+    row("two-updaters-at-once", rate="50k", runs=[{"args": [], "copies": 2}], lines=UPDATED),
+    row("application-running", helpers=[("mutex", "Corvanta_MainApp_Running")], tree="installed", requests=[],
+        lines=[]),
+    row("waits-for-process", helpers=[("live", "4000")], runs=[{"args": ["--wait-pid", "{pid}"]}], waits=True,
+        lines=UPDATED),
+    # lib/core.dll, the last file of the apply, is open in another process without
+    # FILE_SHARE_DELETE: ReplaceFileW and the rename of the fallback both meet a sharing
+    # violation; the two files replaced before are put back and the added one is deleted.
+    row("held-file-rolls-back", helpers=[("hold", "lib/core.dll")], tree="installed", targets=("wine",), lines=[
+        '[I] [apply] [Update] dung 0 / 4 file tu kho tam',
+        '[W] [apply] [Update] ReplaceFile hong err= 32 va doi ten -> .bak cung hong err= 32 '
+        '(32=file dang bi giu, 5=khong du quyen/AV)',
+        '[W] [apply] [Update] thay "lib/core.dll" that bai',
+        '[W] [apply] [Update] ap that bai -> ROLLBACK',
+    ]),
+    # A run killed between the two renames left lib/core.dll only as its backup, and a stale
+    # backup beside Corvanta.exe: the next start restores the one and deletes the other.
+    row("interrupted-apply-repaired", publish="1.0",
+        damage={"lib/core.dll": "->lib/core.dll.bak", "Corvanta.exe.bak": b"stale backup\n"},
+        tree="installed", requests=DOCUMENTS, lines=[
+            '[W] [apply] [Update] CUU duoc file thieu sau lan ap bi cat ngang: "{inst}/lib/core.dll"',
+            '[I] [apply] [Update] don .bak: khoi phuc 1 , don rac 1',
+            '[I] [apply] [Update] da moi nhat: "1.0"',
+        ]),
+    # The closing box of a run started by the user stays until Return is pressed. Under Wine,
+    # SHGetStockIconInfo gives Qt no handle for the stock information icon (a semi-stub there),
+    # and Qt logs each attempt before it falls back to its own icon.
+    row("proactive-message-box", runs=[{"args": ["--proactive"], "box": True}], lines=UPDATED,
+        wine_adds=['[C] [apply] QPixmap::fromWinHICON(), failed to GetIconInfo() (Invalid cursor handle.)'] * 3),
+    row("prefetch-then-apply", runs=[{"args": ["--prefetch-only"]}, {"args": []}],
+        requests=DOCUMENTS + CHANGED + DOCUMENTS, lines=[
+            '[I] [prefetch] [UpdatePrefetch] bat dau 2.0 - 4 file, 0 MB',
+            '[I] [prefetch] [UpdatePrefetch] Corvanta.exe tai tu dau 205 KB',
+            '[I] [prefetch] [UpdatePrefetch] Corvanta.exe xong ( 1 / 4 )',
+            '[I] [prefetch] [UpdatePrefetch] docs/hướng dẫn.txt tai tu dau 0 KB',
+            '[I] [prefetch] [UpdatePrefetch] docs/hướng dẫn.txt xong ( 2 / 4 )',
+            '[I] [prefetch] [UpdatePrefetch] lib/added.dll tai tu dau 29 KB',
+            '[I] [prefetch] [UpdatePrefetch] lib/added.dll xong ( 3 / 4 )',
+            '[I] [prefetch] [UpdatePrefetch] lib/core.dll tai tu dau 117 KB',
+            '[I] [prefetch] [UpdatePrefetch] lib/core.dll xong ( 4 / 4 )',
+            '[I] [prefetch] [UpdatePrefetch] xong toan bo - 4 file ok, 0 bo lai cho updater',
+            '[I] [apply] [Update] dung 4 / 4 file tu kho tam',
+            '[I] [apply] [Update] CAP NHAT THANH CONG -> "2.0"',
+        ]),
+]
