@@ -41,6 +41,7 @@ struct Transfer {
     QString baseUrl;
     QString version;
     qint64 bodyBytes = 0;
+    int fromCache = 0;  // files staged from the cache, whole or from a finished artifact
 };
 
 // Stages `file` at dst from one of its artifacts: taken finished from the cache, or downloaded
@@ -62,6 +63,7 @@ bool stageFromArtifact(Transfer& transfer, const ManifestFile& file, const Manif
     };
 
     QString input = findCompleteCachedFile(transfer.version, packed);
+    const bool cached = !input.isEmpty();
     const QString staged = transfer.staging + QLatin1Char('/') + packed.path;
     if (input.isEmpty()) {
         makeOwnDirectory(QFileInfo(staged).path());
@@ -95,6 +97,7 @@ bool stageFromArtifact(Transfer& transfer, const ManifestFile& file, const Manif
         return fallBack(reason);
     if (sha256OfFile(dst) != file.sha256)
         return fallBack(QStringLiteral("file giai ra hash lech"));
+    transfer.fromCache += cached;
     return true;
 }
 
@@ -113,7 +116,6 @@ bool downloadToStaging(UpdateSession& session, const QList<ManifestFile>& change
     // Whatever an earlier run left here is discarded, never reused.
     removeOwnPath(staging);
     makeOwnDirectory(staging);
-    int fromCache = 0;
     Transfer transfer{session, staging, baseUrl, version};
     qint64 wholeBytes = 0;
 
@@ -140,7 +142,7 @@ bool downloadToStaging(UpdateSession& session, const QList<ManifestFile>& change
         const QString cached = findCompleteCachedFile(version, file);
         if (!cached.isEmpty()) {
             if (copyReplacing(cached, dst)) {
-                ++fromCache;
+                ++transfer.fromCache;
                 staged.append({dst, file.path});
                 continue;
             }
@@ -199,7 +201,7 @@ bool downloadToStaging(UpdateSession& session, const QList<ManifestFile>& change
         staged.append({dst, file.path});
     }
 
-    qInfo() << "[Update] dung" << fromCache << "/" << changed.size() << "file tu kho tam";
+    qInfo() << "[Update] dung" << transfer.fromCache << "/" << changed.size() << "file tu kho tam";
     qInfo() << "[Update] da tai qua mang" << transfer.bodyBytes << "byte (ca file:" << wholeBytes << "byte)";
     return true;
 }

@@ -474,7 +474,8 @@ void StagingDownloadTest::smallerTransfers_data()
     QTest::newRow("nothing installed: the compressed file") << "none" << "" << QStringList{"compressed"}
                                                              << QStringList{compressed, summary, wire};
     QTest::newRow("a finished patch in the cache: nothing requested")
-        << "old" << "patch" << QStringList{} << QStringList{patch, summary, wire};
+        << "old" << "patch" << QStringList{}
+        << QStringList{patch, QStringLiteral("I [Update] dung 1 / 1 file tu kho tam"), wire};
     QTest::newRow("a partial patch in the cache is resumed")
         << "old" << "patch part" << QStringList{"patch"}
         << QStringList{patch, QStringLiteral("I [Update] \"%4\" noi tiep tu kho tam: 100 byte"), summary, wire};

@@ -6,7 +6,9 @@ Each row is a dict:
              {path: bytes} writes a file, {path: None} deletes one, {path: "->other"} renames
              it to other
   publish    build served ("1.0", "2.0" or "2.0+self"), with `version`, `number`, `key`
-             ("dev" or "other") and `tamper` ("signature") overriding its defaults
+             ("dev" or "other") and `tamper` ("signature") overriding its defaults; whole files
+             only, unless `patches` is True: then also compressed copies and patches from the
+             installed build
   server     "http", "https" (certificate of a CA the installation's system trusts) or
              "https-rogue" (certificate of a CA nobody trusts)
   rate       nginx limit_rate for this row's files
@@ -26,6 +28,8 @@ Each row is a dict:
   waits      True: the first log line comes after the "live" helper ended
   targets    the targets the row runs on (default both)
 """
+
+import hashlib
 
 
 def pattern(size, seed):
@@ -58,11 +62,26 @@ DOCUMENTS = ["manifest.json", "manifest.json.sig"]
 
 UPDATED = [
     '[I] [apply] [Update] dung 0 / 4 file tu kho tam',
+    '[I] [apply] [Update] da tai qua mang 360022 byte (ca file: 360022 byte)',
     '[I] [apply] [Update] CAP NHAT THANH CONG -> "2.0"',
 ]
 BAD_SIGNATURE = ['[W] [apply] [Update] CHU KY MANIFEST SAI -> KHONG ap, chay ban hien tai']
 # Qt's text for a certificate that does not lead to a CA the system trusts.
 UNTRUSTED = '"SSL handshake failed"'
+
+
+def sha256(data):
+    return hashlib.sha256(data).hexdigest()
+
+
+def compressed(path):
+    """Where the publisher puts build 2's file compressed."""
+    return f".zstd/{sha256(BUILDS['2.0'][path])}.zst"
+
+
+def patch(path):
+    """Where the publisher puts the patch from build 1's file to build 2's."""
+    return f".zstd/{sha256(BUILDS['1.0'][path])}-{sha256(BUILDS['2.0'][path])}.zst"
 
 
 def row(name, **fields):
@@ -79,6 +98,18 @@ def row(name, **fields):
 ROWS = [
     row("update-http", lines=UPDATED),
     row("update-https", server="https", lines=UPDATED),
+    # Published with compressed copies and patches from build 1: the two files build 1 holds
+    # come as patches, the added one compressed, the short text whole (nothing smaller).
+    row("update-through-patches", publish={"build": "2.0", "patches": True},
+        requests=DOCUMENTS + [patch("Corvanta.exe"), "docs/hướng dẫn.txt", compressed("lib/added.dll"),
+                              patch("lib/core.dll")], lines=[
+            '[I] [apply] [Update] "Corvanta.exe" tai patch 47 byte thay vi 210000 byte',
+            '[I] [apply] [Update] "lib/added.dll" tai ban nen 434 byte thay vi 30000 byte',
+            '[I] [apply] [Update] "lib/core.dll" tai patch 37 byte thay vi 120007 byte',
+            '[I] [apply] [Update] dung 0 / 4 file tu kho tam',
+            '[I] [apply] [Update] da tai qua mang 533 byte (ca file: 360022 byte)',
+            '[I] [apply] [Update] CAP NHAT THANH CONG -> "2.0"',
+        ]),
     row("https-untrusted-ca", server="https-rogue", tree="installed", requests=[], lines=[
         f'[W] [apply] [Update] GET loi "{{url}}manifest.json" {UNTRUSTED}',
         '[W] [apply] [Update] thu lai GET "{url}manifest.json" lan 2',
@@ -98,6 +129,7 @@ ROWS = [
     row("self-update", publish="2.0+self", tree="2.0", tree_extra={"{self}.new": b"the updater of build 2\n"},
         requests=DOCUMENTS + CHANGED + ["{self}"], lines=[
             '[I] [apply] [Update] dung 0 / 5 file tu kho tam',
+            '[I] [apply] [Update] da tai qua mang 360045 byte (ca file: 360045 byte)',
             '[I] [apply] [Update] CAP NHAT THANH CONG -> "2.0"',
         ]),
     # Both start at once; the files come slowly (about 7 s), so the one that takes the updater's
@@ -144,6 +176,7 @@ ROWS = [
             '[I] [prefetch] [UpdatePrefetch] lib/core.dll xong ( 4 / 4 )',
             '[I] [prefetch] [UpdatePrefetch] xong toan bo - 4 file ok, 0 bo lai cho updater',
             '[I] [apply] [Update] dung 4 / 4 file tu kho tam',
+            '[I] [apply] [Update] da tai qua mang 0 byte (ca file: 360022 byte)',
             '[I] [apply] [Update] CAP NHAT THANH CONG -> "2.0"',
         ]),
 ]
