@@ -11,6 +11,9 @@
 #   bench/run.sh --small-updates LibreOffice u13 -> u14 from Debian, published whole, compressed and
 #                                patched (about 10 minutes the first time, most of it publishing);
 #                                writes bench/results-small-updates.json and renders RESULTS.md again
+#   bench/run.sh --small-updates --pair firefox
+#                                the same for Firefox ESR 140 -> 153 (about 40 minutes the first
+#                                time); writes bench/results-small-updates-firefox.json
 #
 # Options: --data-dir DIR (generated builds, reused between runs; default $BUILD_DIR/benchdata),
 # --out FILE (the Markdown report), --only 1,3 (items), --reps N (instead of 5),
@@ -23,6 +26,7 @@ source_dir=$PWD
 
 smoke=false
 small_updates=false
+pair=libreoffice
 data_dir=
 out=
 only=
@@ -35,6 +39,7 @@ while (($#)); do
   case $1 in
     --smoke) smoke=true ;;
     --small-updates) small_updates=true ;;
+    --pair) pair=$2; shift ;;
     --data-dir) data_dir=$2; shift ;;
     --out) out=$2; shift ;;
     --only) only=$2; shift ;;
@@ -90,9 +95,10 @@ if $small_updates; then
   out=${out:-$source_dir/bench/RESULTS.md}
   data_dir=${data_dir:-$build/benchdata}
   mkdir -p "$data_dir"
-  python3 -B "$source_dir/bench/small_updates.py" --data-dir "$data_dir" --updater "$updater" --publish "$publish" \
-    --decoder "$build/bin/bench/decode_artifact" --key "$source_dir/keys/dev_private.pem" --source "$source_state" \
-    --json "$(dirname "$out")/results-small-updates.json" ${reps:+--reps "$reps"}
+  suffix=$([ "$pair" = libreoffice ] || echo "-$pair")
+  python3 -B "$source_dir/bench/small_updates.py" --pair "$pair" --data-dir "$data_dir" --updater "$updater" \
+    --publish "$publish" --decoder "$build/bin/bench/decode_artifact" --key "$source_dir/keys/dev_private.pem" \
+    --source "$source_state" --json "$(dirname "$out")/results-small-updates$suffix.json" ${reps:+--reps "$reps"}
   python3 -B "$source_dir/bench/report.py" "$(dirname "$out")/results.json" "$out"
   echo "== figures in $out"
   exit 0

@@ -1,14 +1,17 @@
 #!/usr/bin/env python3
-"""Small updates on real data: LibreOffice 7.4.7 from Debian, libreoffice-core 4:7.4.7-1+deb12u13
-installed, 4:7.4.7-1+deb12u14 published. Both packages come from this machine's apt sources
-(`apt-get download`), are unpacked with `dpkg -x`, and their symbolic links are left out.
+"""Small updates on real data, one pair of Debian packages (--pair): LibreOffice 7.4.7,
+libreoffice-core 4:7.4.7-1+deb12u13 installed and 4:7.4.7-1+deb12u14 published (a security
+update), or Firefox ESR, firefox-esr 140 installed and 153 published (a major release). Both
+packages come from this machine's apt sources (`apt-get download`), are unpacked with `dpkg -x`,
+and their symbolic links are left out.
 
-u14 is published three times with corvanta-publish and served by nginx: whole files only
-(--zstd-level 0), with compressed copies (the default), and with compressed copies and patches
-against u13 (--delta-from). For each the updater brings a fresh copy of u13 up to u14; measured
-are the bytes nginx sent, the wall time and peak memory of the apply, and that the installation
-then equals u14 byte for byte. The decoder is also timed on its own (build/bin/bench/decode_artifact),
-and rsync --checksum does the same update from an rsync daemon as a peer.
+The new build is published three times with corvanta-publish and served by nginx: whole files
+only (--zstd-level 0), with compressed copies (the default), and with compressed copies and
+patches against the old one (--delta-from). For each the updater brings a fresh copy of the old
+build up to the new one; measured are the bytes nginx sent, the wall time and peak memory of the
+apply, and that the installation then equals the new build byte for byte. The decoder is also
+timed on its own (build/bin/bench/decode_artifact), and rsync --checksum does the same update
+from an rsync daemon as a peer.
 
 Started by bench/run.sh --small-updates, which builds the programs and renders bench/RESULTS.md."""
 
@@ -27,12 +30,14 @@ from datasets import sha256_file
 from measure import run_timed
 from servers import Nginx, RsyncDaemon
 
-PACKAGE = "libreoffice-core"
-OLD, NEW = "4:7.4.7-1+deb12u13", "4:7.4.7-1+deb12u14"
+# name: (package, old version, new version, the builds' short names)
+PAIRS = {
+    "libreoffice": ("libreoffice-core", "4:7.4.7-1+deb12u13", "4:7.4.7-1+deb12u14", ("u13", "u14")),
+    "firefox": ("firefox-esr", "140.12.0esr-1~deb12u1", "153.7.0esr-1~deb12u1", ("140", "153")),
+}
 VARIANTS = [("whole", ["--zstd-level", "0"], "whole files"),
             ("compressed", [], "compressed copies"),
-            ("patched", ["--delta-from", "{u13}"], "compressed copies and patches against u13")]
-DONE = '[Update] CAP NHAT THANH CONG -> "u14"'
+            ("patched", ["--delta-from", "{old}"], "compressed copies and patches against {old}")]
 # A link of 8 MiB/s (67 Mbit/s), set with nginx's limit_rate, for the wall time of the apply where
 # the network, not the loopback, is the limit.
 LINK_RATE = "8m"
@@ -54,13 +59,19 @@ def files_below(root):
 class SmallUpdates:
     def __init__(self, args):
         self.args = args
-        self.data = os.path.abspath(os.path.join(args.data_dir, "small-updates"))
-        self.trees = {v: os.path.join(self.data, "trees", v) for v in ("u13", "u14")}
+        self.package, old, new, (self.old, self.new) = PAIRS[args.pair]
+        # The LibreOffice pair keeps the directory it always had.
+        self.data = os.path.abspath(os.path.join(
+            args.data_dir, "small-updates" + ("" if args.pair == "libreoffice" else "-" + args.pair)))
+        self.trees = {v: os.path.join(self.data, "trees", v) for v in (self.old, self.new)}
+        self.versions = {self.old: old, self.new: new}
+        self.done = f'[Update] CAP NHAT THANH CONG -> "{self.new}"'
         self.www = os.path.join(self.data, "www")
         self.work = os.path.join(self.data, "work")
         self.locks = os.path.join(self.data, "locks")
         self.failures = []
-        self.results = {"package": PACKAGE, "old": OLD, "new": NEW, "source": args.source}
+        self.results = {"package": self.package, "old": old, "new": new, "names": [self.old, self.new],
+                        "source": args.source}
 
     def expect(self, condition, what):
         if not condition:
@@ -78,23 +89,25 @@ class SmallUpdates:
     def fetch(self):
         debs = os.path.join(self.data, "debs")
         os.makedirs(debs, exist_ok=True)
-        for name, version in (("u13", OLD), ("u14", NEW)):
+        for name, version in self.versions.items():
             tree = self.trees[name]
             if os.path.exists(os.path.join(tree, ".unpacked")):
                 continue
-            wanted = [f for f in os.listdir(debs) if f.endswith(f"{version.split(':')[1]}_amd64.deb")]
+            # apt-get download names the file with the epoch as "%3a".
+            deb = f"{self.package}_{version.replace(':', '%3a')}_amd64.deb"
+            wanted = [f for f in os.listdir(debs) if f == deb]
             if not wanted:
-                say(f"apt-get download {PACKAGE}={version}")
-                subprocess.run(["apt-get", "download", f"{PACKAGE}={version}"], cwd=debs, check=True,
+                say(f"apt-get download {self.package}={version}")
+                subprocess.run(["apt-get", "download", f"{self.package}={version}"], cwd=debs, check=True,
                                stdout=subprocess.DEVNULL)
-                wanted = [f for f in os.listdir(debs) if f.endswith(f"{version.split(':')[1]}_amd64.deb")]
+                wanted = [f for f in os.listdir(debs) if f == deb]
             shutil.rmtree(tree, ignore_errors=True)
             os.makedirs(tree)
             subprocess.run(["dpkg", "-x", os.path.join(debs, wanted[0]), tree], check=True)
             # The publisher refuses links; an installer would recreate them.
             subprocess.run(["find", tree, "-type", "l", "-delete"], check=True)
             open(os.path.join(tree, ".unpacked"), "w").close()
-        old, new = files_below(self.trees["u13"]), files_below(self.trees["u14"])
+        old, new = files_below(self.trees[self.old]), files_below(self.trees[self.new])
         for tree in (old, new):
             tree.pop(".unpacked", None)
         changed = sorted(p for p in new if p not in old or not filecmp.cmp(old[p], new[p], shallow=False))
@@ -102,7 +115,7 @@ class SmallUpdates:
         self.results["bytes"] = sum(os.path.getsize(f) for f in new.values())
         self.results["changed"] = [dict(path=p, size=os.path.getsize(new[p])) for p in changed]
         self.results["changed_bytes"] = sum(os.path.getsize(new[p]) for p in changed)
-        say(f"u14: {len(new)} files, {self.results['bytes'] / 1e6:.1f} MB; {len(changed)} changed, "
+        say(f"{self.new}: {len(new)} files, {self.results['bytes'] / 1e6:.1f} MB; {len(changed)} changed, "
             f"{self.results['changed_bytes'] / 1e6:.1f} MB")
 
     def publish(self, out, input_dir, version, number, extra):
@@ -113,7 +126,8 @@ class SmallUpdates:
         return time.monotonic() - started
 
     def prepare(self):
-        """Publishes u13 (for its manifest) and u14 three ways; reused while the publisher is the same."""
+        """Publishes the old build (for its manifest) and the new one three ways; reused while the
+        publisher is the same."""
         stamp = os.path.join(self.www, "ready")
         publisher = sha256_file(self.args.publish)
         if os.path.exists(stamp) and json.load(open(stamp)).get("publisher") == publisher:
@@ -121,15 +135,15 @@ class SmallUpdates:
             return
         shutil.rmtree(self.www, ignore_errors=True)
         seconds = {}
-        self.publish(os.path.join(self.www, "u13"), self.trees["u13"], "u13", 1, ["--zstd-level", "0"])
+        self.publish(os.path.join(self.www, self.old), self.trees[self.old], self.old, 1, ["--zstd-level", "0"])
         for name, extra, _ in VARIANTS:
             out = os.path.join(self.www, name)
             if name == "patched":
                 # Starts from the compressed tree: its compressed copies are kept, not made again.
                 shutil.copytree(os.path.join(self.www, "compressed"), out)
-            say(f"publishing u14: {name}")
-            seconds[name] = self.publish(out, self.trees["u14"], "u14", 2,
-                                         [a.format(u13=self.trees["u13"]) for a in extra])
+            say(f"publishing {self.new}: {name}")
+            seconds[name] = self.publish(out, self.trees[self.new], self.new, 2,
+                                         [a.format(old=self.trees[self.old]) for a in extra])
             verify = subprocess.run([self.args.publish, "verify", "--dir", out], capture_output=True, text=True)
             self.expect(verify.returncode == 0, f"verify of {name}: {verify.stderr.strip()}")
         with open(stamp, "w") as f:
@@ -145,16 +159,16 @@ class SmallUpdates:
     def install(self, target, url):
         if os.path.lexists(target):
             subprocess.run(["rm", "-rf", target], check=True)
-        subprocess.run(["cp", "-a", self.trees["u13"], target], check=True)
+        subprocess.run(["cp", "-a", self.trees[self.old], target], check=True)
         os.remove(os.path.join(target, ".unpacked"))
-        shutil.copyfile(os.path.join(self.www, "u13", "manifest.json"), os.path.join(target, "manifest.json"))
+        shutil.copyfile(os.path.join(self.www, self.old, "manifest.json"), os.path.join(target, "manifest.json"))
         shutil.copy2(self.args.updater, os.path.join(target, "updater"))
         with open(os.path.join(target, "updater.conf"), "w") as f:
             json.dump({"manifestUrl": url}, f)
         os.sync()
 
-    def equals_u14(self, install):
-        want = files_below(self.trees["u14"])
+    def equals_new(self, install):
+        want = files_below(self.trees[self.new])
         want.pop(".unpacked", None)
         have = files_below(install)
         for own in ("updater", "updater.conf", "updater.log", "manifest.json"):
@@ -179,13 +193,13 @@ class SmallUpdates:
                            requests=[(r.uri.rsplit("/", 1)[-1][:24], r.body_bytes) for r in files],
                            choices=[line for line in log if " tai patch " in line or " tai ban nen " in line],
                            summary=wire[-1] if wire else None)
-                self.expect(any(line.endswith(DONE) for line in log), f"{name}: the apply finished: {log[-3:]}")
+                self.expect(any(line.endswith(self.done) for line in log), f"{name}: the apply finished: {log[-3:]}")
                 if rep == 0:
-                    self.expect(self.equals_u14(install), f"{name}: the installation equals u14 byte for byte")
+                    self.expect(self.equals_new(install), f"{name}: the installation equals {self.new} byte for byte")
                 rows.append(row)
                 say(f"{key} {name} rep {rep + 1}: {run.wall:.2f} s, {row['body'] / 1e6:.2f} MB of file bodies, "
                     f"peak {run.peak_kib / 1024:.0f} MiB")
-            self.results.setdefault(key, {})[name] = dict(title=title, rows=rows)
+            self.results.setdefault(key, {})[name] = dict(title=title.format(old=self.old), rows=rows)
 
     def bench_decoder(self):
         """The decoder alone on the artifacts of the changed files, as the apply uses them."""
@@ -200,7 +214,7 @@ class SmallUpdates:
                     source = []
                 elif kind == "patch" and entry.get("zstdPatches"):
                     artifact = f".zstd/{entry['zstdPatches'][0]['from']}-{entry['sha256']}.zst"
-                    source = [os.path.join(self.trees["u13"], entry["path"])]
+                    source = [os.path.join(self.trees[self.old], entry["path"])]
                 else:
                     continue
                 path = os.path.join(self.www, "patched", artifact)
@@ -218,7 +232,7 @@ class SmallUpdates:
         self.results["decoder"] = rows
 
     def bench_rsync(self):
-        daemon = RsyncDaemon(os.path.join(self.data, "rsyncd"), "u14", self.trees["u14"])
+        daemon = RsyncDaemon(os.path.join(self.data, "rsyncd"), self.new, self.trees[self.new])
         daemon.start()
         install = os.path.join(self.work, "install")
         rows = []
@@ -229,7 +243,7 @@ class SmallUpdates:
                                  install + "/"])
                 rows.append(dict(wall=run.wall, peak_kib=run.peak_kib, **parse_rsync_stats(run.output)))
                 say(f"rsync: {run.wall:.2f} s, received {rows[-1]['received'] / 1e6:.2f} MB")
-            self.expect(self.equals_u14(install), "rsync: the installation equals u14")
+            self.expect(self.equals_new(install), f"rsync: the installation equals {self.new}")
         finally:
             daemon.stop()
         self.results["rsync"] = dict(rows=rows, version=tool_version(["rsync", "--version"]))
@@ -272,6 +286,7 @@ class SmallUpdates:
 
 def main():
     parser = argparse.ArgumentParser()
+    parser.add_argument("--pair", choices=sorted(PAIRS), default="libreoffice")
     parser.add_argument("--data-dir", required=True)
     parser.add_argument("--updater", required=True)
     parser.add_argument("--publish", required=True)
