@@ -257,7 +257,10 @@ def render(r):
           f"{fig([x['peak_kib'] for x in r['apply']['rows']], 1, 1 / 1024, 'MiB') if 'apply' in r else 'n/a'} |\n")
 
     if r.get("small_updates"):
-        render_small_updates(w, r["small_updates"])
+        render_small_updates(w, r["small_updates"], "8. Small updates on real data: LibreOffice from Debian", "")
+    if r.get("small_updates_firefox"):
+        render_small_updates(w, r["small_updates_firefox"], "9. Small updates on real data: Firefox ESR from Debian",
+                             " --pair firefox")
 
     if r.get("perf_apply"):
         w("## Profile of one apply (item 1's data, `perf record -F 999 -g`, all threads; self time by "
@@ -276,16 +279,20 @@ def steady(values, digits=0, scale=1.0, unit=""):
     return fig(values, digits, scale, unit)
 
 
-def render_small_updates(w, s):
+def render_small_updates(w, s, title, options):
+    old, new = s.get("names", ["u13", "u14"])
     changed = s["changed_bytes"]
-    changed_files = ", ".join(f"{c['path'].rsplit('/', 1)[-1]} {c['size'] / 1e6:.2f} MB" for c in s["changed"])
-    w("## 8. Small updates on real data: LibreOffice from Debian\n")
-    w(f"Measured by `bench/run.sh --small-updates` on {s['started']} ({s['source']}). `{s['package']}` "
+    shown = sorted(s["changed"], key=lambda c: -c["size"])
+    changed_files = ", ".join(f"{c['path'].rsplit('/', 1)[-1]} {c['size'] / 1e6:.2f} MB" for c in shown[:8])
+    if len(shown) > 8:
+        changed_files += f" and {len(shown) - 8} smaller ones"
+    w(f"## {title}\n")
+    w(f"Measured by `bench/run.sh --small-updates{options}` on {s['started']} ({s['source']}). `{s['package']}` "
       f"{s['old']} is installed and {s['new']} published, both from this machine's apt sources "
       f"(`apt-get download`), unpacked with `dpkg -x`, symbolic links left out: {s['files']} files, "
       f"{s['bytes'] / 1e6:.1f} MB, of which {len(s['changed'])} change ({changed_files}): "
-      f"{changed / 1e6:.1f} MB. u14 is published three ways and served by nginx on 127.0.0.1; each apply "
-      f"starts from a fresh copy of u13 and must end byte for byte equal to u14 (checked: "
+      f"{changed / 1e6:.1f} MB. {new} is published three ways and served by nginx on 127.0.0.1; each apply "
+      f"starts from a fresh copy of {old} and must end byte for byte equal to {new} (checked: "
       f"{'yes' if not s.get('failures') else 'NO: ' + '; '.join(s['failures'])}). Figures are the median of "
       f"{len(s['apply']['whole']['rows'])} runs (lowest and highest in brackets); the last column is one run "
       f"through nginx's `limit_rate {s['link_rate']}` (8 MiB/s, a 67 Mbit/s link).\n")
@@ -312,13 +319,13 @@ def render_small_updates(w, s):
       "fastest of the runs; peak resident memory of that small program, Qt's core library included):\n")
     w("| artifact | of the file | artifact bytes | file bytes | decode time | peak memory |\n|---|---|---|---|---|---|")
     for d in s["decoder"]:
-        kind = "patch against u13" if d["kind"] == "patch" else "compressed copy"
+        kind = f"patch against {old}" if d["kind"] == "patch" else "compressed copy"
         w(f"| {kind} | {d['path'].rsplit('/', 1)[-1]} | {d['artifact']:,} | {d['size']:,} | {d['seconds']:.3f} s | "
           f"{d['peak_kib'] / 1024:.0f} MiB |")
     w("")
     pub = s.get("publish_seconds", {})
     if pub:
-        w(f"Publishing u14 took {pub.get('whole', 0):.0f} s whole, {pub.get('compressed', 0):.0f} s with compressed "
+        w(f"Publishing {new} took {pub.get('whole', 0):.0f} s whole, {pub.get('compressed', 0):.0f} s with compressed "
           f"copies (zstd level 19, all {s['files']} files) and {pub.get('patched', 0):.0f} s more for the patches "
           f"(level 19, long-distance matching; the compressed copies kept from the tree before).\n")
 
@@ -328,11 +335,13 @@ def main():
     source, target = sys.argv[1], sys.argv[2]
     with open(source) as f:
         results = json.load(f)
-    # The small-updates benchmark keeps its own measurements beside the main ones.
-    small = os.path.join(os.path.dirname(os.path.abspath(source)), "results-small-updates.json")
-    if os.path.exists(small):
-        with open(small) as f:
-            results["small_updates"] = json.load(f)
+    # The small-updates benchmark keeps its own measurements beside the main ones, one file a pair.
+    for key, name in (("small_updates", "results-small-updates.json"),
+                      ("small_updates_firefox", "results-small-updates-firefox.json")):
+        small = os.path.join(os.path.dirname(os.path.abspath(source)), name)
+        if os.path.exists(small):
+            with open(small) as f:
+                results[key] = json.load(f)
     analysis = ""
     if os.path.exists(target):
         text = open(target, encoding="utf-8").read()
