@@ -43,7 +43,7 @@ struct Transaction {
             return true;
         const QString aside = path + kBackupSuffix;
         if (!info.isDir())
-            QFile::remove(aside);  // a backup beside a file that exists is garbage, as in the repair
+            removeOwnPath(aside);  // a backup beside a file that exists is garbage, as in the repair
         if (!moveWithoutReplacing(path, aside))
             return false;
         movedAside.append({aside, path});
@@ -68,8 +68,10 @@ struct Transaction {
 
     void commit()
     {
+        // removeOwnPath also deletes a read-only backup (Windows keeps the attribute of the
+        // file it replaced).
         for (const auto& pair : replaced)
-            QFile::remove(pair.first);
+            removeOwnPath(pair.first);
         for (const auto& pair : movedAside)
             removeOwnPath(pair.first);
     }

@@ -339,6 +339,8 @@ class Harness:
                 os.rename(full, os.path.join(inst, change[2:]))
             else:
                 write(full, change)
+        for path in r.get("read_only", []):
+            os.chmod(os.path.join(inst, path), 0o444)  # Wine shows it as FILE_ATTRIBUTE_READONLY
         with SPAWN_LOCK:
             shutil.copy(self.options.updater, os.path.join(inst, self.target.self_name))
         url = self.url(r)

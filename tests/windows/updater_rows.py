@@ -5,6 +5,7 @@ Each row is a dict:
   installed  build installed before the run ("1.0" or "2.0"); `damage` then changes it:
              {path: bytes} writes a file, {path: None} deletes one, {path: "->other"} renames
              it to other
+  read_only  installed paths made read-only before the run
   publish    build served ("1.0", "2.0" or "2.0+self"), with `version`, `number`, `key`
              ("dev" or "other") and `tamper` ("signature") overriding its defaults; whole files
              only, unless `patches` is True: then also compressed copies and patches from the
@@ -110,6 +111,13 @@ ROWS = [
             '[I] [apply] [Update] da tai qua mang 533 byte (ca file: 360022 byte)',
             '[I] [apply] [Update] CAP NHAT THANH CONG -> "2.0"',
         ]),
+    # ReplaceFileW refuses a read-only file (5); the two renames replace it, and its backup,
+    # read-only too, is deleted with the others once the attribute is cleared.
+    row("read-only-files-replaced", read_only=["Corvanta.exe", "lib/core.dll"], targets=("wine",), lines=[
+        *UPDATED[:2],
+        *['[W] [apply] [Update] ReplaceFile hong err= 5 -> da lui ve doi ten hai buoc, OK'] * 2,
+        UPDATED[2],
+    ]),
     row("https-untrusted-ca", server="https-rogue", tree="installed", requests=[], lines=[
         f'[W] [apply] [Update] GET loi "{{url}}manifest.json" {UNTRUSTED}',
         '[W] [apply] [Update] thu lai GET "{url}manifest.json" lan 2',
