@@ -151,7 +151,7 @@ ROWS = [
     # FILE_SHARE_DELETE: ReplaceFileW and the rename of the fallback both meet a sharing
     # violation; the two files replaced before are put back and the added one is deleted.
     row("held-file-rolls-back", helpers=[("hold", "lib/core.dll")], tree="installed", targets=("wine",), lines=[
-        '[I] [apply] [Update] dung 0 / 4 file tu kho tam',
+        *UPDATED[:2],
         '[W] [apply] [Update] ReplaceFile hong err= 32 va doi ten -> .bak cung hong err= 32 '
         '(32=file dang bi giu, 5=khong du quyen/AV)',
         '[W] [apply] [Update] thay "lib/core.dll" that bai',
