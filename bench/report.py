@@ -286,6 +286,11 @@ def render_small_updates(w, s, title, options):
     changed_files = ", ".join(f"{c['path'].rsplit('/', 1)[-1]} {c['size'] / 1e6:.2f} MB" for c in shown[:8])
     if len(shown) > 8:
         changed_files += f" and {len(shown) - 8} smaller ones"
+    # Results from before there were several links hold the one link of 8 MiB/s.
+    links = s.get("links") or {"8 MiB/s": dict(rate=s.get("link_rate"), apply=s.get("apply_link", {}))}
+    later = s.get("links_measured")
+    rates = ", ".join(f"`{v['rate']}` for {k}" for k, v in links.items())
+    measured = f", measured later on {later['started']} ({later['source']})" if later else ""
     w(f"## {title}\n")
     w(f"Measured by `bench/run.sh --small-updates{options}` on {s['started']} ({s['source']}). `{s['package']}` "
       f"{s['old']} is installed and {s['new']} published, both from this machine's apt sources "
@@ -294,23 +299,25 @@ def render_small_updates(w, s, title, options):
       f"{changed / 1e6:.1f} MB. {new} is published three ways and served by nginx on 127.0.0.1; each apply "
       f"starts from a fresh copy of {old} and must end byte for byte equal to {new} (checked: "
       f"{'yes' if not s.get('failures') else 'NO: ' + '; '.join(s['failures'])}). Figures are the median of "
-      f"{len(s['apply']['whole']['rows'])} runs (lowest and highest in brackets); the last column is one run "
-      f"through nginx's `limit_rate {s['link_rate']}` (8 MiB/s, a 67 Mbit/s link).\n")
+      f"{len(s['apply']['whole']['rows'])} runs (lowest and highest in brackets); the link columns are one run "
+      f"each through nginx's `limit_rate` ({rates})"
+      f"{measured}.\n")
     w("| published | file bodies sent by nginx | share of the changed bytes | with headers and both documents | "
-      "apply, loopback | apply at 8 MiB/s | peak memory of the updater |\n|---|---|---|---|---|---|---|")
+      "apply, loopback | " + "".join(f"apply at {k} | " for k in links) + "peak memory of the updater |\n|"
+      + "---|" * (6 + len(links)))
     for name in ("whole", "compressed", "patched"):
         a = s["apply"][name]
         rows = a["rows"]
-        link = s.get("apply_link", {}).get(name, {}).get("rows", [])
         w(f"| {a['title']} | {steady([x['body'] for x in rows])} | "
           f"{steady([x['body'] / changed * 100 for x in rows], 1)} % | {steady([x['wire'] for x in rows])} | "
-          f"{fig([x['wall'] for x in rows])} s | {fig([x['wall'] for x in link])} s | "
-          f"{fig([x['peak_kib'] for x in rows], 1, 1 / 1024, 'MiB')} |")
+          f"{fig([x['wall'] for x in rows])} s | "
+          + "".join(f"{fig([x['wall'] for x in v['apply'].get(name, {}).get('rows', [])])} s | " for v in links.values())
+          + f"{fig([x['peak_kib'] for x in rows], 1, 1 / 1024, 'MiB')} |")
     if s.get("rsync"):
         rows = s["rsync"]["rows"]
         w(f"| rsync --checksum from a daemon ({s['rsync']['version']}) | {steady([x['received'] for x in rows])} "
           f"received | {steady([x['received'] / changed * 100 for x in rows], 1)} % | — | {fig([x['wall'] for x in rows])} s "
-          f"| — | {fig([x['peak_kib'] for x in rows], 1, 1 / 1024, 'MiB')} |")
+          f"| {'— | ' * len(links)}{fig([x['peak_kib'] for x in rows], 1, 1 / 1024, 'MiB')} |")
     w("")
     patched = s["apply"]["patched"]["rows"][0]
     w("What the patched apply chose (its log): " + "; ".join(
