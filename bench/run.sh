@@ -14,6 +14,9 @@
 #   bench/run.sh --small-updates --pair firefox
 #                                the same for Firefox ESR 140 -> 153 (about 40 minutes the first
 #                                time); writes bench/results-small-updates-firefox.json
+#   bench/run.sh --small-updates --links-only
+#                                only the applies through the 8 MiB/s and 50 Mbit/s links, into
+#                                the results of an earlier run of the pair
 #
 # Options: --data-dir DIR (generated builds, reused between runs; default $BUILD_DIR/benchdata),
 # --out FILE (the Markdown report), --only 1,3 (items), --reps N (instead of 5),
@@ -27,6 +30,7 @@ source_dir=$PWD
 smoke=false
 small_updates=false
 pair=libreoffice
+links_only=
 data_dir=
 out=
 only=
@@ -40,6 +44,7 @@ while (($#)); do
     --smoke) smoke=true ;;
     --small-updates) small_updates=true ;;
     --pair) pair=$2; shift ;;
+    --links-only) links_only=--links-only ;;
     --data-dir) data_dir=$2; shift ;;
     --out) out=$2; shift ;;
     --only) only=$2; shift ;;
@@ -98,7 +103,7 @@ if $small_updates; then
   suffix=$([ "$pair" = libreoffice ] || echo "-$pair")
   python3 -B "$source_dir/bench/small_updates.py" --pair "$pair" --data-dir "$data_dir" --updater "$updater" \
     --publish "$publish" --decoder "$build/bin/bench/decode_artifact" --key "$source_dir/keys/dev_private.pem" \
-    --source "$source_state" --json "$(dirname "$out")/results-small-updates$suffix.json" ${reps:+--reps "$reps"}
+    --source "$source_state" --json "$(dirname "$out")/results-small-updates$suffix.json" ${reps:+--reps "$reps"} $links_only
   python3 -B "$source_dir/bench/report.py" "$(dirname "$out")/results.json" "$out"
   echo "== figures in $out"
   exit 0
