@@ -256,6 +256,12 @@ def render(r):
         w(f"| peak resident memory of the client | {fig([x['peak_kib'] for x in rows], 1, 1 / 1024, 'MiB')} | "
           f"{fig([x['peak_kib'] for x in r['apply']['rows']], 1, 1 / 1024, 'MiB') if 'apply' in r else 'n/a'} |\n")
 
+    if r.get("small_updates"):
+        render_small_updates(w, r["small_updates"], "8. Small updates on real data: LibreOffice from Debian", "")
+    if r.get("small_updates_firefox"):
+        render_small_updates(w, r["small_updates_firefox"], "9. Small updates on real data: Firefox ESR from Debian",
+                             " --pair firefox")
+
     if r.get("perf_apply"):
         w("## Profile of one apply (item 1's data, `perf record -F 999 -g`, all threads; self time by "
           "thread and library, then by library and symbol)\n")
@@ -265,11 +271,90 @@ def render(r):
     return "\n".join(out) + "\n"
 
 
+def steady(values, digits=0, scale=1.0, unit=""):
+    """One value when every repetition gave the same (byte counts), else fig()."""
+    if values and min(values) == max(values):
+        value = values[0] * scale
+        return (f"{value:,.0f}" if digits == 0 else f"{value:.{digits}f}") + (f" {unit}" if unit else "")
+    return fig(values, digits, scale, unit)
+
+
+def render_small_updates(w, s, title, options):
+    old, new = s.get("names", ["u13", "u14"])
+    changed = s["changed_bytes"]
+    shown = sorted(s["changed"], key=lambda c: -c["size"])
+    changed_files = ", ".join(f"{c['path'].rsplit('/', 1)[-1]} {c['size'] / 1e6:.2f} MB" for c in shown[:8])
+    if len(shown) > 8:
+        changed_files += f" and {len(shown) - 8} smaller ones"
+    # Results from before there were several links hold the one link of 8 MiB/s.
+    links = s.get("links") or {"8 MiB/s": dict(rate=s.get("link_rate"), apply=s.get("apply_link", {}))}
+    later = s.get("links_measured")
+    rates = ", ".join(f"`{v['rate']}` for {k}" for k, v in links.items())
+    measured = f", measured later on {later['started']} ({later['source']})" if later else ""
+    w(f"## {title}\n")
+    w(f"Measured by `bench/run.sh --small-updates{options}` on {s['started']} ({s['source']}). `{s['package']}` "
+      f"{s['old']} is installed and {s['new']} published, both from this machine's apt sources "
+      f"(`apt-get download`), unpacked with `dpkg -x`, symbolic links left out: {s['files']} files, "
+      f"{s['bytes'] / 1e6:.1f} MB, of which {len(s['changed'])} change ({changed_files}): "
+      f"{changed / 1e6:.1f} MB. {new} is published three ways and served by nginx on 127.0.0.1; each apply "
+      f"starts from a fresh copy of {old} and must end byte for byte equal to {new} (checked: "
+      f"{'yes' if not s.get('failures') else 'NO: ' + '; '.join(s['failures'])}). Figures are the median of "
+      f"{len(s['apply']['whole']['rows'])} runs (lowest and highest in brackets); the link columns are one run "
+      f"each through nginx's `limit_rate` ({rates})"
+      f"{measured}.\n")
+    w("| published | file bodies sent by nginx | share of the changed bytes | with headers and both documents | "
+      "apply, loopback | " + "".join(f"apply at {k} | " for k in links) + "peak memory of the updater |\n|"
+      + "---|" * (6 + len(links)))
+    for name in ("whole", "compressed", "patched"):
+        a = s["apply"][name]
+        rows = a["rows"]
+        w(f"| {a['title']} | {steady([x['body'] for x in rows])} | "
+          f"{steady([x['body'] / changed * 100 for x in rows], 1)} % | {steady([x['wire'] for x in rows])} | "
+          f"{fig([x['wall'] for x in rows])} s | "
+          + "".join(f"{fig([x['wall'] for x in v['apply'].get(name, {}).get('rows', [])])} s | " for v in links.values())
+          + f"{fig([x['peak_kib'] for x in rows], 1, 1 / 1024, 'MiB')} |")
+    if s.get("rsync"):
+        rows = s["rsync"]["rows"]
+        w(f"| rsync --checksum from a daemon ({s['rsync']['version']}) | {steady([x['received'] for x in rows])} "
+          f"received | {steady([x['received'] / changed * 100 for x in rows], 1)} % | — | {fig([x['wall'] for x in rows])} s "
+          f"| {'— | ' * len(links)}{fig([x['peak_kib'] for x in rows], 1, 1 / 1024, 'MiB')} |")
+    w("")
+    patched = s["apply"]["patched"]["rows"][0]
+    w("What the patched apply chose (its log): " + "; ".join(
+        c.split("[Update] ", 1)[1] for c in patched["choices"]) + ". " + patched["summary"].split("[Update] ", 1)[1] + ".\n")
+    w("The decoder alone (`build/bin/bench/decode_artifact`, the updater's own decoding code, into a file; the "
+      "fastest of the runs; peak resident memory of that small program, Qt's core library included):\n")
+    w("| artifact | of the file | artifact bytes | file bytes | decode time | peak memory |\n|---|---|---|---|---|---|")
+    # A pair with many changed files shows the decoder on the files of at least 1 MB.
+    decoded = s["decoder"] if len(s["decoder"]) <= 12 else [d for d in s["decoder"] if d["size"] >= 1_000_000]
+    for d in decoded:
+        kind = f"patch against {old}" if d["kind"] == "patch" else "compressed copy"
+        w(f"| {kind} | {d['path'].rsplit('/', 1)[-1]} | {d['artifact']:,} | {d['size']:,} | {d['seconds']:.3f} s | "
+          f"{d['peak_kib'] / 1024:.0f} MiB |")
+    if len(decoded) < len(s["decoder"]):
+        w(f"\n{len(s['decoder']) - len(decoded)} artifacts of files under 1 MB left out: each decoded in at most "
+          f"{max(d['seconds'] for d in s['decoder'] if d not in decoded):.3f} s at "
+          f"{max(d['peak_kib'] for d in s['decoder'] if d not in decoded) / 1024:.0f} MiB.")
+    w("")
+    pub = s.get("publish_seconds", {})
+    if pub:
+        w(f"Publishing {new} took {pub.get('whole', 0):.0f} s whole, {pub.get('compressed', 0):.0f} s with compressed "
+          f"copies (zstd level 19, all {s['files']} files) and {pub.get('patched', 0):.0f} s more for the patches "
+          f"(level 19, long-distance matching; the compressed copies kept from the tree before).\n")
+
+
 def main():
     import json
     source, target = sys.argv[1], sys.argv[2]
     with open(source) as f:
         results = json.load(f)
+    # The small-updates benchmark keeps its own measurements beside the main ones, one file a pair.
+    for key, name in (("small_updates", "results-small-updates.json"),
+                      ("small_updates_firefox", "results-small-updates-firefox.json")):
+        small = os.path.join(os.path.dirname(os.path.abspath(source)), name)
+        if os.path.exists(small):
+            with open(small) as f:
+                results[key] = json.load(f)
     analysis = ""
     if os.path.exists(target):
         text = open(target, encoding="utf-8").read()

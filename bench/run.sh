@@ -8,6 +8,15 @@
 #                                bench/RESULTS.md and bench/results.json
 #   bench/run.sh --smoke         tiny sizes, one repetition, under 30 s; checks that every step
 #                                still works (ctest label "bench")
+#   bench/run.sh --small-updates LibreOffice u13 -> u14 from Debian, published whole, compressed and
+#                                patched (about 10 minutes the first time, most of it publishing);
+#                                writes bench/results-small-updates.json and renders RESULTS.md again
+#   bench/run.sh --small-updates --pair firefox
+#                                the same for Firefox ESR 140 -> 153 (about 40 minutes the first
+#                                time); writes bench/results-small-updates-firefox.json
+#   bench/run.sh --small-updates --links-only
+#                                only the applies through the 8 MiB/s and 50 Mbit/s links, into
+#                                the results of an earlier run of the pair
 #
 # Options: --data-dir DIR (generated builds, reused between runs; default $BUILD_DIR/benchdata),
 # --out FILE (the Markdown report), --only 1,3 (items), --reps N (instead of 5),
@@ -19,6 +28,9 @@ cd "$(dirname "$0")/.."
 source_dir=$PWD
 
 smoke=false
+small_updates=false
+pair=libreoffice
+links_only=
 data_dir=
 out=
 only=
@@ -30,6 +42,9 @@ publish=
 while (($#)); do
   case $1 in
     --smoke) smoke=true ;;
+    --small-updates) small_updates=true ;;
+    --pair) pair=$2; shift ;;
+    --links-only) links_only=--links-only ;;
     --data-dir) data_dir=$2; shift ;;
     --out) out=$2; shift ;;
     --only) only=$2; shift ;;
@@ -63,12 +78,12 @@ fi
 
 build=${BUILD_DIR:-build}
 case $build in /*) ;; *) build=$source_dir/$build ;; esac
-if [ -z "$updater" ] || [ -z "$publish" ]; then
+if [ -z "$updater" ] || [ -z "$publish" ] || $small_updates; then
   echo "== building the updater and corvanta-publish in $build"
   cmake -S . -B "$build" -G Ninja ${CMAKE_ARGS:-} >/dev/null
-  cmake --build "$build" --target updater corvanta-publish | tail -n 1
-  updater=$build/bin/updater
-  publish=$build/bin/corvanta-publish
+  cmake --build "$build" --target updater corvanta-publish decode_artifact | tail -n 1
+  updater=${updater:-$build/bin/updater}
+  publish=${publish:-$build/bin/corvanta-publish}
 fi
 
 # Which sources were measured: the commit, and whether the checkout had changes to them.
@@ -81,6 +96,18 @@ args=(--updater "$updater" --publish "$publish" --key "$source_dir/keys/dev_priv
 [ -n "$only" ] && args+=(--only "$only")
 [ -n "$reps" ] && args+=(--reps "$reps")
 $profile && args+=(--profile)
+if $small_updates; then
+  out=${out:-$source_dir/bench/RESULTS.md}
+  data_dir=${data_dir:-$build/benchdata}
+  mkdir -p "$data_dir"
+  suffix=$([ "$pair" = libreoffice ] || echo "-$pair")
+  python3 -B "$source_dir/bench/small_updates.py" --pair "$pair" --data-dir "$data_dir" --updater "$updater" \
+    --publish "$publish" --decoder "$build/bin/bench/decode_artifact" --key "$source_dir/keys/dev_private.pem" \
+    --source "$source_state" --json "$(dirname "$out")/results-small-updates$suffix.json" ${reps:+--reps "$reps"} $links_only
+  python3 -B "$source_dir/bench/report.py" "$(dirname "$out")/results.json" "$out"
+  echo "== figures in $out"
+  exit 0
+fi
 if $smoke; then
   tmp=$(mktemp -d "${TMPDIR:-/tmp}/corvanta-bench.XXXXXX")
   trap 'rm -rf "$tmp"' EXIT

@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # The updater at work, end to end on this machine: builds the updater and corvanta-publish,
-# publishes a small demo build 1 and build 2 signed with the development key, serves them with
-# nginx on 127.0.0.1, installs build 1 into a temporary installation and lets the updater bring
-# it to build 2 with its status window on screen (under Xvfb when there is no display).
+# publishes a small demo build 1 and build 2 signed with the development key (build 2 with zstd
+# patches against build 1), serves them with nginx on 127.0.0.1, installs build 1 into a
+# temporary installation and lets the updater bring it to build 2 with its status window on
+# screen (under Xvfb when there is no display), then shows the bytes the patches saved.
 # Everything it starts or creates is removed again when it ends; it can be run any number of
 # times in a row.
 set -euo pipefail
@@ -10,7 +11,7 @@ cd "$(dirname "$0")/.."
 source_dir=$PWD
 
 source scripts/lib/ensure_packages.sh
-ensure_packages cmake ninja-build g++ pkg-config qtbase5-dev libssl-dev python3 nginx-light xvfb \
+ensure_packages cmake ninja-build g++ pkg-config qtbase5-dev libssl-dev libzstd-dev python3 nginx-light xvfb \
                 xauth fonts-dejavu-core
 
 build=${BUILD_DIR:-build}
@@ -33,12 +34,20 @@ cleanup() {
 trap cleanup EXIT
 trap 'exit 130' INT TERM
 
-# Two builds of a small application: build 2 changes three files, keeps one, adds one.
+# Two builds of a small application: build 2 changes three files, keeps one, adds one. The
+# application and its core library are 2 MB of bytes that do not compress, of which build 2
+# changes a few kB, as a rebuilt binary would: what the patches are for.
 make_build() {  # make_build DIR NUMBER
   local dir=$1 n=$2
   mkdir -p "$dir/bin" "$dir/data"
-  { echo "Corvanta demo application, build $n"; head -c 400000 /dev/zero | tr '\0' "$n"; } > "$dir/Corvanta.exe"
-  { echo "core library, build $n"; head -c 250000 /dev/zero | tr '\0' "c"; } > "$dir/bin/core.dll"
+  python3 - "$dir" "$n" <<'PY'
+import random, sys
+d, n = sys.argv[1], int(sys.argv[2])
+for name, size, seed in (("Corvanta.exe", 1200000, 1), ("bin/core.dll", 800000, 2)):
+    data = bytearray(random.Random(seed).randbytes(size))
+    data[size // 3:size // 3 + 3000 * n] = random.Random(seed * 10 + n).randbytes(3000 * n)
+    open(f"{d}/{name}", "wb").write(f"build {n}\n".encode() + bytes(data))
+PY
   echo "this file is the same in every build" > "$dir/bin/shared.dll"
   printf 'Corvanta %s.0.0\n' "$n" > "$dir/data/readme.txt"
   if [ "$n" = 2 ]; then
@@ -85,10 +94,12 @@ done
 base_url="http://127.0.0.1:$port/corvanta/"
 echo "== nginx serves $work/www at http://127.0.0.1:$port/"
 
-publish() {  # publish VERSION BUILD_NUMBER INPUT
-  echo "\$ corvanta-publish build --input ${3#"$work"/} --out www/corvanta --version $1 --build-number $2 --key keys/dev_private.pem"
-  "$publish_tool" build --input "$3" --out "$www" --version "$1" --build-number "$2" \
-    --key "$source_dir/keys/dev_private.pem" | sed 's/^/  /'
+publish() {  # publish VERSION BUILD_NUMBER INPUT [OPTION...]
+  local version=$1 number=$2 input=$3
+  shift 3
+  echo "\$ corvanta-publish build --input ${input#"$work"/} --out www/corvanta --version $version --build-number $number --key keys/dev_private.pem${*:+ ${*//"$work"\//}}"
+  "$publish_tool" build --input "$input" --out "$www" --version "$version" --build-number "$number" \
+    --key "$source_dir/keys/dev_private.pem" "$@" | sed 's/^/  /'
 }
 
 echo "== publishing build 1"
@@ -104,8 +115,8 @@ cp "$updater_exe" "$install/updater"
 printf '{ "manifestUrl": "%smanifest.json" }\n' "$base_url" > "$install/updater.conf"
 sed 's/^/  updater.conf: /' "$install/updater.conf"
 
-echo "== publishing build 2 over build 1 (files first, manifest.json and its signature last)"
-publish 2.0.0 2 "$work/build2"
+echo "== publishing build 2 over build 1, with patches from build 1 (files first, manifest.json and its signature last)"
+publish 2.0.0 2 "$work/build2" --delta-from "$www"
 
 # The updater's named locks live in this run's own directory, apart from any other Corvanta.
 export XDG_RUNTIME_DIR=$work/run
@@ -119,10 +130,19 @@ else
   xvfb-run -a -s "-screen 0 1280x800x24" "$install/updater"
 fi
 
-echo "== what the updater asked nginx for"
-tail -n +"$((requests_before + 1))" "$work/nginx/access.log" | awk '{print "  " $6, $7, $9}' | tr -d '"'
+echo "== what the updater asked nginx for (method, path, status, body bytes)"
+tail -n +"$((requests_before + 1))" "$work/nginx/access.log" | awk '{print "  " $6, $7, $9, $10}' | tr -d '"'
 echo "== updater.log"
 sed 's/^/  /' "$install/updater.log"
+
+echo "== bytes saved"
+sent=$(tail -n +"$((requests_before + 1))" "$work/nginx/access.log" | awk '$7 !~ /manifest\.json/ {s += $10} END {print s + 0}')
+whole=0
+for f in $(cd "$work/build2" && find . -type f | sort); do
+  cmp -s "$work/build1/$f" "$work/build2/$f" 2>/dev/null || whole=$((whole + $(stat -c %s "$work/build2/$f")))
+done
+echo "  nginx sent $sent bytes of files and patches; the changed files whole are $whole bytes" \
+     "($(awk -v s="$sent" -v w="$whole" 'BEGIN { printf "%.1f", 100 - 100 * s / w }')% saved)"
 
 echo "== checking the installation against build 2"
 outcome="not updated"

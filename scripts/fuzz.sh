@@ -9,7 +9,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${1:-60}
 build=${FUZZ_BUILD_DIR:-build-fuzz}
-targets=(manifest safe_path config signature repair_walk)
+targets=(manifest safe_path config signature repair_walk artifact)
 
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++ \
       -DCORV_FUZZ=ON -DBUILD_TESTING=OFF >/dev/null

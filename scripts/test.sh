@@ -6,7 +6,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 source scripts/lib/ensure_packages.sh
-ensure_packages cmake ninja-build g++ pkg-config qtbase5-dev libssl-dev python3 xvfb xauth \
+ensure_packages cmake ninja-build g++ pkg-config qtbase5-dev libssl-dev libzstd-dev zstd python3 xvfb xauth \
                 fonts-dejavu-core x11-utils xdotool strace time nginx-light openssl \
                 g++-mingw-w64-x86-64 wine wine64 python3-pefile rsync curl clang libclang-rt-14-dev
 

@@ -19,7 +19,8 @@ complete=$prefix/toolchain.complete
 host=x86_64-w64-mingw32
 jobs=${JOBS:-2}
 
-if [[ -f $complete ]]; then
+# A cache completed before libzstd was one of the steps goes on: the steps done are skipped.
+if [[ -f $complete && -f $prefix/lib/libzstd.a ]]; then
   echo "toolchain already complete in $prefix"
   cat "$complete"
   exit 0

@@ -1,5 +1,6 @@
 #include "apply/staging_download.h"
 
+#include "apply/artifact_decoder.h"
 #include "apply/update_cache.h"
 #include "base/own_files.h"
 #include "base/sha256.h"
@@ -10,6 +11,8 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+
+#include <algorithm>
 
 namespace {
 
@@ -31,6 +34,73 @@ bool copyReplacing(const QString& from, const QString& to)
     }
 }
 
+// One staging download: where it goes, and the body bytes it has taken from the network.
+struct Transfer {
+    UpdateSession& session;
+    QString staging;
+    QString baseUrl;
+    QString version;
+    qint64 bodyBytes = 0;
+    int fromCache = 0;  // files staged from the cache, whole or from a finished artifact
+};
+
+// Stages `file` at dst from one of its artifacts: taken finished from the cache, or downloaded
+// into staging beside it (resumed from a partial one in the cache), checked by its SHA-256,
+// decoded (a patch against `installed`) and checked again as a whole download would be. Any
+// failure logs one line that names `next`, the way tried after this one, and leaves nothing at
+// dst.
+bool stageFromArtifact(Transfer& transfer, const ManifestFile& file, const ManifestArtifact& artifact,
+                       const QString& dst, const QString& installed, const QString& next)
+{
+    const ManifestFile packed = artifactAsFile(file, artifact);
+    const QString kind = artifactKind(artifact);
+    qInfo().noquote() << QStringLiteral("[Update] \"%1\" tai %2 %3 byte thay vi %4 byte")
+                             .arg(file.path, kind).arg(artifact.size).arg(file.size);
+    const auto fallBack = [&](const QString& reason) {
+        qWarning().noquote() << QStringLiteral("[Update] %1 cho \"%2\" hong (%3) -> %4").arg(kind, file.path, reason, next);
+        removeOwnPath(dst);
+        return false;
+    };
+
+    QString input = findCompleteCachedFile(transfer.version, packed);
+    const bool cached = !input.isEmpty();
+    const QString staged = transfer.staging + QLatin1Char('/') + packed.path;
+    if (input.isEmpty()) {
+        makeOwnDirectory(QFileInfo(staged).path());
+        const QString url = transfer.baseUrl + packed.path;
+        const QString part = cachePartPath(transfer.version, packed.path);
+        const qint64 have = cachePartSize(transfer.version, packed.path);
+        // Bounded by the artifact's size, like a whole file by its own.
+        const bool resumed = have > 0 && have < packed.size && copyReplacing(part, staged);
+        if (resumed)
+            qInfo() << "[Update]" << packed.path << "noi tiep tu kho tam:" << have << "byte";
+        if (!httpGetToFile(transfer.session.network, url, staged, resumed ? have : 0, packed.size,
+                           &transfer.bodyBytes)) {
+            removeOwnPath(staged);
+            return fallBack(QStringLiteral("tai that bai"));
+        }
+        if (sha256OfFile(staged) != packed.sha256) {
+            // Bad bytes in the cache's partial artifact must not be resumed from again.
+            if (resumed)
+                removeOwnPath(part);
+            removeOwnPath(staged);
+            return fallBack(QStringLiteral("hash lech"));
+        }
+        input = staged;
+    }
+    QString reason;
+    const bool decoded =
+        decodeArtifactToFile(input, artifact.isPatch() ? installed : QString(), dst, file.size, &reason);
+    if (input == staged)
+        removeOwnPath(staged);
+    if (!decoded)
+        return fallBack(reason);
+    if (sha256OfFile(dst) != file.sha256)
+        return fallBack(QStringLiteral("file giai ra hash lech"));
+    transfer.fromCache += cached;
+    return true;
+}
+
 } // namespace
 
 QString stagingDir(const UpdateSession& session)
@@ -39,13 +109,15 @@ QString stagingDir(const UpdateSession& session)
 }
 
 bool downloadToStaging(UpdateSession& session, const QList<ManifestFile>& changed, const QString& baseUrl,
-                       const QString& version, QList<StagedFile>& staged)
+                       const QString& version, QList<StagedFile>& staged,
+                       const QHash<QString, QString>& installedHashes)
 {
     const QString staging = stagingDir(session);
     // Whatever an earlier run left here is discarded, never reused.
     removeOwnPath(staging);
     makeOwnDirectory(staging);
-    int fromCache = 0;
+    Transfer transfer{session, staging, baseUrl, version};
+    qint64 wholeBytes = 0;
 
     auto giveUp = [&](const ManifestFile& file) {
         qWarning() << "[Update] tai" << file.path << "that bai -> huy, chay ban hien tai";
@@ -65,15 +137,35 @@ bool downloadToStaging(UpdateSession& session, const QList<ManifestFile>& change
         // server that sends without end cannot fill the disk.
         const QString url = baseUrl + file.path;
         const qint64 bound = fileSizeBound(file);
+        wholeBytes += qMax<qint64>(0, file.size);
 
         const QString cached = findCompleteCachedFile(version, file);
         if (!cached.isEmpty()) {
             if (copyReplacing(cached, dst)) {
-                ++fromCache;
+                ++transfer.fromCache;
                 staged.append({dst, file.path});
                 continue;
             }
             qWarning() << "[Update] khong chep duoc tu kho tam" << file.path << "-> tai lai";
+        }
+
+        // The smallest usable transfer first; each failure falls back to the next, the whole
+        // file last.
+        QList<ManifestArtifact> options = usableArtifacts(file, installedHashes.value(file.path));
+        // One that the prefetcher already holds finished costs nothing on the wire.
+        std::stable_partition(options.begin(), options.end(), [&](const ManifestArtifact& artifact) {
+            return !findCompleteCachedFile(version, artifactAsFile(file, artifact)).isEmpty();
+        });
+        bool stagedSmaller = false;
+        for (int i = 0; i < options.size() && !stagedSmaller; ++i) {
+            const QString next = i + 1 < options.size() ? QStringLiteral("tai ") + artifactKind(options.at(i + 1))
+                                                        : QStringLiteral("tai ca file");
+            stagedSmaller = stageFromArtifact(transfer, file, options.at(i), dst,
+                                              session.appDir + QLatin1Char('/') + safePath, next);
+        }
+        if (stagedSmaller) {
+            staged.append({dst, file.path});
+            continue;
         }
 
         const QString part = cachePartPath(version, file.path);
@@ -82,13 +174,13 @@ bool downloadToStaging(UpdateSession& session, const QList<ManifestFile>& change
         bool downloaded = false;
         if (resumable && copyReplacing(part, dst)) {
             qInfo() << "[Update]" << file.path << "noi tiep tu kho tam:" << have << "byte";
-            downloaded = httpGetToFile(session.network, url, dst, have, bound);
+            downloaded = httpGetToFile(session.network, url, dst, have, bound, &transfer.bodyBytes);
             if (!downloaded) {
                 qWarning() << "[Update] tai tiep" << file.path << "that bai -> thu lai tu dau";
                 removeOwnPath(dst);
             }
         }
-        if (!downloaded && !httpGetToFile(session.network, url, dst, 0, bound))
+        if (!downloaded && !httpGetToFile(session.network, url, dst, 0, bound, &transfer.bodyBytes))
             return giveUp(file);
 
         if (sha256OfFile(dst) == file.sha256) {
@@ -100,7 +192,8 @@ bool downloadToStaging(UpdateSession& session, const QList<ManifestFile>& change
         if (!part.isEmpty())
             removeOwnPath(part);
         removeOwnPath(dst);
-        if (!httpGetToFile(session.network, url, dst, 0, bound) || sha256OfFile(dst) != file.sha256) {
+        if (!httpGetToFile(session.network, url, dst, 0, bound, &transfer.bodyBytes)
+            || sha256OfFile(dst) != file.sha256) {
             qWarning() << "[Update] hash van lech" << file.path << "-> huy";
             removeOwnPath(staging);
             return false;
@@ -108,6 +201,7 @@ bool downloadToStaging(UpdateSession& session, const QList<ManifestFile>& change
         staged.append({dst, file.path});
     }
 
-    qInfo() << "[Update] dung" << fromCache << "/" << changed.size() << "file tu kho tam";
+    qInfo() << "[Update] dung" << transfer.fromCache << "/" << changed.size() << "file tu kho tam";
+    qInfo() << "[Update] da tai qua mang" << transfer.bodyBytes << "byte (ca file:" << wholeBytes << "byte)";
     return true;
 }

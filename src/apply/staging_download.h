@@ -1,6 +1,7 @@
 #pragma once
 #include "update/manifest.h"
 
+#include <QHash>
 #include <QList>
 #include <QString>
 
@@ -15,7 +16,11 @@ struct StagedFile {
 QString stagingDir(const UpdateSession& session);
 
 // Puts a verified copy of every changed file into staging, from the cheapest good source:
-// a finished cache file, a cached partial file resumed over the network, or a fresh download.
-// On failure the staging directory is deleted and false returned.
+// a finished cache file; else the smallest usable artifact (a patch against the installed
+// content installedHashes gives for the path, then the compressed file), falling back to the
+// next on any failure; else the whole file, a cached partial file resumed over the network or a
+// fresh download. Ends with the bytes that went over the wire. On failure the staging
+// directory is deleted and false returned.
 bool downloadToStaging(UpdateSession& session, const QList<ManifestFile>& changed,
-                       const QString& baseUrl, const QString& version, QList<StagedFile>& staged);
+                       const QString& baseUrl, const QString& version, QList<StagedFile>& staged,
+                       const QHash<QString, QString>& installedHashes = {});

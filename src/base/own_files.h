@@ -6,8 +6,9 @@ class QFile;
 
 // The updater's own files below the installation directory (updater.log, .update-cache,
 // .staging), reached without following a link below that directory: see
-// platform/file_access.h. Paths are absolute. A path outside the installation directory (only
-// tests use one) has its parent directory as the trusted base.
+// platform/file_access.h. Paths are absolute. A path outside the installation directory (tests,
+// and corvanta-publish checking artifacts with the updater's decoder) has its parent directory
+// as the trusted base.
 
 // Opens `path` into `file` (which must not be open) for reading (ReadOnly), for writing into a
 // new empty file (WriteOnly, with or without Truncate) or for appending (WriteOnly | Append);

@@ -2,6 +2,7 @@
 // refuse early when the download is too large or the disk too full.
 #include "prefetch/update_prefetcher.h"
 
+#include "apply/artifact_decoder.h"
 #include "base/installation_dir.h"
 #include "base/own_files.h"
 #include "update/http_fetch.h"
@@ -15,6 +16,7 @@
 #include <QStorageInfo>
 #include <QTimer>
 
+#include <algorithm>
 #include <limits>
 
 namespace corv {
@@ -84,7 +86,12 @@ void UpdatePrefetcher::planRound()
 
     Manifest installed;
     QList<ManifestFile> candidates;
+    // Which patch applies is judged by the installed manifest: a prefetch never reads the
+    // installed files (the apply checks them, and falls back when one differs).
+    QHash<QString, QString> installedHashes;
     if (loadInstalledManifest(installationDir(), &installed)) {
+        for (const ManifestFile& file : qAsConst(installed.files))
+            installedHashes.insert(file.path, file.sha256);
         if (manifest.buildNumber >= 0 && installed.buildNumber >= manifest.buildNumber) {
             finish(QStringLiteral("da moi nhat -> khong co gi de tai san"));
             return;
@@ -94,19 +101,29 @@ void UpdatePrefetcher::planRound()
         candidates = manifest.files;
     }
 
-    // Files already finished and verified in the cache leave the plan; partial ones count only
-    // their missing bytes.
+    // Files already finished and verified in the cache, whole or as an artifact the apply can
+    // use, leave the plan; partial ones count only their missing bytes. The others are fetched
+    // as their smallest usable artifact, or whole.
     plan.clear();
+    planFiles.clear();
     qint64 need = 0;
     for (const ManifestFile& file : qAsConst(candidates)) {
-        if (!findCompleteCachedFile(version, file).isEmpty()) {
+        const QList<ManifestArtifact> artifacts = usableArtifacts(file, installedHashes.value(file.path));
+        const bool cached = !findCompleteCachedFile(version, file).isEmpty()
+                            || std::any_of(artifacts.begin(), artifacts.end(), [&](const ManifestArtifact& artifact) {
+                                   return !findCompleteCachedFile(version, artifactAsFile(file, artifact)).isEmpty();
+                               });
+        if (cached) {
             ++filesOk;
             continue;
         }
+        const ManifestFile fetched = artifacts.isEmpty() ? file : artifactAsFile(file, artifacts.first());
         // A file without a size may bring up to the global limit for such files.
-        need = addSaturating(need, qMax<qint64>(0, fileSizeBound(file) - cachePartSize(version, file.path)));
-        plan.append(file);
+        need = addSaturating(need, qMax<qint64>(0, fileSizeBound(fetched) - cachePartSize(version, fetched.path)));
+        plan.append(fetched);
+        planFiles.append({file, artifacts});
     }
+    plannedBytes = need;
 
     if (plan.isEmpty()) {
         finish(QStringLiteral("kho tam da du cho ") + version);

@@ -2,6 +2,7 @@
 // then a length check, an incremental SHA-256 and the rename to the final cache name.
 #include "prefetch/update_prefetcher.h"
 
+#include "apply/artifact_decoder.h"
 #include "base/own_files.h"
 #include "base/sha256.h"
 #include "update/http_fetch.h"
@@ -42,6 +43,11 @@ void UpdatePrefetcher::startNextFile()
         return;
     }
     makeOwnDirectory(QFileInfo(part).absolutePath());
+    // The way this entry takes to its file, once per choice (retries do not repeat it).
+    const PlannedFile& planned = planFiles.at(currentIndex);
+    if (!planned.artifacts.isEmpty() && retryCount == 0)
+        qInfo().noquote() << "[UpdatePrefetch]" << planned.file.path << "tai" << artifactKind(planned.artifacts.first())
+                          << planned.artifacts.first().size << "byte thay vi" << planned.file.size << "byte";
 
     qint64 have = cachePartSize(version, file.path);
     phase = Downloading;
@@ -284,10 +290,47 @@ void UpdatePrefetcher::advance(bool ok)
             QTimer::singleShot(kPrefetchRetryDelayMs, this, [this] { startNextFile(); });
             return;
         }
+        if (!stopping && fallBack()) {
+            --currentIndex;  // the same entry, now the next way to its file
+            QTimer::singleShot(0, this, [this] { startNextFile(); });
+            return;
+        }
         ++filesLeft;  // left for the apply updater
     }
     if (!stopping)
         QTimer::singleShot(0, this, [this] { startNextFile(); });
+}
+
+bool UpdatePrefetcher::fallBack()
+{
+    PlannedFile& planned = planFiles[currentIndex];
+    if (planned.artifacts.isEmpty())
+        return false;
+    const QString version = manifest.fullVersion;
+    const ManifestArtifact failed = planned.artifacts.takeFirst();
+    const ManifestFile next = planned.artifacts.isEmpty() ? planned.file : artifactAsFile(planned.file, planned.artifacts.first());
+    const QString way = planned.artifacts.isEmpty() ? QStringLiteral("tai ca file")
+                                                    : QStringLiteral("tai ") + artifactKind(planned.artifacts.first());
+    // The cap holds for what the run may still take: a larger way in place of the failed one
+    // must fit too.
+    const ManifestFile& current = plan.at(currentIndex);
+    const qint64 more = qMax<qint64>(0, fileSizeBound(next) - cachePartSize(version, next.path))
+                        - qMax<qint64>(0, fileSizeBound(current) - cachePartSize(version, current.path));
+    if (plannedBytes + more > kPrefetchDownloadCap) {
+        qWarning().noquote() << "[UpdatePrefetch]" << artifactKind(failed) << "cho" << planned.file.path
+                             << "hong -> de updater lo (vuot tran" << kPrefetchDownloadCap / 1048576 << "MB)";
+        return false;
+    }
+    qWarning().noquote() << "[UpdatePrefetch]" << artifactKind(failed) << "cho" << planned.file.path << "hong ->" << way;
+    plannedBytes += more;
+    for (CacheFileState& entry : state.files) {
+        if (entry.path == current.path && !entry.done)
+            entry = CacheFileState{next.path, next.size, next.sha256, cachePartSize(version, next.path), false};
+    }
+    plan[currentIndex] = next;
+    retryCount = 0;
+    saveState(true);
+    return true;
 }
 
 void UpdatePrefetcher::saveState(bool force)

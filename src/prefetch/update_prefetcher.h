@@ -46,9 +46,20 @@ constexpr int kPrefetchRetryDelayMs = 1000;
 constexpr qint64 kPrefetchDownloadCap = 524288000;
 constexpr qint64 kPrefetchDiskReserve = 1073741824;
 
+// What a plan entry stands for: a build file, fetched whole (no artifacts) or as the first of
+// its usable artifacts, the others and then the whole file being what a failed artifact falls
+// back to.
+struct PlannedFile {
+    ManifestFile file;
+    QList<ManifestArtifact> artifacts;
+};
+
 // Downloads the next build into the update cache while the application runs: one request at
-// a time, at most 1,024,000 bytes a second, resumable, verified, and given up cleanly when the
-// application closes, the network stalls, or the download is too large for the disk.
+// a time, at most 1,024,000 bytes a second on the wire, resumable, verified, and given up
+// cleanly when the application closes, the network stalls, or the download is too large for
+// the disk. A file comes as the smallest artifact the installed build can use when there is
+// one (a patch against the installed manifest's content, else the compressed copy), which the
+// apply later decodes; a failed artifact falls back to the next, the whole file last.
 // Its only meta-method is the signal finished(); everything else is connected by pointer.
 class UpdatePrefetcher : public QObject {
     Q_OBJECT
@@ -106,6 +117,10 @@ private:
     void completeFile();
     void hashStep();
     void advance(bool ok);
+    // After the last attempt at an artifact failed: plans the next way to the file in its place
+    // and returns true, or false when there is none, or when it would take the run beyond the
+    // download cap.
+    bool fallBack();
     void saveState(bool force);
     // Writes `state` now, or as soon as the interval since the last write is over.
     void writeState();
@@ -123,7 +138,9 @@ private:
     QString baseUrl;
     QByteArray manifestBytes;
     Manifest manifest;
-    QList<ManifestFile> plan;
+    QList<ManifestFile> plan;       // what is downloaded: build files, or artifacts as files
+    QList<PlannedFile> planFiles;   // what each plan entry stands for
+    qint64 plannedBytes = 0;        // bytes the plan still needs, against the download cap
     qint32 currentIndex = -1;
     QFile* partFile = nullptr;
     bool receiving = false;

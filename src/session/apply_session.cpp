@@ -63,7 +63,8 @@ UpdateOutcome runUpdateSession(UpdateSession& session)
         return UpToDate;
     }
 
-    const QList<ManifestFile> plan = changedFiles(remote, session.appDir);
+    QHash<QString, QString> installedHashes;
+    const QList<ManifestFile> plan = changedFiles(remote, session.appDir, &installedHashes);
     if (plan.isEmpty()) {
         // Every file already has the published content: only the record is missing or stale.
         writeInstalledManifest(session, rawBytes);
@@ -74,7 +75,7 @@ UpdateOutcome runUpdateSession(UpdateSession& session)
 
     reportStatus(session, QString::fromUtf8("Đang tải bản cập nhật (%1 tệp)…").arg(plan.size()));
     QList<StagedFile> staged;
-    if (!downloadToStaging(session, plan, baseUrl, version, staged))
+    if (!downloadToStaging(session, plan, baseUrl, version, staged, installedHashes))
         return Failed;
 
     reportStatus(session, QString::fromUtf8("Đang áp bản cập nhật…"));
@@ -90,14 +91,19 @@ UpdateOutcome runUpdateSession(UpdateSession& session)
     return Updated;
 }
 
-QList<ManifestFile> changedFiles(const Manifest& manifest, const QString& appDir)
+QList<ManifestFile> changedFiles(const Manifest& manifest, const QString& appDir,
+                                 QHash<QString, QString>* installedHashes)
 {
     const QDir dir(appDir);
     QList<ManifestFile> changed;
     for (const ManifestFile& file : manifest.files) {
         // An unreadable or missing file hashes to "" and therefore always lands in the plan.
-        if (sha256OfFile(dir.filePath(file.path)).toLower() != file.sha256)
-            changed.append(file);
+        const QString installed = sha256OfFile(dir.filePath(file.path)).toLower();
+        if (installed == file.sha256)
+            continue;
+        changed.append(file);
+        if (installedHashes)
+            installedHashes->insert(file.path, installed);
     }
     return changed;
 }

@@ -2,6 +2,7 @@
 #include "update/manifest.h"
 #include "update/update_session.h"
 
+#include <QHash>
 #include <QList>
 #include <QString>
 
@@ -10,5 +11,8 @@
 UpdateOutcome runUpdateSession(UpdateSession& session);
 
 // The manifest's files whose installed copy is missing or has another SHA-256, in manifest
-// order. Installed files are streamed, never read whole.
-QList<ManifestFile> changedFiles(const Manifest& manifest, const QString& appDir);
+// order. Installed files are streamed, never read whole. installedHashes, when given, receives
+// the installed SHA-256 of each of them ("" for a missing or unreadable file): it tells which
+// patch applies, without hashing the installed files twice.
+QList<ManifestFile> changedFiles(const Manifest& manifest, const QString& appDir,
+                                 QHash<QString, QString>* installedHashes = nullptr);

@@ -24,6 +24,7 @@ struct FileSink {
     qint64 maxLength;    // the file may not grow beyond this
     qint64 length = 0;   // bytes the file holds
     qint64 received = 0; // body bytes of this response written to the file
+    qint64 read = 0;     // body bytes taken from the reply, also those refused
     QByteArray encoding; // a refused Content-Encoding
     bool opened = false;
     bool writeFailed = false;
@@ -73,6 +74,7 @@ struct FileSink {
             const QByteArray chunk = reply->read(kHttpReadChunkBytes);
             if (chunk.isEmpty())
                 return;
+            read += chunk.size();
             if (length + chunk.size() > maxLength) {
                 tooLarge = true;
                 reply->abort();
@@ -223,7 +225,7 @@ QByteArray httpGetWithRetry(BoundedNetworkAccessManager& network, const QString&
 }
 
 bool httpGetToFile(BoundedNetworkAccessManager& network, const QString& url, const QString& filePath,
-                   qint64 offset, qint64 maxLength)
+                   qint64 offset, qint64 maxLength, qint64* bodyBytes)
 {
     QNetworkRequest request = makeUpdateRequest(url);
     if (offset > 0)
@@ -258,6 +260,8 @@ bool httpGetToFile(BoundedNetworkAccessManager& network, const QString& url, con
     else if (failed)
         qWarning() << "[Update] GET(file) loi" << url << reply->errorString();
     reply->deleteLater();
+    if (bodyBytes)
+        *bodyBytes += sink.read;
     if (sink.opened) {
         if (!sink.file.flush())
             sink.writeFailed = true;

@@ -41,5 +41,7 @@ QString bodyRefusal(const QNetworkReply& reply, qint64 maxBytes);
 // Streams the body into filePath. offset > 0 asks for "Range: bytes=offset-": a 206 answer
 // is appended, a 200 answer rewrites the file from byte 0. The transfer is aborted and fails as
 // soon as the file would grow beyond maxLength bytes (0: only an empty body is accepted).
+// bodyBytes, when given, grows by the body bytes read from the server, failed transfers
+// included: what the file cost on the wire.
 bool httpGetToFile(BoundedNetworkAccessManager& network, const QString& url, const QString& filePath,
-                   qint64 offset, qint64 maxLength = kUnsizedFileLimit);
+                   qint64 offset, qint64 maxLength = kUnsizedFileLimit, qint64* bodyBytes = nullptr);

@@ -11,6 +11,7 @@
 #include <QJsonObject>
 #include <QJsonValue>
 #include <QPair>
+#include <QRegularExpression>
 #include <QStringList>
 #include <QVector>
 
@@ -111,7 +112,56 @@ bool readFileSize(const QJsonObject& entry, qint64* size)
     return true;
 }
 
+bool isSha256Hex(const QString& text)
+{
+    static const QRegularExpression hex(QStringLiteral("\\A[0-9a-f]{64}\\z"));
+    return hex.match(text).hasMatch();
+}
+
+// An artifact entry ("zstd", or an element of "zstdPatches"), or nothing when it cannot serve:
+// its hashes name its path, so they must be 64 hex digits, and it must be smaller than the file.
+// A bad artifact is only left out: the whole file stays the way to the content.
+bool readArtifact(const QJsonValue& value, const ManifestFile& file, bool patch, ManifestArtifact* artifact)
+{
+    if (!value.isObject())
+        return false;
+    const QJsonObject entry = value.toObject();
+    artifact->size = integerOr(entry.value(QStringLiteral("size")), 0);
+    artifact->sha256 = entry.value(QStringLiteral("sha256")).toString().toLower();
+    artifact->sourceSha256 = patch ? entry.value(QStringLiteral("from")).toString().toLower() : QString();
+    return artifact->size > 0 && artifact->size < file.size && isSha256Hex(artifact->sha256)
+           && isSha256Hex(file.sha256) && (!patch || (isSha256Hex(artifact->sourceSha256)
+                                                      && artifact->sourceSha256 != file.sha256));
+}
+
+QList<ManifestArtifact> readArtifacts(const QJsonObject& entry, const ManifestFile& file)
+{
+    QList<ManifestArtifact> artifacts;
+    ManifestArtifact artifact;
+    if (readArtifact(entry.value(QStringLiteral("zstd")), file, false, &artifact))
+        artifacts.append(artifact);
+    QStringList sources;
+    for (const QJsonValue& value : entry.value(QStringLiteral("zstdPatches")).toArray()) {
+        if (readArtifact(value, file, true, &artifact) && !sources.contains(artifact.sourceSha256)) {
+            sources.append(artifact.sourceSha256);
+            artifacts.append(artifact);
+        }
+    }
+    return artifacts;
+}
+
 } // namespace
+
+QString artifactPath(const ManifestFile& file, const ManifestArtifact& artifact)
+{
+    const QString name = artifact.isPatch() ? artifact.sourceSha256 + QLatin1Char('-') + file.sha256 : file.sha256;
+    return QLatin1String(kArtifactDir) + QLatin1Char('/') + name + QStringLiteral(".zst");
+}
+
+ManifestFile artifactAsFile(const ManifestFile& file, const ManifestArtifact& artifact)
+{
+    return ManifestFile{artifactPath(file, artifact), artifact.size, artifact.sha256, {}};
+}
 
 QString reservedPathReason(const QString& path)
 {
@@ -128,6 +178,8 @@ QString reservedPathReason(const QString& path)
                                               || first == QLatin1String("manifest.json.sig")
                                               || first == QLatin1String("updater.log"))))
         return QStringLiteral("the updater keeps its own files under this name");
+    if (first == QLatin1String(kArtifactDir))
+        return QStringLiteral("the publisher keeps compressed files and patches under this name");
     for (const QString& suffix : kWorkingFileSuffixes) {
         if (last.endsWith(suffix))
             return QStringLiteral("the updater gives names ending in \"%1\" to files of its own").arg(suffix);
@@ -229,6 +281,7 @@ bool parseManifest(const QByteArray& bytes, Manifest* manifest)
         file.path = safeRelativePath(path);
         if (file.path.isEmpty())
             return false;
+        file.artifacts = readArtifacts(entry, file);
         parsed.files.append(file);
         paths.append(file.path);
     }

@@ -1,3 +1,4 @@
+#include "apply/artifact_decoder.h"
 #include "base/installation_dir.h"
 #include "apply/staging_download.h"
 #include "apply/update_cache.h"
@@ -5,6 +6,7 @@
 #include "support/test_files.h"
 #include "support/test_install.h"
 #include "support/test_server.h"
+#include "update/manifest.h"
 #include "update/update_session.h"
 
 #include <QFileInfo>
@@ -25,9 +27,25 @@ QByteArray patterned(int size, char seed)
     return bytes;
 }
 
+// The line that ends a staging download: the body bytes it took from the network, and what the
+// changed files are whole.
+QString wireLine(qint64 wire, qint64 whole)
+{
+    return QStringLiteral("I [Update] da tai qua mang %1 byte (ca file: %2 byte)").arg(wire).arg(whole);
+}
+
 ManifestFile entryFor(const QString& path, const QByteArray& content)
 {
-    return {path, content.size(), sha256Hex(content)};
+    return {path, content.size(), sha256Hex(content), {}};
+}
+
+// Lines of text with numbers in them: compressible, and a patch between two versions is small.
+QByteArray textLines(int lines, int edition)
+{
+    QByteArray text;
+    for (int i = 0; i < lines; ++i)
+        text += "line " + QByteArray::number(i) + " value " + QByteArray::number((i * 7919 + (i % 97 == 0 ? edition : 0)) % 100003) + '\n';
+    return text;
 }
 
 } // namespace
@@ -50,6 +68,10 @@ private slots:
     void emptyList();
     void hostilePathIsRefused_data();
     void hostilePathIsRefused();
+    void decodeArtifact_data();
+    void decodeArtifact();
+    void smallerTransfers_data();
+    void smallerTransfers();
 
 private:
     QString serve(const QString& relPath, const QByteArray& content);
@@ -122,7 +144,7 @@ void StagingDownloadTest::finishedCacheFilesCounted()
     LogCapture capture;
     QList<StagedFile> staged;
     QVERIFY(run(changed, staged));
-    QCOMPARE(capture.lines(), QStringList{"I [Update] dung 3 / 5 file tu kho tam"});
+    QCOMPARE(capture.lines(), (QStringList{"I [Update] dung 3 / 5 file tu kho tam", wireLine(3001 + 3003, 15010)}));
     QCOMPARE(staged.size(), 5);
     for (int i = 0; i < 5; ++i) {
         QCOMPARE(staged[i].relPath, changed[i].path);
@@ -166,24 +188,28 @@ void StagingDownloadTest::partialFile_data()
     QTest::addColumn<QStringList>("log");
 
     const QString resumed = QStringLiteral("I [Update] \"big.bin\" noi tiep tu kho tam: 1000 byte");
-    const QString summary = QStringLiteral("I [Update] dung 0 / 1 file tu kho tam");
+    // The summary and the bytes over the wire.
+    const auto summary = [](qint64 wire, qint64 whole) {
+        return QStringList{QStringLiteral("I [Update] dung 0 / 1 file tu kho tam"), wireLine(wire, whole)};
+    };
     const QString mismatch = QStringLiteral("W [Update] hash lech \"big.bin\" -> bo phan da co, tai lai tu dau");
     QTest::newRow("good partial resumed") << "good" << 1000 << qint64(-2) << false << QStringList{"bytes=1000-"}
-                                          << true << QStringList{resumed, summary};
+                                          << true << QStringList{resumed} + summary(49000, 50000);
     QTest::newRow("no size (-1) resumes any partial") << "good" << 1000 << qint64(-1) << false
                                                        << QStringList{"bytes=1000-"} << true
-                                                       << QStringList{resumed, summary};
+                                                       << QStringList{resumed} + summary(49000, 0);
     QTest::newRow("empty partial not resumed") << "empty" << 0 << qint64(-2) << false << QStringList{""} << true
-                                               << QStringList{summary};
+                                               << summary(50000, 50000);
     QTest::newRow("partial as large as the file not resumed")
-        << "full" << 50000 << qint64(-2) << false << QStringList{""} << true << QStringList{summary};
+        << "full" << 50000 << qint64(-2) << false << QStringList{""} << true << summary(50000, 50000);
     QTest::newRow("partial larger than the file not resumed")
-        << "over" << 50001 << qint64(-2) << false << QStringList{""} << true << QStringList{summary};
+        << "over" << 50001 << qint64(-2) << false << QStringList{""} << true << summary(50000, 50000);
     QTest::newRow("server ignoring the range restarts the file")
-        << "good" << 1000 << qint64(-2) << true << QStringList{"bytes=1000-"} << true << QStringList{resumed, summary};
+        << "good" << 1000 << qint64(-2) << true << QStringList{"bytes=1000-"} << true
+        << QStringList{resumed} + summary(50000, 50000);
     QTest::newRow("wrong bytes in the partial: it is deleted")
         << "bad" << 1000 << qint64(-2) << false << QStringList{"bytes=1000-", ""} << false
-        << QStringList{resumed, mismatch, summary};
+        << QStringList{resumed, mismatch} + summary(49000 + 50000, 50000);
 }
 
 void StagingDownloadTest::partialFile()
@@ -242,7 +268,7 @@ void StagingDownloadTest::resumeFailureStartsOver()
     QCOMPARE(stagingLines(capture),
              (QStringList{"I [Update] \"lib/r.dll\" noi tiep tu kho tam: 1000 byte",
                           "W [Update] tai tiep \"lib/r.dll\" that bai -> thu lai tu dau",
-                          "I [Update] dung 0 / 1 file tu kho tam"}));
+                          "I [Update] dung 0 / 1 file tu kho tam", wireLine(20000, 20000)}));
     QCOMPARE(readFile(staged[0].stagedPath, kMissing), content);
     QCOMPARE(server->requestsFor(urlPath).size(), 2);
     QCOMPARE(server->requestsFor(urlPath).at(1).headers.value("range"), QByteArray());
@@ -277,7 +303,7 @@ void StagingDownloadTest::mismatchTwiceGivesUp()
     staged.clear();
     QVERIFY(run({entryFor(QStringLiteral("sub/x.dll"), content)}, staged));
     QCOMPARE(capture.lines(), (QStringList{"W [Update] hash lech \"sub/x.dll\" -> bo phan da co, tai lai tu dau",
-                                           "I [Update] dung 0 / 1 file tu kho tam"}));
+                                           "I [Update] dung 0 / 1 file tu kho tam", wireLine(16000, 8000)}));
     QCOMPARE(readFile(staged[0].stagedPath, kMissing), content);
 }
 
@@ -317,7 +343,7 @@ void StagingDownloadTest::emptyList()
     LogCapture capture;
     QList<StagedFile> staged;
     QVERIFY(run({}, staged));
-    QCOMPARE(capture.lines(), QStringList{"I [Update] dung 0 / 0 file tu kho tam"});
+    QCOMPARE(capture.lines(), (QStringList{"I [Update] dung 0 / 0 file tu kho tam", wireLine(0, 0)}));
     QVERIFY(QFileInfo(staging()).isDir());
     QCOMPARE(filesBelow(staging()), QStringList());
     QVERIFY(staged.isEmpty());
@@ -342,6 +368,187 @@ void StagingDownloadTest::hostilePathIsRefused()
     QVERIFY(!QFileInfo::exists(install->path() + QStringLiteral("/evil.dll")));
     QVERIFY(!QFileInfo::exists(QStringLiteral("/evil.dll")));
     QVERIFY(server->requests().isEmpty());
+}
+
+void StagingDownloadTest::decodeArtifact_data()
+{
+    QTest::addColumn<QString>("artifact");  // how it is made from the new file: "compressed", "patch",
+                                            // "wide window", "not zstd", "missing", with "+" changes:
+                                            // "+half" (cut), "+x" (a byte more), "+twice", "+flip"
+    QTest::addColumn<QString>("source");    // what it is decoded against: "none", "old", "other", "huge"
+    QTest::addColumn<int>("sizeOffset");    // added to the new file's size as the expected size
+    QTest::addColumn<QString>("error");     // "" when it decodes to the new file
+
+    QTest::newRow("compressed file") << "compressed" << "none" << 0 << "";
+    QTest::newRow("patch against the installed file") << "patch" << "old" << 0 << "";
+    QTest::newRow("patch against another file") << "patch" << "other" << 0
+                                                 << "zstd: Restored data doesn't match checksum";
+    QTest::newRow("patch without its source") << "patch" << "none" << 0 << "zstd: Data corruption detected";
+    QTest::newRow("source beyond the patch limit") << "patch" << "huge" << 0 << "file goc lon qua 83886080 byte";
+    QTest::newRow("a byte more than the file") << "compressed" << "none" << -1 << "giai ra qua 199999 byte";
+    QTest::newRow("a byte less than the file") << "compressed" << "none" << 1 << "giai ra 200000 / 200001 byte";
+    QTest::newRow("truncated") << "compressed+half" << "none" << 0 << "zstd: frame bi cat ngang";
+    QTest::newRow("a byte after the frame") << "compressed+x" << "none" << 0 << "du lieu thua sau frame zstd";
+    QTest::newRow("a second frame") << "compressed+twice" << "none" << 0 << "du lieu thua sau frame zstd";
+    QTest::newRow("one byte changed") << "compressed+flip" << "none" << 0 << "zstd: Restored data doesn't match checksum";
+    QTest::newRow("window beyond the limit") << "wide window" << "none" << 0
+                                             << "zstd: Frame requires too much memory for decoding";
+    QTest::newRow("not zstd") << "not zstd" << "none" << 0 << "zstd: Unknown frame descriptor";
+    QTest::newRow("missing") << "missing" << "none" << 0 << "khong mo duoc %1/artifact.zst";
+}
+
+void StagingDownloadTest::decodeArtifact()
+{
+    QFETCH(QString, artifact);
+    QFETCH(QString, source);
+    QFETCH(int, sizeOffset);
+    QFETCH(QString, error);
+    const QString dir = install->path();
+    const QByteArray oldFile = textLines(10000, 1).left(200000);
+    const QByteArray newFile = textLines(10000, 2).left(200000);
+    QCOMPARE(newFile.size(), 200000);
+    QVERIFY(writeFile(dir + QStringLiteral("/old"), oldFile));
+    QVERIFY(writeFile(dir + QStringLiteral("/new"), newFile));
+    QVERIFY(writeFile(dir + QStringLiteral("/other"), textLines(10000, 3).left(200000)));
+    QFile huge(dir + QStringLiteral("/huge"));
+    QVERIFY(huge.open(QIODevice::WriteOnly) && huge.resize(kPatchMaxFileBytes + 1));  // sparse
+    huge.close();
+
+    const QString path = dir + QStringLiteral("/artifact.zst");
+    const QString kind = artifact.section(QLatin1Char('+'), 0, 0);
+    QByteArray bytes;
+    // Made once: the rows change copies of them.
+    static const QByteArray compressed = zstdCompressed(newFile);
+    static const QByteArray patch = zstdPatch(oldFile, newFile);
+    if (kind == QLatin1String("compressed"))
+        bytes = compressed;
+    else if (kind == QLatin1String("patch"))
+        bytes = patch;
+    else if (kind == QLatin1String("wide window"))  // from a pipe: no size to shrink the window to
+        bytes = runZstd({QStringLiteral("--long=28")}, newFile, QByteArray(), true);
+    else if (kind == QLatin1String("not zstd"))
+        bytes = patterned(5000, 'z');
+    if (kind != QLatin1String("missing")) {
+        QVERIFY2(!bytes.isEmpty(), "the zstd tool (Debian package zstd) must be installed");
+        QVERIFY(kind != QLatin1String("patch") || bytes.size() < 20000);  // a real patch, not the whole file
+    }
+    if (artifact.endsWith(QLatin1String("+half")))
+        bytes.truncate(bytes.size() / 2);
+    if (artifact.endsWith(QLatin1String("+x")))
+        bytes += 'x';
+    if (artifact.endsWith(QLatin1String("+twice")))
+        bytes += bytes;
+    if (artifact.endsWith(QLatin1String("+flip")))
+        bytes[bytes.size() / 2] = char(bytes.at(bytes.size() / 2) ^ 0x10);
+    if (kind == QLatin1String("missing"))
+        QFile::remove(path);
+    else
+        QVERIFY(writeFile(path, bytes));
+
+    const QString sourcePath = source == QLatin1String("none") ? QString() : dir + QLatin1Char('/') + source;
+    const QString output = dir + QStringLiteral("/decoded");
+    QString failure;
+    const bool decoded = decodeArtifactToFile(path, sourcePath, output, newFile.size() + sizeOffset, &failure);
+    QCOMPARE(failure, error.contains(QLatin1String("%1")) ? error.arg(dir) : error);
+    QCOMPARE(decoded, error.isEmpty());
+    if (decoded)
+        QCOMPARE(readFile(output, kMissing), newFile);
+}
+
+void StagingDownloadTest::smallerTransfers_data()
+{
+    QTest::addColumn<QString>("installed");  // "old" (the patch's source), "other", "none"
+    QTest::addColumn<QString>("cache");      // "", "patch" (finished), "patch part" (first 100 bytes),
+                                             // "bad compressed part" (100 wrong bytes)
+    QTest::addColumn<QStringList>("requests");  // paths asked for: "patch", "compressed", "file"
+    QTest::addColumn<QStringList>("log");       // %1 patch size, %2 compressed size, %3 wire bytes
+
+    const QString patch = QStringLiteral("I [Update] \"lib/t.txt\" tai patch %1 byte thay vi 200000 byte");
+    const QString compressed = QStringLiteral("I [Update] \"lib/t.txt\" tai ban nen %2 byte thay vi 200000 byte");
+    const QString summary = QStringLiteral("I [Update] dung 0 / 1 file tu kho tam");
+    const QString wire = QStringLiteral("I [Update] da tai qua mang %3 byte (ca file: 200000 byte)");
+    QTest::newRow("the patch for the installed content") << "old" << "" << QStringList{"patch"}
+                                                         << QStringList{patch, summary, wire};
+    QTest::newRow("no patch for other installed content: the compressed file")
+        << "other" << "" << QStringList{"compressed"} << QStringList{compressed, summary, wire};
+    QTest::newRow("nothing installed: the compressed file") << "none" << "" << QStringList{"compressed"}
+                                                             << QStringList{compressed, summary, wire};
+    QTest::newRow("a finished patch in the cache: nothing requested")
+        << "old" << "patch" << QStringList{}
+        << QStringList{patch, QStringLiteral("I [Update] dung 1 / 1 file tu kho tam"), wire};
+    QTest::newRow("a partial patch in the cache is resumed")
+        << "old" << "patch part" << QStringList{"patch"}
+        << QStringList{patch, QStringLiteral("I [Update] \"%4\" noi tiep tu kho tam: 100 byte"), summary, wire};
+    QTest::newRow("a partial compressed file with wrong bytes: deleted, then the whole file")
+        << "none" << "bad compressed part" << QStringList{"compressed", "file"}
+        << QStringList{compressed, QStringLiteral("I [Update] \"%5\" noi tiep tu kho tam: 100 byte"),
+                       QStringLiteral("W [Update] ban nen cho \"lib/t.txt\" hong (hash lech) -> tai ca file"), summary, wire};
+}
+
+void StagingDownloadTest::smallerTransfers()
+{
+    QFETCH(QString, installed);
+    QFETCH(QString, cache);
+    QFETCH(QStringList, requests);
+    QFETCH(QStringList, log);
+    const QByteArray oldFile = textLines(10000, 1).left(200000);
+    const QByteArray newFile = textLines(10000, 2).left(200000);
+    static const QByteArray compressed = zstdCompressed(newFile);
+    static const QByteArray patch = zstdPatch(oldFile, newFile);
+    QVERIFY(!compressed.isEmpty() && !patch.isEmpty());
+    const QString path = QStringLiteral("lib/t.txt");
+    QMap<QString, QString> urlPaths{{QStringLiteral("file"), serve(path, newFile)},
+                                    {QStringLiteral("compressed"), serve(compressedRelPath(newFile), compressed)},
+                                    {QStringLiteral("patch"), serve(patchRelPath(oldFile, newFile), patch)}};
+    const QByteArray installedBytes = installed == QLatin1String("old") ? oldFile : textLines(10000, 3).left(200000);
+    if (installed != QLatin1String("none"))
+        QVERIFY(writeFile(install->path() + QLatin1Char('/') + path, installedBytes));
+    if (cache == QLatin1String("patch"))
+        QVERIFY(writeFile(cached(patchRelPath(oldFile, newFile)), patch));
+    if (cache == QLatin1String("patch part"))
+        QVERIFY(writeFile(cachePartPath(kVersion, patchRelPath(oldFile, newFile)), patch.left(100)));
+    const QString badPart = cachePartPath(kVersion, compressedRelPath(newFile));
+    if (cache == QLatin1String("bad compressed part"))
+        QVERIFY(writeFile(badPart, patterned(100, 'b')));
+
+    ManifestFile entry = entryFor(path, newFile);
+    const QByteArray manifest = withArtifacts(makeManifestJson(kVersion, 2, {{path, newFile}}), path, compressed,
+                                              {{oldFile, patch}});
+    Manifest parsed;
+    QVERIFY(parseManifest(manifest, &parsed));
+    entry = parsed.files.constFirst();
+    QHash<QString, QString> installedHashes;
+    if (installed != QLatin1String("none"))
+        installedHashes.insert(path, sha256Hex(installedBytes));
+
+    qint64 wire = 0;
+    for (const QString& request : requests) {
+        const qint64 full = request == QLatin1String("patch") ? patch.size()
+                            : request == QLatin1String("compressed") ? compressed.size() : newFile.size();
+        wire += full - (cache.endsWith(QLatin1String("part")) && request != QLatin1String("file") ? 100 : 0);
+    }
+    QStringList expected;
+    for (const QString& line : log)
+        expected << QString(line).replace(QLatin1String("%1"), QString::number(patch.size()))
+                        .replace(QLatin1String("%2"), QString::number(compressed.size()))
+                        .replace(QLatin1String("%3"), QString::number(wire))
+                        .replace(QLatin1String("%4"), patchRelPath(oldFile, newFile))
+                        .replace(QLatin1String("%5"), compressedRelPath(newFile));
+
+    LogCapture capture;
+    QList<StagedFile> staged;
+    QVERIFY(downloadToStaging(*session, {entry}, server->url(QStringLiteral("b/")), kVersion, staged, installedHashes));
+    QCOMPARE(stagingLines(capture), expected);
+    QCOMPARE(staged.size(), 1);
+    QCOMPARE(readFile(staged[0].stagedPath, kMissing), newFile);
+    QStringList asked;
+    for (const TestServer::Request& request : server->requests())
+        asked << urlPaths.key(request.path, request.path);
+    QCOMPARE(asked, requests);
+    // Staging holds the file alone; a partial artifact whose bytes were wrong is gone.
+    QCOMPARE(filesBelow(staging()), QStringList{path});
+    if (cache == QLatin1String("bad compressed part"))
+        QVERIFY(!QFileInfo::exists(badPart));
 }
 
 QTEST_GUILESS_MAIN(StagingDownloadTest)

@@ -224,7 +224,9 @@ void TestApplyRun::outcomes_data()
     const QStringList trusted{manifest, sig};
     const QStringList threeFiles{manifest, sig, QStringLiteral("app/a.txt"), QStringLiteral("app/e.txt"),
                                  QStringLiteral("app/lib/c.dat")};
-    const QStringList updated{QStringLiteral("[Update] dung 0 / 3 file tu kho tam"), QLatin1String(kUpdated)};
+    // The three changed files (20 bytes in all) come whole over the wire.
+    const QStringList updated{QStringLiteral("[Update] dung 0 / 3 file tu kho tam"),
+                              QStringLiteral("[Update] da tai qua mang 20 byte (ca file: 20 byte)"), QLatin1String(kUpdated)};
 
     QTest::newRow("0 no updater.conf") << int(NoConfiguration)
                                        << QStringList{QStringLiteral("[Update] khong co updater.conf -> bo qua update")}
@@ -307,7 +309,9 @@ void TestApplyRun::outcomes_data()
         << int(InstalledManifestCorrupt) << updated << threeFiles << int(BecomeNew) << int(ManifestPublished)
         << int(CacheCleared);
     QTest::newRow("3 one changed file taken from the cache")
-        << int(OneFromCache) << QStringList{QStringLiteral("[Update] dung 1 / 3 file tu kho tam"), QLatin1String(kUpdated)}
+        << int(OneFromCache)
+        << QStringList{QStringLiteral("[Update] dung 1 / 3 file tu kho tam"),
+                       QStringLiteral("[Update] da tai qua mang 16 byte (ca file: 20 byte)"), QLatin1String(kUpdated)}
         << QStringList{manifest, sig, QStringLiteral("app/a.txt"), QStringLiteral("app/lib/c.dat")} << int(BecomeNew)
         << int(ManifestPublished) << int(CacheCleared);
 
@@ -524,6 +528,7 @@ void TestApplyRun::failedApplyRollsBack()
 
     COMPARE_LINES(updateLines(install),
                   (QStringList{QStringLiteral("[Update] dung 0 / 5 file tu kho tam"),
+                               QStringLiteral("[Update] da tai qua mang 10 byte (ca file: 10 byte)"),
                                QStringLiteral("[Update] them moi \"c.dat\" that bai, GetLastError= 183"),
                                QStringLiteral("[Update] ap that bai -> ROLLBACK")}));
     QCOMPARE(site.requestedPaths(),
@@ -588,6 +593,7 @@ void TestApplyRun::ownExecutableIsWrittenBeside()
     QCOMPARE(install.run(), 0);
 
     COMPARE_LINES(updateLines(install), (QStringList{QStringLiteral("[Update] dung 0 / 3 file tu kho tam"),
+                                                     QStringLiteral("[Update] da tai qua mang 24 byte (ca file: 24 byte)"),
                                                      QStringLiteral("[Update] CAP NHAT THANH CONG -> \"5.1\"")}));
     QCOMPARE(install.readFile(QStringLiteral("updater")), runningExe);
     QCOMPARE(install.readFile(manifestPath + QStringLiteral(".new")), QByteArray("the next updater"));

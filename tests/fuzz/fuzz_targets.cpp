@@ -1,5 +1,6 @@
 #include "fuzz_targets.h"
 
+#include "apply/artifact_decoder.h"
 #include "apply/interrupted_apply_repair.h"
 #include "update/manifest.h"
 #include "update/manifest_signature.h"
@@ -258,10 +259,49 @@ int fuzzRepairWalk(const uint8_t* data, size_t size)
     return 0;
 }
 
-const FuzzTarget kFuzzTargets[5] = {
+namespace {
+
+// The fixed patch source: 8000 bytes of numbered lines ("line 0\n", "line 1\n", ...).
+QByteArray fuzzPatchSource()
+{
+    QByteArray source;
+    for (int i = 0; source.size() < 8000; ++i)
+        source += "line " + QByteArray::number(i) + '\n';
+    return source.left(8000);
+}
+
+} // namespace
+
+int fuzzDecodeArtifact(const uint8_t* data, size_t size)
+{
+    static QTemporaryDir dir(scratchTemplate());
+    static const bool sourceWritten = writeFile(dir.filePath(QStringLiteral("source")), fuzzPatchSource());
+    require(dir.isValid() && sourceWritten, "scratch directory");
+    if (size < 3)
+        return 0;
+    const qint64 expected = qint64(data[1] | (data[2] << 8)) + 1;
+    const QString artifact = dir.filePath(QStringLiteral("artifact.zst"));
+    require(writeFile(artifact, bytes(data + 3, size - 3)), "scratch artifact");
+    qint64 handedOn = 0;
+    QString error;
+    const bool decoded = decodeArtifact(artifact, data[0] % 2 ? dir.filePath(QStringLiteral("source")) : QString(),
+                                        expected,
+                                        [&handedOn, expected](const char*, qint64 length) {
+                                            handedOn += length;
+                                            require(handedOn <= expected, "more output than the file's size");
+                                            return true;
+                                        },
+                                        &error);
+    require(decoded ? handedOn == expected && error.isEmpty() : !error.isEmpty(),
+            "a result without its length or without its reason");
+    return 0;
+}
+
+const FuzzTarget kFuzzTargets[6] = {
     {"manifest", &fuzzParseManifest},
     {"safe_path", &fuzzSafeRelativePath},
     {"config", &fuzzReadUpdaterConfig},
     {"signature", &fuzzVerifyManifestSignature},
     {"repair_walk", &fuzzRepairWalk},
+    {"artifact", &fuzzDecodeArtifact},
 };

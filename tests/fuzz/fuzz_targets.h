@@ -20,10 +20,16 @@ int fuzzVerifyManifestSignature(const uint8_t* data, size_t size);
 // rename files inside it, and never touch what lies outside.
 int fuzzRepairWalk(const uint8_t* data, size_t size);
 
+// An artifact: the first byte picks a compressed file (even) or a patch against a fixed source
+// of 8000 bytes (odd), the next two the expected size (little endian, plus one), the rest is
+// the zstd data. The decoder never hands on more than that size, and succeeds only with exactly
+// that many bytes.
+int fuzzDecodeArtifact(const uint8_t* data, size_t size);
+
 // Targets by name, for the corpus suite and the fuzzers' main.
 using FuzzEntry = int (*)(const uint8_t*, size_t);
 struct FuzzTarget {
     const char* name;  // also the corpus directory's name
     FuzzEntry entry;
 };
-extern const FuzzTarget kFuzzTargets[5];
+extern const FuzzTarget kFuzzTargets[6];

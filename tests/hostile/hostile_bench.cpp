@@ -1,5 +1,6 @@
 #include "hostile/hostile_bench.h"
 
+#include "support/test_files.h"
 #include "support/test_signing.h"
 
 #include <QDir>
@@ -29,12 +30,22 @@ QByteArray pattern(int size, quint32 seed)
 
 const QString kCBin = QStringLiteral("lib/c.bin");
 
+// 60000 bytes of numbered lines, of which every 50th differs between editions: lib/c.bin
+// compresses, and a patch between two editions is small.
+QByteArray lines(int edition)
+{
+    QByteArray text;
+    for (int i = 0; text.size() < 60000; ++i)
+        text += "entry " + QByteArray::number(i) + " = " + QByteArray::number((i * 7919 + (i % 50 == 0 ? edition : 0)) % 100003) + '\n';
+    return text.left(60000);
+}
+
 BuildFiles build1()
 {
     return {{QStringLiteral("a.bin"), pattern(20000, 1)},
             {QStringLiteral("b.bin"), pattern(5000, 2)},
             {QStringLiteral("d.txt"), "delta"},
-            {kCBin, pattern(60000, 3)}};
+            {kCBin, lines(3)}};
 }
 
 // Against build 1: a.bin, e.txt (new) and lib/c.bin change, in this manifest order.
@@ -44,7 +55,7 @@ BuildFiles build2()
             {QStringLiteral("b.bin"), pattern(5000, 2)},
             {QStringLiteral("d.txt"), "delta"},
             {QStringLiteral("e.txt"), "echo"},
-            {kCBin, pattern(60000, 13)}};
+            {kCBin, lines(13)}};
 }
 
 // The build the server publishes for a row.
@@ -61,7 +72,7 @@ BuildFiles olderBuild()
     return {{QStringLiteral("a.bin"), pattern(20000, 21)},
             {QStringLiteral("b.bin"), pattern(5000, 2)},
             {QStringLiteral("d.txt"), "delta"},
-            {kCBin, pattern(60000, 23)}};
+            {kCBin, lines(23)}};
 }
 
 bool writeBytes(const QString& path, const QByteArray& bytes)
@@ -166,8 +177,24 @@ bool HostileBench::start()
     otherKeyPath = QFile::encodeName(runtimeDir.filePath(QStringLiteral("other_private.pem")));
     if (!generateKeyPair(QString::fromLocal8Bit(otherKeyPath), runtimeDir.filePath(QStringLiteral("other_public.pem"))))
         return false;
+    // lib/c.bin's artifacts, made once with the zstd tool.
+    patch = zstdPatch(build1().value(kCBin), build2().value(kCBin));
+    compressed = zstdCompressed(build2().value(kCBin));
+    otherPatch = zstdPatch(olderBuild().value(kCBin), build2().value(kCBin));
+    if (patch.isEmpty() || compressed.isEmpty() || otherPatch.isEmpty())
+        return false;
     server = std::make_unique<TestServer>(published.path());
     return server->start();
+}
+
+QString HostileBench::patchPath() const
+{
+    return patchRelPath(build1().value(kCBin), build2().value(kCBin));
+}
+
+QString HostileBench::compressedPath() const
+{
+    return compressedRelPath(build2().value(kCBin));
 }
 
 QString HostileBench::url(const QString& path) const
@@ -191,9 +218,11 @@ QStringList HostileBench::applyFileFails(const QString& path) const
             QStringLiteral("[Update] tai \"%1\" that bai -> huy, chay ban hien tai").arg(path)};
 }
 
-QStringList HostileBench::applyUpdated()
+QStringList HostileBench::applyUpdated(qint64 wireBytes)
 {
-    return {QStringLiteral("[Update] dung 0 / 3 file tu kho tam"), QStringLiteral("[Update] CAP NHAT THANH CONG -> \"2.0\"")};
+    return {QStringLiteral("[Update] dung 0 / 3 file tu kho tam"),
+            QStringLiteral("[Update] da tai qua mang %1 byte (ca file: 80004 byte)").arg(wireBytes),
+            QStringLiteral("[Update] CAP NHAT THANH CONG -> \"2.0\"")};
 }
 
 QStringList HostileBench::prefetchStart()
@@ -272,7 +301,27 @@ bool HostileBench::publish(const HostileRow& row, QString* error)
         manifest = makeManifestJson(QStringLiteral("2.0"), 11, files);
         break;
     }
-    if (!publishBuild(published.path(), QStringLiteral("b"), files, manifest)) {
+    // lib/c.bin's artifacts: what is served, and what the manifest lists (the same bytes).
+    const QByteArray from = build1().value(kCBin);
+    QByteArray servedPatch = row.publication == Publication::PatchOfOtherSource ? otherPatch : patch;
+    if (row.publication == Publication::CorruptPatch)
+        servedPatch[servedPatch.size() / 2] = char(servedPatch.at(servedPatch.size() / 2) ^ 0x55);
+    const QByteArray servedCompressed = row.publication == Publication::TruncatedCompressed
+                                            ? compressed.left(compressed.size() / 2) : compressed;
+    const bool listsPatch = row.publication == Publication::Artifacts || row.publication == Publication::PatchOnly
+                            || row.publication == Publication::CorruptPatch
+                            || row.publication == Publication::PatchOfOtherSource;
+    const bool listsCompressed = row.publication == Publication::Artifacts
+                                 || row.publication == Publication::CompressedOnly
+                                 || row.publication == Publication::TruncatedCompressed;
+    if (listsPatch || listsCompressed) {
+        manifest = withArtifacts(manifest, kCBin, listsCompressed ? servedCompressed : QByteArray(),
+                                 listsPatch ? QList<QPair<QByteArray, QByteArray>>{{from, servedPatch}}
+                                            : QList<QPair<QByteArray, QByteArray>>{});
+    }
+    if (!publishBuild(published.path(), QStringLiteral("b"), files, manifest)
+        || (listsPatch && !writeBytes(published.filePath(QStringLiteral("b/") + patchPath()), servedPatch))
+        || (listsCompressed && !writeBytes(published.filePath(QStringLiteral("b/") + compressedPath()), servedCompressed))) {
         *error = QStringLiteral("cannot publish");
         return false;
     }
@@ -418,10 +467,13 @@ HostileResult HostileBench::run(const HostileRow& row)
     if (after != expected)
         result.violations.append(QStringLiteral("installation: ") + describeSnapshotChange(expected, after));
 
-    // The cache may only hold what the published build really contains.
+    // The cache may only hold what the published build really contains, files and artifacts.
     const QString cacheFiles = install->path(QStringLiteral(".update-cache/2.0/files"));
     const QDir cacheDir(cacheFiles);
-    const BuildFiles truth = publishedBuild(row.publication);
+    BuildFiles truth = publishedBuild(row.publication);
+    const QString artifactDir = published.filePath(QStringLiteral("b/.zstd"));
+    for (const QString& name : QDir(artifactDir).entryList(QDir::Files))
+        truth.insert(QStringLiteral(".zstd/") + name, readBytes(artifactDir + QLatin1Char('/') + name));
     QDirIterator it(cacheFiles, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
     while (it.hasNext()) {
         const QString rel = cacheDir.relativeFilePath(it.next());

@@ -37,6 +37,13 @@ enum class Publication {
     LongFile,                  // lib/c.bin served longer than the manifest says
     EmptyFile,                 // e.txt is empty: an entry of size 0
     ExtraSizes,                // more entries "more/fNNNN.bin" with the sizes of HostileRow::extraSizes
+    // lib/c.bin also as zstd artifacts (made with the zstd tool) below .zstd/:
+    Artifacts,                 // a patch from build 1's lib/c.bin and a compressed copy
+    PatchOnly,                 // only the patch
+    CompressedOnly,            // only the compressed copy
+    CorruptPatch,              // only the patch, one byte of it changed, listed with the changed bytes' hash
+    PatchOfOtherSource,        // only a patch made from another lib/c.bin, listed as from build 1's
+    TruncatedCompressed,       // only the compressed copy, cut in half, listed with the cut bytes' hash
 };
 
 // A link planted in the installation before the run, to a directory or a file outside it. The
@@ -95,11 +102,19 @@ public:
     // Expected lines of common outcomes, for building rows.
     QStringList applyManifestFails(const QString& path) const;  // path: manifest.json or manifest.json.sig
     QStringList applyFileFails(const QString& path) const;
-    static QStringList applyUpdated();
+    // The end of a completed update: the summary, the bytes that went over the wire (80004, the
+    // three changed files whole, unless given) and the outcome.
+    static QStringList applyUpdated(qint64 wireBytes = 80004);
     static QStringList prefetchStart();  // up to lib/c.bin, which comes last
     static QString prefetchFresh();      // "lib/c.bin tai tu dau 58 KB"
     static QStringList prefetchDone();   // lib/c.bin finished and the run's summary
     static QString prefetchLeft();       // the summary when lib/c.bin was given up
+    // lib/c.bin's artifacts as published: their paths below b/ and sizes.
+    QString patchPath() const;
+    QString compressedPath() const;
+    qint64 patchSize() const { return patch.size(); }
+    qint64 compressedSize() const { return compressed.size(); }
+    qint64 otherPatchSize() const { return otherPatch.size(); }
 
 private:
     bool publish(const HostileRow& row, QString* error);
@@ -109,6 +124,9 @@ private:
     QTemporaryDir published;
     std::unique_ptr<TestServer> server;
     QByteArray otherKeyPath;
+    QByteArray patch;       // build 1's lib/c.bin to build 2's
+    QByteArray compressed;  // build 2's lib/c.bin
+    QByteArray otherPatch;  // from another lib/c.bin to build 2's
 };
 
 // True when every expected line matches its actual line ("*" stands for any text, " ||| "

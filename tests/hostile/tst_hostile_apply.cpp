@@ -102,7 +102,7 @@ void TestHostileApply::fault_data()
     QTest::newRow("file wrong bytes once")
         << row(Publication::Normal, file, corrupt(1),
                QStringList{QStringLiteral("[Update] hash lech \"lib/c.bin\" -> bo phan da co, tai lai tu dau")}
-                   + HostileBench::applyUpdated(),
+                   + HostileBench::applyUpdated(80004 + 60000),
                true);
     QTest::newRow("file shorter than its manifest entry")
         << row(Publication::ShortFile, QString(), {},
@@ -117,13 +117,92 @@ void TestHostileApply::fault_data()
     QTest::newRow("file redirected once to a mirror")
         << row(Publication::Normal, file, redirect(QStringLiteral("b/mirror/c.bin")), HostileBench::applyUpdated(), true);
 
+    // Smaller downloads of lib/c.bin: the smallest usable one, and on any failure the next, the
+    // whole file last; every row ends verified as build 2.0.
+    const qint64 others = 20000 + 4;  // a.bin and e.txt, whole
+    const QString patchPath = bench.patchPath();
+    const QString compressedPath = bench.compressedPath();
+    const auto choice = [](const QString& kind, qint64 size) {
+        return QStringLiteral("[Update] \"lib/c.bin\" tai %1 %2 byte thay vi 60000 byte").arg(kind).arg(size);
+    };
+    const auto fellBack = [](const QString& kind, const QString& reason, const QString& next) {
+        return QStringLiteral("[Update] %1 cho \"lib/c.bin\" hong (%2) -> %3").arg(kind, reason, next);
+    };
+    const QString getFailed = QStringLiteral("[Update] GET(file) loi \"%1\" \"*\"");
+    const QString patch = QStringLiteral("patch");
+    const QString packed = QStringLiteral("ban nen");
+    const QString whole = QStringLiteral("tai ca file");
+    const qint64 patchSize = bench.patchSize();
+    const qint64 compressedSize = bench.compressedSize();
+    QTest::newRow("smaller: the patch for the installed file")
+        << row(Publication::Artifacts, QString(), {}, QStringList{choice(patch, patchSize)} + HostileBench::applyUpdated(others + patchSize),
+               true);
+    QTest::newRow("smaller: patch missing (404), then the whole file")
+        << row(Publication::PatchOnly, patchPath, status(404),
+               QStringList{choice(patch, patchSize), getFailed.arg(bench.url(patchPath)), fellBack(patch, QStringLiteral("tai that bai"), whole)}
+                   + HostileBench::applyUpdated(others + 60000),
+               true);
+    QTest::newRow("smaller: patch answers 500, then the whole file")
+        << row(Publication::PatchOnly, patchPath, status(500),
+               QStringList{choice(patch, patchSize), getFailed.arg(bench.url(patchPath)), fellBack(patch, QStringLiteral("tai that bai"), whole)}
+                   + HostileBench::applyUpdated(others + 60000),
+               true);
+    QTest::newRow("smaller: patch with wrong bytes, then the whole file")
+        << row(Publication::PatchOnly, patchPath, corrupt(-1),
+               QStringList{choice(patch, patchSize), fellBack(patch, QStringLiteral("hash lech"), whole)}
+                   + HostileBench::applyUpdated(others + patchSize + 60000),
+               true);
+    QTest::newRow("smaller: a corrupt patch as published, then the whole file")
+        << row(Publication::CorruptPatch, QString(), {},
+               QStringList{choice(patch, patchSize), fellBack(patch, QStringLiteral("zstd: Data corruption detected"), whole)}
+                   + HostileBench::applyUpdated(others + patchSize + 60000),
+               true);
+    QTest::newRow("smaller: a patch made from another file, then the whole file")
+        << row(Publication::PatchOfOtherSource, QString(), {},
+               QStringList{choice(patch, bench.otherPatchSize()),
+                           fellBack(patch, QStringLiteral("zstd: Restored data doesn't match checksum"), whole)}
+                   + HostileBench::applyUpdated(others + bench.otherPatchSize() + 60000),
+               true);
+    QTest::newRow("smaller: compressed copy cut off mid-body, then the whole file")
+        << row(Publication::CompressedOnly, compressedPath, cutAfter(compressedSize / 2),
+               QStringList{choice(packed, compressedSize), getFailed.arg(bench.url(compressedPath)),
+                           fellBack(packed, QStringLiteral("tai that bai"), whole)}
+                   + HostileBench::applyUpdated(others + compressedSize / 2 + 60000),
+               true);
+    QTest::newRow("smaller: a truncated compressed copy as published, then the whole file")
+        << row(Publication::TruncatedCompressed, QString(), {},
+               QStringList{choice(packed, compressedSize / 2), fellBack(packed, QStringLiteral("zstd: frame bi cat ngang"), whole)}
+                   + HostileBench::applyUpdated(others + compressedSize / 2 + 60000),
+               true);
+    QTest::newRow("smaller: compressed copy answers 503, then the whole file")
+        << row(Publication::CompressedOnly, compressedPath, status(503),
+               QStringList{choice(packed, compressedSize), getFailed.arg(bench.url(compressedPath)),
+                           fellBack(packed, QStringLiteral("tai that bai"), whole)}
+                   + HostileBench::applyUpdated(others + 60000),
+               true);
+    HostileRow chain = row(Publication::Artifacts, patchPath, status(404),
+                           QStringList{choice(patch, patchSize), getFailed.arg(bench.url(patchPath)),
+                                       fellBack(patch, QStringLiteral("tai that bai"), QStringLiteral("tai ban nen")),
+                                       choice(packed, compressedSize), fellBack(packed, QStringLiteral("hash lech"), whole)}
+                               + HostileBench::applyUpdated(others + compressedSize + 60000),
+                           true);
+    chain.moreRules.insert(compressedPath, corrupt(-1));
+    QTest::newRow("smaller: patch missing, compressed copy with wrong bytes, then the whole file") << chain;
+    QStringList endlessPatch = QStringList{choice(patch, patchSize),
+                                           QStringLiteral("[Update] GET(file) loi \"%1\" \"file larger than %2 bytes\"")
+                                               .arg(bench.url(patchPath)).arg(patchSize),
+                                           fellBack(patch, QStringLiteral("tai that bai"), whole)}
+                               + HostileBench::applyUpdated();
+    endlessPatch[4] = QStringLiteral("[Update] da tai qua mang * byte (ca file: 80004 byte)");
+    QTest::newRow("smaller: patch without end, then the whole file")
+        << row(Publication::PatchOnly, patchPath, endless(), endlessPatch, true);
+
     // A resume from the cache that the server answers with the whole file: rewritten from 0.
     TestServer::Rule ignoreRange;
     ignoreRange.ignoreRange = true;
     HostileRow resumed = row(Publication::Normal, file, ignoreRange,
-                             QStringList{QStringLiteral("[Update] \"lib/c.bin\" noi tiep tu kho tam: 1000 byte"),
-                                         QStringLiteral("[Update] dung 0 / 3 file tu kho tam"),
-                                         QStringLiteral("[Update] CAP NHAT THANH CONG -> \"2.0\"")},
+                             QStringList{QStringLiteral("[Update] \"lib/c.bin\" noi tiep tu kho tam: 1000 byte")}
+                                 + HostileBench::applyUpdated(),
                              true);
     resumed.seedPartBytes = 1000;
     QTest::newRow("file 200 for a range") << resumed;

@@ -151,6 +151,28 @@ void TestHostilePrefetch::fault_data()
         << row(Publication::Normal, file, redirect(QStringLiteral("b/mirror/c.bin")),
                start + QStringList{fresh} + HostileBench::prefetchDone());
 
+    // Smaller downloads: lib/c.bin comes as its patch from the installed build; an artifact that
+    // fails its four attempts falls back to the whole file.
+    const QString patchPath = bench.patchPath();
+    const QString choosePatch =
+        QStringLiteral("[UpdatePrefetch] lib/c.bin tai patch %1 byte thay vi 60000 byte").arg(bench.patchSize());
+    const QString patchFresh = QStringLiteral("[UpdatePrefetch] %1 tai tu dau %2 KB").arg(patchPath).arg(bench.patchSize() / 1024);
+    const QString toWhole = QStringLiteral("[UpdatePrefetch] patch cho lib/c.bin hong -> tai ca file");
+    QTest::newRow("smaller: the patch")
+        << row(Publication::Artifacts, QString(), {},
+               start + QStringList{choosePatch, patchFresh, QStringLiteral("[UpdatePrefetch] %1 xong ( 3 / 3 )").arg(patchPath),
+                                   QStringLiteral("[UpdatePrefetch] xong toan bo - 3 file ok, 0 bo lai cho updater")});
+    QTest::newRow("smaller: patch missing (404), then the whole file")
+        << row(Publication::PatchOnly, patchPath, status(404),
+               start + QStringList{choosePatch}
+                   + fourTimes({patchFresh, QStringLiteral("[UpdatePrefetch] \"%1\" HTTP 404 -> bo file nay").arg(patchPath)})
+                   + QStringList{toWhole, fresh} + HostileBench::prefetchDone());
+    QTest::newRow("smaller: patch with wrong bytes, then the whole file")
+        << row(Publication::PatchOnly, patchPath, corrupt(-1),
+               start + QStringList{choosePatch}
+                   + fourTimes({patchFresh, QStringLiteral("[UpdatePrefetch] %1 hash lech -> xoa, tai lai").arg(patchPath)})
+                   + QStringList{toWhole, fresh} + HostileBench::prefetchDone());
+
     TestServer::Rule ignoreRange;
     ignoreRange.ignoreRange = true;
     HostileRow resumed =

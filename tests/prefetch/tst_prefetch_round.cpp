@@ -23,10 +23,25 @@ BuildFiles remoteFiles()
     return {{QStringLiteral("a.bin"), patternBytes(10000, 1)}, {QStringLiteral("b.bin"), patternBytes(20000, 2)}};
 }
 
-// "path=size" entries: sparse ".part" files, cheap however large.
+// Stands in for the compressed copy of a remote file (the prefetch never decodes one).
+QByteArray fakeCompressed(const QString& path)
+{
+    return "compressed " + path.toUtf8();
+}
+
+// "path=size" entries: sparse ".part" files, cheap however large. "@compressed": every remote
+// file's compressed copy finished in the cache instead.
 bool createParts(PrefetchBench& bench, const QStringList& parts)
 {
     for (const QString& entry : parts) {
+        if (entry == QLatin1String("@compressed")) {
+            const BuildFiles files = remoteFiles();
+            for (auto it = files.cbegin(); it != files.cend(); ++it) {
+                if (!writeFile(bench.cacheFile(kVersion, compressedRelPath(it.value())), fakeCompressed(it.key())))
+                    return false;
+            }
+            continue;
+        }
         const QString path = bench.partFile(kVersion, entry.section(QLatin1Char('='), 0, 0));
         QDir().mkpath(QFileInfo(path).absolutePath());
         QFile file(path);
@@ -101,7 +116,7 @@ void TestPrefetchRound::refusals_data()
     QTest::addColumn<int>("signatureStatus");
     QTest::addColumn<QByteArray>("installed");  // null: no installed manifest
     QTest::addColumn<bool>("cacheHoldsEverything");
-    QTest::addColumn<QStringList>("parts");
+    QTest::addColumn<QStringList>("parts");  // see createParts
     QTest::addColumn<QString>("expected");  // a line ending in ": " is followed by Qt's error text
     QTest::addColumn<bool>("prunes");
     QTest::addColumn<int>("requests");
@@ -142,6 +157,12 @@ void TestPrefetchRound::refusals_data()
     QTest::newRow("every file finished in the cache")
         << build7 << none << 0 << 0 << none << true << QStringList() << line("kho tam da du cho 2.4.1") << true
         << 2;
+    QByteArray compressedToo = build7;
+    for (auto it = files.cbegin(); it != files.cend(); ++it)
+        compressedToo = withArtifacts(compressedToo, it.key(), fakeCompressed(it.key()));
+    QTest::newRow("every file's compressed copy finished in the cache")
+        << compressedToo << none << 0 << 0 << none << false << QStringList{"@compressed"}
+        << line("kho tam da du cho 2.4.1") << true << 2;
     QTest::newRow("one byte over the cap")
         << manifestWithEntries(kVersion, 7, {manifestEntry("big.bin", 524288001, kAnyHash)}) << none << 0 << 0
         << none << false << QStringList() << line("can tai 500 MB > tran 500 MB -> de updater lo") << true << 2;
@@ -231,6 +252,17 @@ void TestPrefetchRound::acceptedPlans_data()
         << QStringList({"big.bin=1048577"})
         << QStringList({line("bat dau 2.4.1 - 1 file, 500 MB"), line("big.bin resume tu 1048577 byte")})
         << QStringList({"big.bin=1048577"});
+    // The cap counts what goes over the wire: here a 100 MiB compressed copy of a 600 MiB file.
+    QJsonObject packed = manifestEntry("big.bin", 600 * kMiB, kAnyHash);
+    packed.insert(QStringLiteral("zstd"), QJsonObject{{QStringLiteral("size"), double(100 * kMiB)},
+                                                      {QStringLiteral("sha256"), QString(64, QLatin1Char('b'))}});
+    const QString packedPath = QStringLiteral(".zstd/") + kAnyHash + QStringLiteral(".zst");
+    QTest::newRow("the compressed copy counts, not the file")
+        << manifestWithEntries(kVersion, 7, {packed}) << QStringList()
+        << QStringList({line("bat dau 2.4.1 - 1 file, 100 MB"),
+                        line("big.bin tai ban nen 104857600 byte thay vi 629145600 byte"),
+                        line(packedPath + QStringLiteral(" tai tu dau 102400 KB"))})
+        << QStringList({packedPath + QStringLiteral("=0")});
     QTest::newRow("part longer than its file counts as nothing")
         << manifestWithEntries(kVersion, 7,
                                {manifestEntry("big.bin", 524288000, kAnyHash), manifestEntry("small.bin", 10, kAnyHash)})
@@ -256,11 +288,12 @@ void TestPrefetchRound::acceptedPlans()
     TestServer::Rule holdBack;
     holdBack.stallBeforeSeconds = 30;
     bench.server.setRule(QStringLiteral("b/big.bin"), holdBack);
+    bench.server.setRule(QStringLiteral("b/.zstd/") + kAnyHash + QStringLiteral(".zst"), holdBack);
 
     UpdatePrefetcher prefetcher;
     QSignalSpy finished(&prefetcher, &UpdatePrefetcher::finished);
     QVERIFY(prefetcher.start());
-    QTRY_COMPARE_WITH_TIMEOUT(LogCapture::prefetchLines().size(), 2, 15000);
+    QTRY_COMPARE_WITH_TIMEOUT(LogCapture::prefetchLines().size(), expected.size(), 15000);
     QCOMPARE(LogCapture::prefetchLines(), expected);
     QCOMPARE(stateProgress(bench), progress);
     const QJsonObject state = bench.readState(kVersion);

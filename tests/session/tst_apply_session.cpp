@@ -312,6 +312,7 @@ void TestUpdateSession::stepsHappenInOrder()
             + QStringLiteral(" | g.txt=golf requests=app/manifest.json,app/manifest.json.sig staging=none"
                              " cache=4.3.0 a.txt=alpha 1 manifest=old"),
         QStringLiteral("log: [Update] dung 0 / 3 file tu kho tam"),
+        QStringLiteral("log: [Update] da tai qua mang 20 byte (ca file: 20 byte)"),
         QStringLiteral("status: ") + kApplying
             + QStringLiteral(" | g.txt=golf requests=app/manifest.json,app/manifest.json.sig,app/a.txt,app/e.txt,"
                              "app/lib/c.dat staging=a.txt,e.txt,lib/c.dat cache=4.3.0 a.txt=alpha 1 manifest=old"),
@@ -415,11 +416,16 @@ void TestUpdateSession::changedFiles()
     Manifest manifest;
     manifest.fullVersion = kNewVersion;
     manifest.files.append(ManifestFile{rel, published.size(), sha256Hex(published)});
-    const QList<ManifestFile> result = ::changedFiles(manifest, installDir->path());
+    QHash<QString, QString> installedHashes;
+    const QList<ManifestFile> result = ::changedFiles(manifest, installDir->path(), &installedHashes);
     QCOMPARE(result.size(), changed ? 1 : 0);
+    QCOMPARE(installedHashes.size(), changed ? 1 : 0);
     if (changed) {
         QCOMPARE(result.first().path, rel);
         QCOMPARE(result.first().sha256, sha256Hex(published));
+        // The hash pass's own result, for choosing a patch: none for a file that is not there.
+        const bool absent = installed == "<missing>" || installed == "<directory>";
+        QCOMPARE(installedHashes.value(rel), absent ? QString() : sha256Hex(installed));
     }
 }
 

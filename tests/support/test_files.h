@@ -16,3 +16,14 @@ QByteArray readFile(const QString& path, const QByteArray& ifMissing = QByteArra
 // Relative paths of every file below dir, sorted; hidden files, FIFOs, sockets and dangling
 // links included, so that nothing left behind goes unnoticed.
 QStringList filesBelow(const QString& dir);
+
+// Runs the zstd command-line tool (Debian package zstd), an encoder independent of the
+// updater's code, over a file holding `content`, or over a pipe when fromPipe (then the frame
+// carries no size). An argument "%source" is replaced by the path of a file holding `source`.
+// Returns what the tool wrote, or an empty array when it failed or is not installed.
+QByteArray runZstd(const QStringList& args, const QByteArray& content, const QByteArray& source = QByteArray(),
+                   bool fromPipe = false);
+// `content` compressed at level 19, as corvanta-publish compresses files.
+QByteArray zstdCompressed(const QByteArray& content);
+// A patch that turns `source` into `content` (zstd -19 --long=31 --patch-from).
+QByteArray zstdPatch(const QByteArray& source, const QByteArray& content);

@@ -94,6 +94,41 @@ QByteArray makeManifestJson(const QString& fullVersion, qint64 buildNumber, cons
     return QJsonDocument(root).toJson(QJsonDocument::Indented);
 }
 
+QString compressedRelPath(const QByteArray& content)
+{
+    return QStringLiteral(".zstd/") + sha256Hex(content) + QStringLiteral(".zst");
+}
+
+QString patchRelPath(const QByteArray& source, const QByteArray& content)
+{
+    return QStringLiteral(".zstd/") + sha256Hex(source) + QLatin1Char('-') + sha256Hex(content) + QStringLiteral(".zst");
+}
+
+QByteArray withArtifacts(const QByteArray& manifestJson, const QString& path, const QByteArray& compressed,
+                         const QList<QPair<QByteArray, QByteArray>>& patches)
+{
+    QJsonObject root = QJsonDocument::fromJson(manifestJson).object();
+    QJsonArray files = root.value(QStringLiteral("files")).toArray();
+    for (int i = 0; i < files.size(); ++i) {
+        QJsonObject entry = files.at(i).toObject();
+        if (entry.value(QStringLiteral("path")).toString() != path)
+            continue;
+        if (!compressed.isEmpty())
+            entry.insert(QStringLiteral("zstd"), QJsonObject{{QStringLiteral("size"), double(compressed.size())},
+                                                              {QStringLiteral("sha256"), sha256Hex(compressed)}});
+        QJsonArray listed;
+        for (const auto& patch : patches)
+            listed.append(QJsonObject{{QStringLiteral("from"), sha256Hex(patch.first)},
+                                      {QStringLiteral("size"), double(patch.second.size())},
+                                      {QStringLiteral("sha256"), sha256Hex(patch.second)}});
+        if (!listed.isEmpty())
+            entry.insert(QStringLiteral("zstdPatches"), listed);
+        files[i] = entry;
+    }
+    root.insert(QStringLiteral("files"), files);
+    return QJsonDocument(root).toJson(QJsonDocument::Indented);
+}
+
 bool publishBuild(const QString& serverRoot, const QString& subdir, const BuildFiles& files,
                   const QByteArray& manifestJson)
 {

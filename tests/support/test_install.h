@@ -30,6 +30,15 @@ QByteArray makeManifestJson(const QString& fullVersion, qint64 buildNumber, cons
                             const QString& product = QStringLiteral("Corvanta"),
                             const QString& arch = QStringLiteral("x64"));
 
+// Where a publisher puts the compressed copy of `content` below the published tree
+// (".zstd/<sha256>.zst"), and a patch from `source` to it (".zstd/<source sha256>-<sha256>.zst").
+QString compressedRelPath(const QByteArray& content);
+QString patchRelPath(const QByteArray& source, const QByteArray& content);
+// manifestJson with artifacts listed in the entry of `path`: "zstd" (size and SHA-256 of
+// `compressed`) unless it is empty, and one "zstdPatches" element per (source content, patch).
+QByteArray withArtifacts(const QByteArray& manifestJson, const QString& path, const QByteArray& compressed,
+                         const QList<QPair<QByteArray, QByteArray>>& patches = {});
+
 // Writes the build's files below serverRoot/subdir, then manifestJson as manifest.json and
 // its signature (development key) as manifest.json.sig. Returns false on any write failure.
 bool publishBuild(const QString& serverRoot, const QString& subdir, const BuildFiles& files,

@@ -73,6 +73,31 @@ QString straceString(const QString& text)
     return QString::fromUtf8(bytes);
 }
 
+// Contents the artifact rows publish, by name: related texts (a patch between two is small),
+// random bytes (nothing is smaller than them), a tiny and an empty file, and zeros just beyond
+// the patch size limit.
+QByteArray content(const QString& name)
+{
+    const auto text = [](int edition) {
+        QByteArray text;
+        for (int i = 0; i < 12000; ++i)
+            text += "entry " + QByteArray::number(i) + " = " + QByteArray::number((i * 7919 + (i % 503 == 0 ? edition : 0)) % 100003) + '\n';
+        return text;
+    };
+    if (name.startsWith(QLatin1String("text")))
+        return text(name.mid(4).toInt());
+    if (name.startsWith(QLatin1String("random")))
+        return patternBytes(100000, name.mid(6).toUInt() + 100);
+    if (name == QLatin1String("tiny"))
+        return "beta";
+    if (name.startsWith(QLatin1String("zeros"))) {
+        QByteArray zeros(83886081, '\0');  // one byte beyond the patch size limit
+        zeros[1000] = char(name.mid(5).toInt());
+        return zeros;
+    }
+    return QByteArray();
+}
+
 QStringList withManifest(QStringList files)
 {
     files << QStringLiteral("manifest.json") << QStringLiteral("manifest.json.sig");
@@ -96,6 +121,9 @@ private slots:
     void republishingReplacesTheOlderBuild();
     void publishedTreeIsReadableByEveryoneUnderAStrictUmask();
     void manifestAndSignatureAreRenamedLastAndBackToBack();
+
+    void smallerDownloads_data();
+    void smallerDownloads();
 
     void refusesUnpublishableEntries_data();
     void refusesUnpublishableEntries();
@@ -164,7 +192,9 @@ void TestPublishBuild::publishesEveryFileWithSortedManifestAndSignature()
     QVERIFY(writeBuild(input, build));
     const ToolRun run = runPublishTool(buildArgs());
     QCOMPARE(run.exitCode, 0);
-    QCOMPARE(run.err, QByteArray());
+    // Only progress, when compressing took a while.
+    for (const QString& line : run.errLines())
+        QVERIFY2(line.startsWith(QLatin1String("corvanta-publish: copied ")), qPrintable(line));
     QCOMPARE(QString::fromUtf8(run.out),
              QStringLiteral("published 2.4.1 (build 41): 7 files, 2.5 MiB in %1\n").arg(out));
 
@@ -347,6 +377,148 @@ void TestPublishBuild::manifestAndSignatureAreRenamedLastAndBackToBack()
     QCOMPARE(renames, sampleBuild().keys() << QStringLiteral("manifest.json") << QStringLiteral("manifest.json.sig"));
 }
 
+void TestPublishBuild::smallerDownloads_data()
+{
+    QTest::addColumn<QVariantMap>("build");        // relative path -> content name; "@level": --zstd-level (else 3)
+    QTest::addColumn<QVariantList>("earlier");     // trees given with --delta-from, each a map like build;
+                                                   // one with the key "@out" is published into --out first
+    QTest::addColumn<QString>("planted");          // an artifact already at its path: "damaged", "level 1"
+    QTest::addColumn<QStringList>("artifacts");    // per file: path, "zstd" and "patch:<content>" in manifest order
+    QTest::addColumn<QString>("summary");          // the second line of the output, "" for none
+
+    QTest::newRow("compressible files only get a compressed copy")
+        << QVariantMap{{"a.txt", "text1"}, {"r.bin", "random1"}, {"s.txt", "tiny"}, {"e.dat", "empty"}} << QVariantList{}
+        << "" << QStringList{"a.txt zstd", "e.dat", "r.bin", "s.txt"}
+        << "smaller downloads in .zstd: 1 compressed copy (0.1 MiB), 0 patches (0.0 MiB)";
+    QTest::newRow("a patch from an earlier input tree")
+        << QVariantMap{{"a.txt", "text2"}} << QVariantList{QVariantMap{{"a.txt", "text1"}}} << ""
+        << QStringList{"a.txt zstd patch:text1"} << "smaller downloads in .zstd: 1 compressed copy (0.1 MiB), 1 patch (0.0 MiB)";
+    QTest::newRow("a patch from the published tree it replaces")
+        << QVariantMap{{"a.txt", "text2"}} << QVariantList{QVariantMap{{"a.txt", "text1"}, {"@out", true}}} << ""
+        << QStringList{"a.txt zstd patch:text1"} << "smaller downloads in .zstd: 1 compressed copy (0.1 MiB), 1 patch (0.0 MiB)";
+    QTest::newRow("no patch from the same content, nor for a file the earlier build lacks")
+        << QVariantMap{{"a.txt", "text2"}, {"new.txt", "text1"}} << QVariantList{QVariantMap{{"a.txt", "text2"}}} << ""
+        << QStringList{"a.txt zstd", "new.txt zstd"} << "smaller downloads in .zstd: 2 compressed copies (0.1 MiB), 0 patches (0.0 MiB)";
+    QTest::newRow("one patch per distinct earlier content")
+        << QVariantMap{{"a.txt", "text3"}}
+        << QVariantList{QVariantMap{{"a.txt", "text1"}}, QVariantMap{{"a.txt", "text2"}}, QVariantMap{{"a.txt", "text1"}}} << ""
+        << QStringList{"a.txt zstd patch:text1 patch:text2"}
+        << "smaller downloads in .zstd: 1 compressed copy (0.1 MiB), 2 patches (0.0 MiB)";
+    QTest::newRow("nothing that is not smaller than the file")
+        << QVariantMap{{"r.bin", "random2"}} << QVariantList{QVariantMap{{"r.bin", "random1"}}} << ""
+        << QStringList{"r.bin"} << "";
+    QTest::newRow("no patch for a file beyond the patch size limit")
+        << QVariantMap{{"z.bin", "zeros1"}} << QVariantList{QVariantMap{{"z.bin", "zeros2"}}} << ""
+        << QStringList{"z.bin zstd"} << "smaller downloads in .zstd: 1 compressed copy (0.0 MiB), 0 patches (0.0 MiB)";
+    QTest::newRow("level 0: neither compressed copies nor patches")
+        << QVariantMap{{"a.txt", "text2"}, {"@level", 0}} << QVariantList{QVariantMap{{"a.txt", "text1"}}} << ""
+        << QStringList{"a.txt"} << "";
+    QTest::newRow("a damaged artifact at its path is made again")
+        << QVariantMap{{"a.txt", "text1"}} << QVariantList{} << "damaged" << QStringList{"a.txt zstd"}
+        << "smaller downloads in .zstd: 1 compressed copy (0.1 MiB), 0 patches (0.0 MiB)";
+    QTest::newRow("an intact artifact from an earlier run is kept")
+        << QVariantMap{{"a.txt", "text1"}} << QVariantList{} << "level 1" << QStringList{"a.txt zstd"}
+        << "smaller downloads in .zstd: 1 compressed copy (0.1 MiB), 0 patches (0.0 MiB)";
+}
+
+void TestPublishBuild::smallerDownloads()
+{
+    QFETCH(QVariantMap, build);
+    QFETCH(QVariantList, earlier);
+    QFETCH(QString, planted);
+    QFETCH(QStringList, artifacts);
+    QFETCH(QString, summary);
+    const auto writeTree = [](const QString& dir, const QVariantMap& tree) {
+        for (auto it = tree.cbegin(); it != tree.cend(); ++it) {
+            if (!it.key().startsWith(QLatin1Char('@')) && !writeFile(dir + QLatin1Char('/') + it.key(), content(it.value().toString())))
+                return false;
+        }
+        return true;
+    };
+    QVERIFY(writeTree(input, build));
+    QStringList args{QStringLiteral("--zstd-level"), build.value(QStringLiteral("@level"), 3).toString()};
+    build.remove(QStringLiteral("@level"));
+    QHash<QString, QString> named;  // SHA-256 -> content name
+    for (auto it = build.cbegin(); it != build.cend(); ++it)
+        named.insert(sha256Hex(content(it.value().toString())), it.value().toString());
+    for (int i = 0; i < earlier.size(); ++i) {
+        const QVariantMap tree = earlier.at(i).toMap();
+        for (auto it = tree.cbegin(); it != tree.cend(); ++it)
+            named.insert(sha256Hex(content(it.value().toString())), it.value().toString());
+        if (tree.contains(QStringLiteral("@out"))) {
+            const QString earlierInput = work->filePath(QStringLiteral("earlier-input"));
+            QVERIFY(writeTree(earlierInput, tree));
+            QCOMPARE(runPublishTool(buildArgs({QStringLiteral("--input"), earlierInput, QStringLiteral("--zstd-level"),
+                                               QStringLiteral("3")}))
+                         .exitCode,
+                     0);
+            args << QStringLiteral("--delta-from") << out;
+        } else {
+            const QString dir = work->filePath(QStringLiteral("earlier%1").arg(i));
+            QVERIFY(writeTree(dir, tree));
+            args << QStringLiteral("--delta-from") << dir;
+        }
+    }
+    const QByteArray text1 = content(QStringLiteral("text1"));
+    const QString plantedPath = out + QLatin1Char('/') + compressedRelPath(text1);
+    const QByteArray levelOne = runZstd({QStringLiteral("-1")}, text1);
+    if (planted == QLatin1String("damaged"))
+        QVERIFY(writeFile(plantedPath, "not zstd"));
+    else if (planted == QLatin1String("level 1"))
+        QVERIFY(writeFile(plantedPath, levelOne));
+
+    const ToolRun run = runPublishTool(buildArgs(args));
+    QCOMPARE(run.exitCode, 0);
+    const QStringList lines = QString::fromUtf8(run.out).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    QCOMPARE(lines.value(1), summary);
+
+    // The manifest as plain JSON: each artifact where its name says, decoding to the file with
+    // the zstd tool (patches against the earlier content they name).
+    QStringList described;
+    for (const QJsonValue& value : manifestObject(out).value(QStringLiteral("files")).toArray()) {
+        const QJsonObject entry = value.toObject();
+        const QString path = entry.value(QStringLiteral("path")).toString();
+        const QByteArray file = readFile(out + QLatin1Char('/') + path);
+        QString line = path;
+        if (entry.contains(QStringLiteral("zstd"))) {
+            const QJsonObject zstd = entry.value(QStringLiteral("zstd")).toObject();
+            const QByteArray bytes = readFile(out + QLatin1Char('/') + compressedRelPath(file));
+            QCOMPARE(double(bytes.size()), zstd.value(QStringLiteral("size")).toDouble());
+            QCOMPARE(sha256Hex(bytes), zstd.value(QStringLiteral("sha256")).toString());
+            QVERIFY(bytes.size() < file.size());
+            QCOMPARE(runZstd({QStringLiteral("-d")}, bytes), file);
+            if (planted == QLatin1String("level 1"))
+                QCOMPARE(bytes, levelOne);
+            line += QStringLiteral(" zstd");
+        }
+        for (const QJsonValue& patchValue : entry.value(QStringLiteral("zstdPatches")).toArray()) {
+            const QJsonObject patch = patchValue.toObject();
+            const QString from = patch.value(QStringLiteral("from")).toString();
+            const QByteArray source = content(named.value(from));
+            const QByteArray bytes = readFile(out + QLatin1Char('/') + patchRelPath(source, file));
+            QCOMPARE(double(bytes.size()), patch.value(QStringLiteral("size")).toDouble());
+            QCOMPARE(sha256Hex(bytes), patch.value(QStringLiteral("sha256")).toString());
+            QVERIFY(bytes.size() < entry.value(QStringLiteral("zstd")).toObject().value(QStringLiteral("size")).toDouble(file.size()));
+            QCOMPARE(runZstd({QStringLiteral("-d"), QStringLiteral("--long=31"), QStringLiteral("--patch-from=%source")}, bytes, source),
+                     file);
+            line += QStringLiteral(" patch:") + named.value(from);
+        }
+        described.append(line);
+    }
+    QCOMPARE(described, artifacts);
+
+    // The updater reads the same artifacts, and verify checks them.
+    Manifest parsed;
+    QVERIFY(parseManifest(readFile(out + QStringLiteral("/manifest.json")), &parsed));
+    int listed = 0;
+    for (const ManifestFile& file : parsed.files)
+        listed += file.artifacts.size();
+    QCOMPARE(listed, artifacts.join(QLatin1Char(' ')).count(QLatin1String(" zstd")) + artifacts.join(QLatin1Char(' ')).count(QLatin1String(" patch:")));
+    const ToolRun verify = runPublishTool({QStringLiteral("verify"), QStringLiteral("--dir"), out,
+                                           QStringLiteral("--public-key"), publicKey});
+    QCOMPARE(verify.exitCode, 0);
+}
+
 void TestPublishBuild::refusesUnpublishableEntries_data()
 {
     QTest::addColumn<QStringList>("files");  // regular files to create besides a good one
@@ -402,6 +574,11 @@ void TestPublishBuild::refusesUnpublishableEntries_data()
                                   << QStringLiteral(".update-cache") << working;
     QTest::newRow("log file") << QStringList{QStringLiteral("updater.log")} << noSpecial << QString()
                               << QStringLiteral("updater.log") << working;
+    const QString artifacts = QStringLiteral("the publisher keeps compressed files and patches under this name");
+    QTest::newRow("artifact directory") << QStringList{QStringLiteral(".zstd/x.zst")} << noSpecial << QString()
+                                        << QStringLiteral(".zstd") << artifacts;
+    QTest::newRow("artifact directory in other case") << QStringList{QStringLiteral(".Zstd")} << noSpecial << QString()
+                                                      << QStringLiteral(".Zstd") << artifacts;
     QTest::newRow("names differing in case")
         << QStringList{QStringLiteral("data/Readme.txt"), QStringLiteral("data/README.txt")} << noSpecial << QString()
         << QStringLiteral("data/Readme.txt")
@@ -541,6 +718,9 @@ void TestPublishBuild::failures_data()
                                          << QStringLiteral("the input \"%1/input\" and the output \"%1\" must not contain each other");
     QTest::newRow("output is input") << QString() << QStringList{QStringLiteral("--out"), QStringLiteral("%1/input/")}
                                      << QStringLiteral("the input \"%1/input\" and the output \"%1/input/\" must not contain each other");
+    QTest::newRow("earlier build missing")
+        << QString() << QStringList{QStringLiteral("--delta-from"), QStringLiteral("%1/none")}
+        << QStringLiteral("--delta-from directory \"%1/none\" does not exist");
     QTest::newRow("key missing") << QString() << QStringList{QStringLiteral("--key"), QStringLiteral("%2/none.pem")}
                                  << QStringLiteral("cannot read key \"%2/none.pem\": No such file or directory");
     QTest::newRow("key is a directory") << QString() << QStringList{QStringLiteral("--key"), QStringLiteral("%2")}
@@ -572,7 +752,7 @@ void TestPublishBuild::failures()
         const QString value = QString(args.at(i + 1)).replace(QLatin1String("%1"), work->path())
                                   .replace(QLatin1String("%2"), keys.path());
         const int at = full.indexOf(args.at(i));
-        if (at >= 0 && args.at(i) != QLatin1String("--exclude"))
+        if (at >= 0 && args.at(i) != QLatin1String("--exclude") && args.at(i) != QLatin1String("--delta-from"))
             full[at + 1] = value;
         else
             full << args.at(i) << value;
@@ -618,6 +798,12 @@ void TestPublishBuild::commandLineErrors_data()
             << complete + QStringList{QStringLiteral("--version"), QStringLiteral("1"), QStringLiteral("--build-number"),
                                       QString::fromLatin1(bad)}
             << QStringLiteral("--build-number must be a whole number >= 0, not \"%1\"").arg(QString::fromLatin1(bad));
+    }
+    for (const char* bad : {"-1", "20", "x", ""}) {
+        QTest::addRow("zstd level \"%s\"", bad)
+            << complete + QStringList{QStringLiteral("--version"), QStringLiteral("1"), QStringLiteral("--zstd-level"),
+                                      QString::fromLatin1(bad)}
+            << QStringLiteral("--zstd-level must be a whole number from 0 to 19, not \"%1\"").arg(QString::fromLatin1(bad));
     }
     QTest::newRow("invalid exclude") << complete + QStringList{QStringLiteral("--version"), QStringLiteral("1"),
                                                                QStringLiteral("--exclude"), QStringLiteral("[")}

@@ -14,14 +14,26 @@ namespace {
 
 const QString kDevPublicKey = QStringLiteral(CORV_SOURCE_DIR "/keys/dev_public.pem");
 
+// Notes of two editions: compressible, and the patch between them is small.
+QByteArray notes(int edition)
+{
+    QByteArray text;
+    for (int i = 0; i < 5000; ++i)
+        text += "note " + QByteArray::number(i) + ": " + QByteArray::number((i * 31 + (i % 301 == 0 ? edition : 0)) % 9973) + '\n';
+    return text;
+}
+
 BuildFiles publishedBuild()
 {
     BuildFiles files;
     files.insert(QStringLiteral("app.exe"), patternBytes(300000, 1));
     files.insert(QStringLiteral("bin/b.dll"), "bee");
     files.insert(QStringLiteral("data/c.dat"), "sea");
+    files.insert(QStringLiteral("data/notes.txt"), notes(2));
     return files;
 }
+
+const QString kNotes = QStringLiteral("data/notes.txt");
 
 } // namespace
 
@@ -68,8 +80,16 @@ void TestPublishVerify::init()
     // Published by the test harness's own code, independent of corvanta-publish.
     work.reset(new QTemporaryDir);
     const BuildFiles build = publishedBuild();
+    // The notes also as a compressed copy and as a patch from their first edition, made with the
+    // zstd tool.
+    static const QByteArray compressed = zstdCompressed(notes(2));
+    static const QByteArray patch = zstdPatch(notes(1), notes(2));
+    QVERIFY(!compressed.isEmpty() && !patch.isEmpty());
     QVERIFY(publishBuild(work->path(), QStringLiteral("tree"), build,
-                         makeManifestJson(QStringLiteral("2.0.0"), 7, build)));
+                         withArtifacts(makeManifestJson(QStringLiteral("2.0.0"), 7, build), kNotes, compressed,
+                                       {{notes(1), patch}})));
+    QVERIFY(writeFile(tree(compressedRelPath(notes(2))), compressed));
+    QVERIFY(writeFile(tree(patchRelPath(notes(1), notes(2))), patch));
 }
 
 QString TestPublishVerify::tree(const QString& relPath) const
@@ -99,7 +119,8 @@ void TestPublishVerify::acceptsAnIntactTree()
                                         QStringLiteral("--public-key"), kDevPublicKey});
     QCOMPARE(run.exitCode, 0);
     QCOMPARE(run.err, QByteArray());
-    QCOMPARE(run.out, QByteArray("OK: Corvanta x64 2.0.0 (build 7), 3 files, signature valid\n"));
+    QCOMPARE(run.out, QByteArray("OK: Corvanta x64 2.0.0 (build 7), 4 files, signature valid\n"
+                                 "OK: 1 compressed copy and 1 patch in .zstd\n"));
 }
 
 void TestPublishVerify::reportsEveryProblem_data()
@@ -120,6 +141,23 @@ void TestPublishVerify::reportsEveryProblem_data()
         << QStringList{QStringLiteral("content differs: \"app.exe\" has SHA-256 %1, the manifest lists %2")};
     QTest::newRow("directory where a file belongs")
         << QStringList{QStringLiteral("dir:bin/b.dll")} << QStringList{QStringLiteral("not a regular file: \"bin/b.dll\"")};
+    const QString compressedOf = QStringLiteral(" (compressed copy of \"data/notes.txt\")");
+    const QString patchOf = QStringLiteral(" (patch of \"data/notes.txt\")");
+    QTest::newRow("compressed copy missing") << QStringList{QStringLiteral("remove:@compressed")}
+                                             << QStringList{QStringLiteral("missing: \"@compressed\"") + compressedOf};
+    QTest::newRow("patch longer") << QStringList{QStringLiteral("append:@patch")}
+                                  << QStringList{QStringLiteral("size differs: \"@patch\"") + patchOf
+                                                 + QStringLiteral(" is listed with @patchsize bytes but has @patchsize+1")};
+    QTest::newRow("patch with other content, same size")
+        << QStringList{QStringLiteral("flip:@patch")}
+        << QStringList{QStringLiteral("content differs: \"@patch\"") + patchOf + QStringLiteral(" has SHA-256 %1, the manifest lists @patchhash")};
+    QTest::newRow("compressed copy of other content, listed with its own hash")
+        << QStringList{QStringLiteral("recompress:@compressed")}
+        << QStringList{QStringLiteral("does not decode to its file: \"@compressed\"") + compressedOf + QStringLiteral(": other content")};
+    QTest::newRow("compressed copy that is not zstd, listed with its own hash")
+        << QStringList{QStringLiteral("garbage:@compressed")}
+        << QStringList{QStringLiteral("does not decode to its file: \"@compressed\"") + compressedOf
+                       + QStringLiteral(": zstd: Unknown frame descriptor")};
     QTest::newRow("several problems at once")
         << QStringList{QStringLiteral("other-key"), QStringLiteral("remove:app.exe"), QStringLiteral("append:data/c.dat")}
         << QStringList{badSignature, QStringLiteral("missing: \"app.exe\""),
@@ -130,8 +168,26 @@ void TestPublishVerify::reportsEveryProblem()
 {
     QFETCH(QStringList, changes);
     QFETCH(QStringList, problems);
+    const QString compressedPath = compressedRelPath(notes(2));
+    const QString patchPath = patchRelPath(notes(1), notes(2));
+    const QByteArray patch = readFile(tree(patchPath));
+    const auto named = [&](QString text) {
+        return text.replace(QLatin1String("@compressed"), compressedPath)
+            .replace(QLatin1String("@patchsize+1"), QString::number(patch.size() + 1))
+            .replace(QLatin1String("@patchsize"), QString::number(patch.size()))
+            .replace(QLatin1String("@patchhash"), sha256Hex(patch))
+            .replace(QLatin1String("@patch"), patchPath);
+    };
+    // Lists other bytes as the compressed copy of the notes, in a manifest signed again.
+    const auto relistCompressed = [&](const QByteArray& bytes) {
+        const QByteArray manifest = withArtifacts(makeManifestJson(QStringLiteral("2.0.0"), 7, publishedBuild()), kNotes,
+                                                  bytes, {{notes(1), patch}});
+        return writeFile(tree(compressedPath), bytes) && writeFile(tree(QStringLiteral("manifest.json")), manifest)
+            && writeFile(tree(QStringLiteral("manifest.json.sig")), signWithKey(manifest));
+    };
     QString flippedHash;
-    for (const QString& change : changes) {
+    for (const QString& rawChange : changes) {
+        const QString change = named(rawChange);
         const QString path = tree(change.section(QLatin1Char(':'), 1));
         if (change == QLatin1String("manifest-byte")) {
             QByteArray manifest = readFile(tree(QStringLiteral("manifest.json")));
@@ -153,14 +209,19 @@ void TestPublishVerify::reportsEveryProblem()
         } else if (change.startsWith(QLatin1String("dir:"))) {
             QVERIFY(QFile::remove(path));
             QVERIFY(QDir().mkpath(path));
+        } else if (change.startsWith(QLatin1String("recompress:"))) {
+            QVERIFY(relistCompressed(zstdCompressed(notes(3))));
+        } else if (change.startsWith(QLatin1String("garbage:"))) {
+            QVERIFY(relistCompressed("not zstd at all"));
         }
     }
     QStringList expected;
-    for (const QString& problem : problems) {
+    for (const QString& rawProblem : problems) {
+        const QString problem = named(rawProblem);
         expected << QStringLiteral("corvanta-publish: ")
-                        + (problem.contains(QLatin1String("%1"))
+                        + (problem.contains(QLatin1String("%2"))
                                ? problem.arg(flippedHash, sha256Hex(publishedBuild().value(QStringLiteral("app.exe"))))
-                               : problem);
+                               : problem.contains(QLatin1String("%1")) ? problem.arg(flippedHash) : problem);
     }
     expected << QStringLiteral("corvanta-publish: verify failed: %1 problem(s) in \"%2\"").arg(problems.size()).arg(tree());
 

@@ -10,18 +10,32 @@ namespace {
 const QByteArray kHashA = "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa";
 const QByteArray kHashB = "0123456789abcdef0123456789abcdef0123456789abcdef0123456789abcdef";
 
-// One file entry as "path|size|sha256", for whole-list comparisons.
+// One file entry as "path|size|sha256", followed by "|zstd:size:sha256" or
+// "|patch:from:size:sha256" for each artifact, for whole-list comparisons.
 QStringList describe(const QList<ManifestFile>& files)
 {
     QStringList out;
-    for (const ManifestFile& file : files)
-        out << QStringLiteral("%1|%2|%3").arg(file.path).arg(file.size).arg(file.sha256);
+    for (const ManifestFile& file : files) {
+        QString line = QStringLiteral("%1|%2|%3").arg(file.path).arg(file.size).arg(file.sha256);
+        for (const ManifestArtifact& artifact : file.artifacts) {
+            line += artifact.isPatch() ? QStringLiteral("|patch:%1:%2:%3").arg(artifact.sourceSha256).arg(artifact.size).arg(artifact.sha256)
+                                       : QStringLiteral("|zstd:%1:%2").arg(artifact.size).arg(artifact.sha256);
+        }
+        out << line;
+    }
     return out;
 }
+
 
 QByteArray withFiles(const QByteArray& filesJson)
 {
     return R"({"fullVersion": "5.0.153", "files": )" + filesJson + "}";
+}
+
+// A file entry of 1000 bytes with hash A, and the JSON of its artifacts.
+QByteArray withArtifactEntry(const QByteArray& artifactsJson)
+{
+    return withFiles(R"([{"path": "lib/x.dll", "size": 1000, "sha256": ")" + kHashA + "\"" + artifactsJson + "}]");
 }
 
 QByteArray goodEntries(int count)
@@ -138,6 +152,47 @@ void TestManifest::parseAccepts_data()
     QTest::newRow("unknown keys are ignored")
         << QByteArray(R"({"fullVersion": "v", "signature": "x", "files": [{"path": "a", "sha256": "aa", "mode": 7}]})")
         << qint64(-1) << "v" << "" << "" << QStringList{"a|-1|aa"};
+    const QByteArray hashC = "cccccccccccccccccccccccccccccccccccccccccccccccccccccccccccccccc";
+    const QByteArray hashD = "dddddddddddddddddddddddddddddddddddddddddddddddddddddddddddddddd";
+    const QString entry = "lib/x.dll|1000|" + kHashA;
+    QTest::newRow("compressed copy and patches, hashes lower-cased")
+        << withArtifactEntry(R"(, "zstd": {"size": 400, "sha256": ")" + kHashB.toUpper() + R"("},
+                               "zstdPatches": [{"from": ")" + hashC + R"(", "size": 30, "sha256": ")" + hashD + R"("},
+                                               {"from": ")" + hashD.toUpper() + R"(", "size": 50.7, "sha256": ")" + hashC + R"("}])")
+        << qint64(-1) << "5.0.153" << "" << ""
+        << QStringList{entry + "|zstd:400:" + kHashB + "|patch:" + hashC + ":30:" + hashD + "|patch:" + hashD + ":50:" + hashC};
+    // An artifact that cannot serve is left out; the file itself always can.
+    QTest::newRow("artifacts not smaller than the file are left out")
+        << withArtifactEntry(R"(, "zstd": {"size": 1000, "sha256": ")" + kHashB + R"("},
+                               "zstdPatches": [{"from": ")" + hashC + R"(", "size": 1001, "sha256": ")" + hashD + R"("}])")
+        << qint64(-1) << "5.0.153" << "" << "" << QStringList{entry};
+    QTest::newRow("artifacts without a usable size are left out")
+        << withArtifactEntry(R"(, "zstd": {"sha256": ")" + kHashB + R"("},
+                               "zstdPatches": [{"from": ")" + hashC + R"(", "size": 0, "sha256": ")" + hashD + R"("},
+                                               {"from": ")" + hashD + R"(", "size": "30", "sha256": ")" + hashC + R"("}])")
+        << qint64(-1) << "5.0.153" << "" << "" << QStringList{entry};
+    QTest::newRow("artifacts whose hashes are not 64 hex digits are left out")
+        << withArtifactEntry(R"(, "zstd": {"size": 400, "sha256": "ab"},
+                               "zstdPatches": [{"from": "../../x", "size": 30, "sha256": ")" + hashD + R"("},
+                                               {"from": ")" + hashC + R"(", "size": 30, "sha256": ")" + hashD.left(63) + R"(g"},
+                                               {"size": 30, "sha256": ")" + hashD + R"("}])")
+        << qint64(-1) << "5.0.153" << "" << "" << QStringList{entry};
+    QTest::newRow("a patch from the file itself, and a second patch from one source, are left out")
+        << withArtifactEntry(R"(, "zstdPatches": [{"from": ")" + kHashA + R"(", "size": 30, "sha256": ")" + hashD + R"("},
+                                                  {"from": ")" + hashC + R"(", "size": 30, "sha256": ")" + hashD + R"("},
+                                                  {"from": ")" + hashC + R"(", "size": 20, "sha256": ")" + kHashB + R"("}])")
+        << qint64(-1) << "5.0.153" << "" << "" << QStringList{entry + "|patch:" + hashC + ":30:" + hashD};
+    QTest::newRow("artifact keys of other types are ignored")
+        << withArtifactEntry(R"(, "zstd": [400], "zstdPatches": {"from": ")" + hashC + R"(", "size": 30, "sha256": ")" + hashD + R"("})")
+        << qint64(-1) << "5.0.153" << "" << "" << QStringList{entry};
+    QTest::newRow("no artifacts for a file without size or with a short hash")
+        << withFiles(R"([{"path": "a", "sha256": ")" + kHashA + R"(", "zstd": {"size": 4, "sha256": ")" + kHashB + R"("}},
+                        {"path": "b", "size": 100, "sha256": "ab", "zstd": {"size": 4, "sha256": ")" + kHashB + R"("}}])")
+        << qint64(-1) << "5.0.153" << "" << "" << QStringList{"a|-1|" + kHashA, "b|100|ab"};
+    QTest::newRow("names that only resemble the artifact directory")
+        << withFiles(R"([{"path": "zstd/a", "sha256": "aa"}, {"path": "lib/.zstd/b", "sha256": "bb"},
+                        {"path": ".zstd2", "sha256": "cc"}, {"path": "a.zst", "sha256": "dd"}])")
+        << qint64(-1) << "5.0.153" << "" << "" << QStringList{"zstd/a|-1|aa", "lib/.zstd/b|-1|bb", ".zstd2|-1|cc", "a.zst|-1|dd"};
     QTest::newRow("UTF-8 path")
         << withFiles("[{\"path\": \"t\xc3\xa0i li\xe1\xbb\x87u/\xc4\x91\xe1\xbb\x8d\x63.txt\", \"sha256\": \"aa\"}]")
         << qint64(-1) << "5.0.153" << "" << ""
@@ -204,7 +259,7 @@ void TestManifest::parseRejects_data()
     for (const char* path : {"x.bak", "lib/X.BAK", "old.bak/x", "updater.exe.new", "a.part", "state.tmp", "manifest.json",
                              "Manifest.JSON", "manifest.json.sig", "updater.log", ".staging/a", ".update-cache/v/a", ".Staging",
                              "tab\there", "a/\u007f", "manifest.json.", ".staging./a", "...", "..a/b..", "lib/a.dll.", "lib/a.dll ",
-                             "x.bak ", "nul", "lib/com1.txt", "a|b"})
+                             "x.bak ", "nul", "lib/com1.txt", "a|b", ".zstd/a.zst", ".ZSTD", ".Zstd/x/y"})
         QTest::addRow("reserved path %s", path) << withFiles(QByteArray(R"([{"path": "ok", "sha256": "11"}, {"path": ")") + path + R"(", "sha256": "22"}])");
     // Checking every entry's directories against the files must not take time of the path's
     // length times its depth: 4 MiB of "d/" took about twenty minutes, the clash after it waited.

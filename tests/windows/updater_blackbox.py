@@ -295,28 +295,32 @@ class Harness:
     def build_files(self, build):
         return {path.replace("{self}", self.target.self_name): data for path, data in BUILDS[build].items()}
 
-    def publish_build(self, build, out, version=None, number=None, key="dev"):
+    def publish_build(self, build, out, version=None, number=None, key="dev", delta_from=None):
         source = out + ".input"
         for path, data in self.build_files(build).items():
             write(os.path.join(source, path), data)
         key_path = os.path.join(SOURCE_DIR, "keys", "dev_private.pem") if key == "dev" else \
             os.path.join(self.keys, "private.pem")
+        # Whole files only, unless the row asks for compressed copies and patches from delta_from.
+        smaller = ["--delta-from", delta_from] if delta_from else ["--zstd-level", "0"]
         sh([self.options.publish, "build", "--input", source, "--out", out, "--version", version or build.split("+")[0],
-            "--build-number", str(number if number is not None else BUILD_NUMBERS[build]), "--key", key_path])
+            "--build-number", str(number if number is not None else BUILD_NUMBERS[build]), "--key", key_path]
+           + smaller)
 
     def publish(self, r):
+        # The installed build, published the same way for its manifest.json.
+        installed = os.path.join(self.run_dir, "installed", r["name"])
+        self.publish_build(r["installed"], installed)
         published = r["publish"] if isinstance(r["publish"], dict) else {"build": r["publish"]}
         out = os.path.join(self.www, r["name"])
         self.publish_build(published["build"], out, published.get("version"), published.get("number"),
-                           published.get("key", "dev"))
+                           published.get("key", "dev"), installed if published.get("patches") else None)
         if published.get("tamper") == "signature":
             sig_path = os.path.join(out, "manifest.json.sig")
             with open(sig_path, "rb") as f:
                 der = bytearray(base64.b64decode(f.read()))
             der[-1] ^= 0x01  # still a well-formed signature, of nothing that was signed
             write(sig_path, base64.b64encode(bytes(der)))
-        # The installed build, published the same way for its manifest.json.
-        self.publish_build(r["installed"], os.path.join(self.run_dir, "installed", r["name"]))
 
     def url(self, r):
         tls = {"http": None, "https": 0, "https-rogue": 1}[r["server"]]

@@ -7,7 +7,9 @@ Each row is a dict:
              it to other
   read_only  installed paths made read-only before the run
   publish    build served ("1.0", "2.0" or "2.0+self"), with `version`, `number`, `key`
-             ("dev" or "other") and `tamper` ("signature") overriding its defaults
+             ("dev" or "other") and `tamper` ("signature") overriding its defaults; whole files
+             only, unless `patches` is True: then also compressed copies and patches from the
+             installed build
   server     "http", "https" (certificate of a CA the installation's system trusts) or
              "https-rogue" (certificate of a CA nobody trusts)
   rate       nginx limit_rate for this row's files
@@ -27,6 +29,8 @@ Each row is a dict:
   waits      True: the first log line comes after the "live" helper ended
   targets    the targets the row runs on (default both)
 """
+
+import hashlib
 
 
 def pattern(size, seed):
@@ -59,11 +63,26 @@ DOCUMENTS = ["manifest.json", "manifest.json.sig"]
 
 UPDATED = [
     '[I] [apply] [Update] dung 0 / 4 file tu kho tam',
+    '[I] [apply] [Update] da tai qua mang 360022 byte (ca file: 360022 byte)',
     '[I] [apply] [Update] CAP NHAT THANH CONG -> "2.0"',
 ]
 BAD_SIGNATURE = ['[W] [apply] [Update] CHU KY MANIFEST SAI -> KHONG ap, chay ban hien tai']
 # Qt's text for a certificate that does not lead to a CA the system trusts.
 UNTRUSTED = '"SSL handshake failed"'
+
+
+def sha256(data):
+    return hashlib.sha256(data).hexdigest()
+
+
+def compressed(path):
+    """Where the publisher puts build 2's file compressed."""
+    return f".zstd/{sha256(BUILDS['2.0'][path])}.zst"
+
+
+def patch(path):
+    """Where the publisher puts the patch from build 1's file to build 2's."""
+    return f".zstd/{sha256(BUILDS['1.0'][path])}-{sha256(BUILDS['2.0'][path])}.zst"
 
 
 def row(name, **fields):
@@ -80,12 +99,24 @@ def row(name, **fields):
 ROWS = [
     row("update-http", lines=UPDATED),
     row("update-https", server="https", lines=UPDATED),
+    # Published with compressed copies and patches from build 1: the two files build 1 holds
+    # come as patches, the added one compressed, the short text whole (nothing smaller).
+    row("update-through-patches", publish={"build": "2.0", "patches": True},
+        requests=DOCUMENTS + [patch("Corvanta.exe"), "docs/hướng dẫn.txt", compressed("lib/added.dll"),
+                              patch("lib/core.dll")], lines=[
+            '[I] [apply] [Update] "Corvanta.exe" tai patch 47 byte thay vi 210000 byte',
+            '[I] [apply] [Update] "lib/added.dll" tai ban nen 434 byte thay vi 30000 byte',
+            '[I] [apply] [Update] "lib/core.dll" tai patch 37 byte thay vi 120007 byte',
+            '[I] [apply] [Update] dung 0 / 4 file tu kho tam',
+            '[I] [apply] [Update] da tai qua mang 533 byte (ca file: 360022 byte)',
+            '[I] [apply] [Update] CAP NHAT THANH CONG -> "2.0"',
+        ]),
     # ReplaceFileW refuses a read-only file (5); the two renames replace it, and its backup,
     # read-only too, is deleted with the others once the attribute is cleared.
     row("read-only-files-replaced", read_only=["Corvanta.exe", "lib/core.dll"], targets=("wine",), lines=[
-        UPDATED[0],
+        *UPDATED[:2],
         *['[W] [apply] [Update] ReplaceFile hong err= 5 -> da lui ve doi ten hai buoc, OK'] * 2,
-        UPDATED[1],
+        UPDATED[2],
     ]),
     row("https-untrusted-ca", server="https-rogue", tree="installed", requests=[], lines=[
         f'[W] [apply] [Update] GET loi "{{url}}manifest.json" {UNTRUSTED}',
@@ -106,6 +137,7 @@ ROWS = [
     row("self-update", publish="2.0+self", tree="2.0", tree_extra={"{self}.new": b"the updater of build 2\n"},
         requests=DOCUMENTS + CHANGED + ["{self}"], lines=[
             '[I] [apply] [Update] dung 0 / 5 file tu kho tam',
+            '[I] [apply] [Update] da tai qua mang 360045 byte (ca file: 360045 byte)',
             '[I] [apply] [Update] CAP NHAT THANH CONG -> "2.0"',
         ]),
     # Both start at once; the files come slowly (about 7 s), so the one that takes the updater's
@@ -119,7 +151,7 @@ ROWS = [
     # FILE_SHARE_DELETE: ReplaceFileW and the rename of the fallback both meet a sharing
     # violation; the two files replaced before are put back and the added one is deleted.
     row("held-file-rolls-back", helpers=[("hold", "lib/core.dll")], tree="installed", targets=("wine",), lines=[
-        '[I] [apply] [Update] dung 0 / 4 file tu kho tam',
+        *UPDATED[:2],
         '[W] [apply] [Update] ReplaceFile hong err= 32 va doi ten -> .bak cung hong err= 32 '
         '(32=file dang bi giu, 5=khong du quyen/AV)',
         '[W] [apply] [Update] thay "lib/core.dll" that bai',
@@ -152,6 +184,7 @@ ROWS = [
             '[I] [prefetch] [UpdatePrefetch] lib/core.dll xong ( 4 / 4 )',
             '[I] [prefetch] [UpdatePrefetch] xong toan bo - 4 file ok, 0 bo lai cho updater',
             '[I] [apply] [Update] dung 4 / 4 file tu kho tam',
+            '[I] [apply] [Update] da tai qua mang 0 byte (ca file: 360022 byte)',
             '[I] [apply] [Update] CAP NHAT THANH CONG -> "2.0"',
         ]),
 ]

@@ -36,3 +36,8 @@ int usageError(const QString& command, const QString& text)
     printError(QStringLiteral("%1 (see %2)").arg(text, help));
     return kExitUsage;
 }
+
+QString counted(int count, const QString& one, const QString& many)
+{
+    return QStringLiteral("%1 %2").arg(count).arg(count == 1 ? one : many);
+}

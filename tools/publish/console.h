@@ -15,3 +15,6 @@ void printError(const QString& text);
 int fail(const QString& text);
 // printError(text) with a pointer to the help of `command`, and kExitUsage.
 int usageError(const QString& command, const QString& text);
+
+// "1 patch", "2 patches": a count with the noun in the right number.
+QString counted(int count, const QString& one, const QString& many);

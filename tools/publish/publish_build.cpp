@@ -1,4 +1,6 @@
 #include "build_tree.h"
+#include "published_artifacts.h"
+#include "artifact_encoder.h"
 #include "command_line.h"
 #include "console.h"
 #include "publish_commands.h"
@@ -21,7 +23,7 @@ namespace {
 const char kHelp[] =
     "Usage: corvanta-publish build --input DIR --out DIR --version V --build-number N\n"
     "                              --key PRIVATE.pem [--product NAME] [--arch ARCH]\n"
-    "                              [--exclude GLOB]...\n"
+    "                              [--exclude GLOB]... [--delta-from DIR]... [--zstd-level N]\n"
     "\n"
     "Publishes the build in --input into --out, the directory served at the updater's\n"
     "baseUrl: every file at its relative path, then manifest.json (paths with \"/\", sorted,\n"
@@ -40,6 +42,19 @@ const char kHelp[] =
     "  --exclude GLOB      leave out matching files and directories; \"*\" and \"?\" do not\n"
     "                      match \"/\"; a GLOB without \"/\" matches a name at any depth, one\n"
     "                      with \"/\" the path from the input root. May be repeated.\n"
+    "  --delta-from DIR    an earlier build, as its input tree or its published tree (also\n"
+    "                      --out itself): every file of this build that DIR holds with other\n"
+    "                      content gets a zstd patch from that content. May be repeated, one\n"
+    "                      patch per distinct earlier content.\n"
+    "  --zstd-level N      zstd level of compressed copies and patches, 1 to 19 (default 19);\n"
+    "                      0 publishes neither\n"
+    "\n"
+    "Smaller downloads: every file is also published compressed with zstd, and patched from\n"
+    "its earlier versions, below .zstd/ (named by content: <sha256>.zst, <from>-<sha256>.zst),\n"
+    "each listed in the file's manifest entry with its size and SHA-256 (\"zstd\",\n"
+    "\"zstdPatches\" with \"from\"). One is published only when it is smaller than what it\n"
+    "stands in for, and only after it decoded back to the file. Patches are made only for\n"
+    "files of at most 80 MiB. Updaters that do not know these keys download whole files.\n"
     "\n"
     "Every file is written under a temporary name and renamed into place; manifest.json and\n"
     "then manifest.json.sig come last, so the published manifest never lists a file that is\n"
@@ -70,6 +85,13 @@ public:
         lastReportMs = clock.elapsed();
         printError(QStringLiteral("copied %1/%2 files, %3/%4 MiB")
                        .arg(files).arg(totalFiles).arg(mebibytes(bytes), mebibytes(totalBytes)));
+    }
+    void note(const QString& text)
+    {
+        if (clock.elapsed() - lastReportMs < kProgressIntervalMs)
+            return;
+        lastReportMs = clock.elapsed();
+        printError(text);
     }
 
 private:
@@ -127,9 +149,23 @@ QByteArray manifestJson(const Manifest& manifest)
         root.insert(QStringLiteral("arch"), manifest.arch);
     QJsonArray files;
     for (const ManifestFile& file : manifest.files) {
-        files.append(QJsonObject{{QStringLiteral("path"), file.path},
-                                 {QStringLiteral("size"), double(file.size)},
-                                 {QStringLiteral("sha256"), file.sha256}});
+        QJsonObject entry{{QStringLiteral("path"), file.path},
+                          {QStringLiteral("size"), double(file.size)},
+                          {QStringLiteral("sha256"), file.sha256}};
+        QJsonArray patches;
+        for (const ManifestArtifact& artifact : file.artifacts) {
+            QJsonObject described{{QStringLiteral("size"), double(artifact.size)},
+                                  {QStringLiteral("sha256"), artifact.sha256}};
+            if (artifact.isPatch()) {
+                described.insert(QStringLiteral("from"), artifact.sourceSha256);
+                patches.append(described);
+            } else {
+                entry.insert(QStringLiteral("zstd"), described);
+            }
+        }
+        if (!patches.isEmpty())
+            entry.insert(QStringLiteral("zstdPatches"), patches);
+        files.append(entry);
     }
     root.insert(QStringLiteral("files"), files);
     return QJsonDocument(root).toJson(QJsonDocument::Indented);
@@ -146,8 +182,14 @@ bool readsBackAsWritten(const QByteArray& bytes, const Manifest& written)
     for (int i = 0; i < read.files.size(); ++i) {
         const ManifestFile& a = read.files.at(i);
         const ManifestFile& b = written.files.at(i);
-        if (a.path != b.path || a.size != b.size || a.sha256 != b.sha256)
+        if (a.path != b.path || a.size != b.size || a.sha256 != b.sha256 || a.artifacts.size() != b.artifacts.size())
             return false;
+        for (int j = 0; j < a.artifacts.size(); ++j) {
+            const ManifestArtifact& x = a.artifacts.at(j);
+            const ManifestArtifact& y = b.artifacts.at(j);
+            if (x.sourceSha256 != y.sourceSha256 || x.size != y.size || x.sha256 != y.sha256)
+                return false;
+        }
     }
     return true;
 }
@@ -175,7 +217,8 @@ int runBuild(const QStringList& args)
 {
     const QString command = QStringLiteral("build");
     QCommandLineParser parser;
-    for (const char* name : {"input", "out", "version", "build-number", "product", "arch", "key", "exclude"})
+    for (const char* name : {"input", "out", "version", "build-number", "product", "arch", "key", "exclude",
+                             "delta-from", "zstd-level"})
         parser.addOption(QCommandLineOption(QString::fromLatin1(name), QString(), QStringLiteral("value")));
     int exitCode = kExitOk;
     if (!parseCommandLine(parser, command, args, kHelp,
@@ -199,6 +242,13 @@ int runBuild(const QStringList& args)
                                                                : QStringLiteral("Corvanta");
     manifest.arch = parser.isSet(QStringLiteral("arch")) ? parser.value(QStringLiteral("arch"))
                                                          : QStringLiteral("x64");
+    int zstdLevel = kDefaultZstdLevel;
+    if (parser.isSet(QStringLiteral("zstd-level"))) {
+        zstdLevel = parser.value(QStringLiteral("zstd-level")).toInt(&ok);
+        if (!ok || zstdLevel < 0 || zstdLevel > 19)
+            return usageError(command, QStringLiteral("--zstd-level must be a whole number from 0 to 19, not \"%1\"")
+                                           .arg(parser.value(QStringLiteral("zstd-level"))));
+    }
     ExcludeRules excludes;
     QString error;
     if (!excludes.setPatterns(parser.values(QStringLiteral("exclude")), &error))
@@ -216,6 +266,13 @@ int runBuild(const QStringList& args)
         return fail(QStringLiteral("the input \"%1\" and the output \"%2\" must not contain each other")
                         .arg(inputDir, outDir));
 
+    QStringList deltaDirs;
+    for (const QString& dir : parser.values(QStringLiteral("delta-from"))) {
+        if (!QFileInfo(dir).isDir())
+            return fail(QStringLiteral("--delta-from directory \"%1\" does not exist").arg(dir));
+        deltaDirs.append(resolvedPath(dir));
+    }
+
     const SigningKey key = SigningKey::load(parser.value(QStringLiteral("key")), &error);
     if (!key.isValid())
         return fail(error);
@@ -231,10 +288,24 @@ int runBuild(const QStringList& args)
         totalBytes += QFileInfo(file.sourcePath).size();
     Progress progress(files.size(), totalBytes);
     qint64 bytesDone = 0;
+    ArtifactTotals totals;
+    const auto note = [&progress](const QString& text) { progress.note(text); };
     for (const BuildFile& file : files) {
-        ManifestFile entry;
-        if (!publishFile(file, out, &entry, progress, manifest.files.size(), &bytesDone, &error))
+        // The artifacts come first: an earlier tree given with --delta-from may be --out itself,
+        // whose copy of this file is about to be replaced.
+        ManifestFile entry{file.relPath, QFileInfo(file.sourcePath).size(), sha256OfFile(file.sourcePath), {}};
+        QList<DeltaSource> sources;
+        if (entry.sha256.isEmpty())
+            return fail(QStringLiteral("cannot read \"%1\"").arg(file.sourcePath));
+        if (zstdLevel > 0
+            && (!earlierVersions(deltaDirs, file.relPath, entry.sha256, &sources, &error)
+                || !publishArtifacts(file.sourcePath, &entry, sources, zstdLevel, out, note, &totals, &error)))
             return fail(error);
+        ManifestFile copied;
+        if (!publishFile(file, out, &copied, progress, manifest.files.size(), &bytesDone, &error))
+            return fail(error);
+        if (copied.sha256 != entry.sha256 || copied.size != entry.size)
+            return fail(QStringLiteral("\"%1\" changed while it was published").arg(file.sourcePath));
         manifest.files.append(entry);
     }
 
@@ -272,5 +343,12 @@ int runBuild(const QStringList& args)
                  .arg(manifest.fullVersion, build)
                  .arg(manifest.files.size())
                  .arg(mebibytes(bytesDone), QDir::toNativeSeparators(outDir)));
+    if (totals.compressed + totals.patches > 0)
+        printOut(QStringLiteral("smaller downloads in %1: %2 (%3 MiB), %4 (%5 MiB)")
+                     .arg(QLatin1String(kArtifactDir),
+                          counted(totals.compressed, QStringLiteral("compressed copy"), QStringLiteral("compressed copies")),
+                          mebibytes(totals.compressedBytes),
+                          counted(totals.patches, QStringLiteral("patch"), QStringLiteral("patches")),
+                          mebibytes(totals.patchBytes)));
     return kExitOk;
 }

@@ -3,6 +3,7 @@
 #include "publish_commands.h"
 #include "signing_key.h"
 
+#include "apply/artifact_decoder.h"
 #include "base/sha256.h"
 #include "update/manifest.h"
 #include "update/manifest_signature.h"
@@ -18,7 +19,8 @@ const char kHelp[] =
     "\n"
     "Checks a published tree as the updater would see it: manifest.json must carry a valid\n"
     "signature in manifest.json.sig and parse, and every file it lists must exist below DIR\n"
-    "with the listed size and SHA-256.\n"
+    "with the listed size and SHA-256. So must every compressed copy and patch it lists below\n"
+    ".zstd/, and every compressed copy must decode to its file.\n"
     "\n"
     "  --dir DIR             the published tree (the directory served at baseUrl)\n"
     "  --public-key PUB.pem  the key to check the signature with; without it, the key built\n"
@@ -42,6 +44,61 @@ bool readDocument(const QString& path, QByteArray* bytes, QString* error)
     }
     *bytes = file.readAll();
     return true;
+}
+
+// Checks one listed file (a build file or an artifact, `what` says which) against its size and
+// SHA-256; prints the problem and returns false when it does not match.
+bool matchesListing(const QDir& dir, const ManifestFile& listed, const QString& what)
+{
+    const QFileInfo info(dir.filePath(listed.path));
+    if (!info.exists()) {
+        printError(QStringLiteral("missing: \"%1\"%2").arg(listed.path, what));
+    } else if (!info.isFile()) {
+        printError(QStringLiteral("not a regular file: \"%1\"%2").arg(listed.path, what));
+    } else if (info.size() != listed.size) {
+        printError(QStringLiteral("size differs: \"%1\"%2 is listed with %3 bytes but has %4")
+                       .arg(listed.path, what).arg(listed.size).arg(info.size()));
+    } else {
+        const QString actual = sha256OfFile(info.filePath());
+        if (actual == listed.sha256)
+            return true;
+        printError(QStringLiteral("content differs: \"%1\"%2 has SHA-256 %3, the manifest lists %4")
+                       .arg(listed.path, what, actual.isEmpty() ? QStringLiteral("(unreadable)") : actual,
+                            listed.sha256));
+    }
+    return false;
+}
+
+// The problems of one file entry: the file itself, each artifact, and whether the compressed
+// copy decodes to the file.
+int problemsOf(const QDir& dir, const ManifestFile& file)
+{
+    int problems = matchesListing(dir, file, QString()) ? 0 : 1;
+    for (const ManifestArtifact& artifact : file.artifacts) {
+        const ManifestFile listed = artifactAsFile(file, artifact);
+        const QString what = QStringLiteral(" (%1 of \"%2\")")
+                                 .arg(artifact.isPatch() ? QStringLiteral("patch") : QStringLiteral("compressed copy"), file.path);
+        if (!matchesListing(dir, listed, what)) {
+            ++problems;
+            continue;
+        }
+        if (artifact.isPatch())
+            continue;  // its source is an earlier build, which is not here
+        Sha256 decoded;
+        QString error;
+        const bool ok = decodeArtifact(dir.filePath(listed.path), QString(), file.size,
+                                       [&decoded](const char* data, qint64 length) {
+                                           decoded.addData(data, length);
+                                           return true;
+                                       },
+                                       &error);
+        if (ok && decoded.hexResult() == file.sha256)
+            continue;
+        printError(QStringLiteral("does not decode to its file: \"%1\"%2: %3")
+                       .arg(listed.path, what, ok ? QStringLiteral("other content") : error));
+        ++problems;
+    }
+    return problems;
 }
 
 } // namespace
@@ -89,25 +146,8 @@ int runVerify(const QStringList& args)
                                    "no file entry, or a path the updater rejects)"));
     }
 
-    for (const ManifestFile& file : manifest.files) {
-        const QFileInfo info(dir.filePath(file.path));
-        if (!info.exists()) {
-            printError(QStringLiteral("missing: \"%1\"").arg(file.path));
-        } else if (!info.isFile()) {
-            printError(QStringLiteral("not a regular file: \"%1\"").arg(file.path));
-        } else if (info.size() != file.size) {
-            printError(QStringLiteral("size differs: \"%1\" is listed with %2 bytes but has %3")
-                           .arg(file.path).arg(file.size).arg(info.size()));
-        } else {
-            const QString actual = sha256OfFile(info.filePath());
-            if (actual == file.sha256)
-                continue;
-            printError(QStringLiteral("content differs: \"%1\" has SHA-256 %2, the manifest lists %3")
-                           .arg(file.path, actual.isEmpty() ? QStringLiteral("(unreadable)") : actual,
-                                file.sha256));
-        }
-        ++problems;
-    }
+    for (const ManifestFile& file : manifest.files)
+        problems += problemsOf(dir, file);
     if (problems > 0)
         return fail(QStringLiteral("verify failed: %1 problem(s) in \"%2\"").arg(problems).arg(dir.path()));
 
@@ -118,5 +158,16 @@ int runVerify(const QStringList& args)
     printOut(QStringLiteral("OK: %1 %2%3, %4 files, signature valid")
                  .arg(target.isEmpty() ? QStringLiteral("version") : target, manifest.fullVersion, build)
                  .arg(manifest.files.size()));
+    int compressed = 0;
+    int patches = 0;
+    for (const ManifestFile& file : manifest.files) {
+        for (const ManifestArtifact& artifact : file.artifacts)
+            ++(artifact.isPatch() ? patches : compressed);
+    }
+    if (compressed + patches > 0)
+        printOut(QStringLiteral("OK: %1 and %2 in %3")
+                     .arg(counted(compressed, QStringLiteral("compressed copy"), QStringLiteral("compressed copies")),
+                          counted(patches, QStringLiteral("patch"), QStringLiteral("patches")),
+                          QLatin1String(kArtifactDir)));
     return kExitOk;
 }

@@ -15,6 +15,8 @@ public:
     bool write(const char* data, qint64 length, QString* error);
     // Flushes and closes the temporary file; the final name is not touched yet.
     bool finishWriting(QString* error);
+    // The temporary file that holds the content until moveIntoPlace.
+    QString writtenPath() const { return temp.fileName(); }
     // Replaces the final name by the written content, data and directory synced to disk.
     bool moveIntoPlace(QString* error);
 
