@@ -59,6 +59,13 @@ def write(path, data):
         f.write(data)
 
 
+def sign(data, key_path):
+    """The manifest signature: base64 of the DER ECDSA signature over SHA-256."""
+    der = subprocess.run(["openssl", "dgst", "-sha256", "-sign", key_path], input=data, check=True,
+                         stdout=subprocess.PIPE).stdout
+    return base64.b64encode(der)
+
+
 # A child forked while another thread still has a fresh copy of an executable open for writing
 # keeps that descriptor until its exec, and exec of the copy then fails with ETXTBSY: copies
 # of executables and starts of processes take turns.
@@ -292,8 +299,11 @@ class Harness:
                            rate_limited={f"/{r['name']}/": r["rate"] for r in self.rows if "rate" in r},
                            tls=[(self.trusted.cert, self.trusted.key), (self.rogue.cert, self.rogue.key)])
 
+    def own_name(self, path):
+        return path.replace("{self}", self.target.self_name).replace("{SELF}", self.target.self_name.upper())
+
     def build_files(self, build):
-        return {path.replace("{self}", self.target.self_name): data for path, data in BUILDS[build].items()}
+        return {self.own_name(path): data for path, data in BUILDS[build].items()}
 
     def publish_build(self, build, out, version=None, number=None, key="dev", delta_from=None):
         source = out + ".input"
@@ -306,15 +316,37 @@ class Harness:
         sh([self.options.publish, "build", "--input", source, "--out", out, "--version", version or build.split("+")[0],
             "--build-number", str(number if number is not None else BUILD_NUMBERS[build]), "--key", key_path]
            + smaller)
+        return key_path
+
+    def publish_as(self, spec, out, delta_from=None):
+        """Publishes a build named by a row ("2.0", or a dict with `build`, `version`, `number`,
+        `key`, `patches`, and `manifest`: keys set in the published manifest, None removing one,
+        a callable changing it; the result is signed again with the same key)."""
+        spec = spec if isinstance(spec, dict) else {"build": spec}
+        key = self.publish_build(spec["build"], out, spec.get("version"), spec.get("number"), spec.get("key", "dev"),
+                                 delta_from if spec.get("patches") else None)
+        edit = spec.get("manifest")
+        if edit:
+            with open(os.path.join(out, "manifest.json"), "rb") as f:
+                manifest = json.loads(f.read())
+            if callable(edit):
+                edit(manifest)
+            else:
+                for name, value in edit.items():
+                    manifest.pop(name) if value is None else manifest.__setitem__(name, value)
+            data = json.dumps(manifest, indent=2, ensure_ascii=False).encode()
+            write(os.path.join(out, "manifest.json"), data)
+            write(os.path.join(out, "manifest.json.sig"), sign(data, key))
+        return spec
 
     def publish(self, r):
         # The installed build, published the same way for its manifest.json.
         installed = os.path.join(self.run_dir, "installed", r["name"])
-        self.publish_build(r["installed"], installed)
-        published = r["publish"] if isinstance(r["publish"], dict) else {"build": r["publish"]}
+        self.publish_as(r["installed"], installed)
         out = os.path.join(self.www, r["name"])
-        self.publish_build(published["build"], out, published.get("version"), published.get("number"),
-                           published.get("key", "dev"), installed if published.get("patches") else None)
+        published = self.publish_as(r["publish"], out, installed)
+        for path in r.get("unpublish", []):
+            os.remove(os.path.join(out, path))
         if published.get("tamper") == "signature":
             sig_path = os.path.join(out, "manifest.json.sig")
             with open(sig_path, "rb") as f:
@@ -323,6 +355,8 @@ class Harness:
             write(sig_path, base64.b64encode(bytes(der)))
 
     def url(self, r):
+        if r["server"] == "refused":
+            return f"http://127.0.0.1:1/{r['name']}/"
         tls = {"http": None, "https": 0, "https-rogue": 1}[r["server"]]
         return self.nginx.url(r["name"] + "/", tls=tls)
 
@@ -343,9 +377,12 @@ class Harness:
             os.chmod(os.path.join(inst, path), 0o444)  # Wine shows it as FILE_ATTRIBUTE_READONLY
         with SPAWN_LOCK:
             shutil.copy(self.options.updater, os.path.join(inst, self.target.self_name))
+        for path, data in r.get("cache", {}).items():
+            write(os.path.join(inst, ".update-cache", path), data)
         url = self.url(r)
-        write(os.path.join(inst, "updater.conf"),
-              json.dumps({"manifestUrl": url + "manifest.json", "baseUrl": url}).encode())
+        if r.get("config", True):
+            write(os.path.join(inst, "updater.conf"),
+                  json.dumps({"manifestUrl": url + "manifest.json", "baseUrl": url}).encode())
         return expected
 
     def expected_tree(self, r, installed):
@@ -356,7 +393,9 @@ class Harness:
             with open(os.path.join(self.www, r["name"], "manifest.json"), "rb") as f:
                 tree["manifest.json"] = f.read()
         for path, data in r.get("tree_extra", {}).items():
-            tree[path.replace("{self}", self.target.self_name)] = data
+            tree[self.own_name(path)] = data
+        for path, data in r.get("cache_after", {}).items():
+            tree[".update-cache/" + path] = data
         return tree
 
     def run_row(self, r, worker):
@@ -407,8 +446,11 @@ class Harness:
             problems.append("log lines:\n      " + "\n      ".join(lines) + "\n    expected:\n      "
                             + "\n      ".join(expected_lines))
         problems += self.compare_tree(inst, self.expected_tree(r, installed))
+        beside = sorted(set(os.listdir(row_dir)) - {"inst", "locks"})
+        if beside:
+            problems.append(f"written beside the installation: {beside}")
         requests = [q.uri[len(r["name"]) + 2:] for q in self.nginx.requests(mark) if q.uri.startswith(f"/{r['name']}/")]
-        expected_requests = [p.replace("{self}", self.target.self_name) for p in r["requests"]]
+        expected_requests = [self.own_name(p) for p in r["requests"]]
         if requests != expected_requests:
             problems.append(f"requests {requests}, expected {expected_requests}")
         if r.get("waits"):

@@ -2,16 +2,22 @@
 
 Each row is a dict:
   name       id of the row; its builds are served below /<name>/
-  installed  build installed before the run ("1.0" or "2.0"); `damage` then changes it:
+  installed  build installed before the run ("1.0" or "2.0", or a dict as for `publish`); `damage`
+             then changes it:
              {path: bytes} writes a file, {path: None} deletes one, {path: "->other"} renames
              it to other
   read_only  installed paths made read-only before the run
-  publish    build served ("1.0", "2.0" or "2.0+self"), with `version`, `number`, `key`
-             ("dev" or "other") and `tamper` ("signature") overriding its defaults; whole files
-             only, unless `patches` is True: then also compressed copies and patches from the
-             installed build
-  server     "http", "https" (certificate of a CA the installation's system trusts) or
-             "https-rogue" (certificate of a CA nobody trusts)
+  publish    build served ("1.0", "2.0", "2.0+self" or "2.0+SELF"), or a dict with `build` and
+             `version`, `number`, `key` ("dev" or "other"), `tamper` ("signature") overriding its
+             defaults, and `manifest`: keys set in the manifest (None removes one) or a function
+             that changes it, signed again; whole files only, unless `patches` is True: then also
+             compressed copies and patches from the installed build
+  unpublish  published paths removed from the server
+  server     "http", "https" (certificate of a CA the installation's system trusts),
+             "https-rogue" (certificate of a CA nobody trusts) or "refused" (port 1)
+  config     False: no updater.conf
+  cache      {path below .update-cache: bytes} written before the run; `cache_after` is what
+             must be left there
   rate       nginx limit_rate for this row's files
   helpers    processes started first and kept until the end: ("mutex", NAME), ("hold", PATH
              in the installation), ("live", MS)
@@ -56,7 +62,9 @@ BUILDS["2.0"] = dict(BUILDS["1.0"], **{
     "lib/core.dll": pattern(120_007, 12),
 })
 BUILDS["2.0+self"] = dict(BUILDS["2.0"], **{"{self}": b"the updater of build 2\n"})
-BUILD_NUMBERS = {"1.0": 1, "2.0": 2, "2.0+self": 2}
+# The updater's name in upper case is still the running updater; in a folder it is any file.
+BUILDS["2.0+SELF"] = dict(BUILDS["2.0"], **{"{SELF}": b"the updater of build 2\n", "tools/{self}": b"a tool\n"})
+BUILD_NUMBERS = {"1.0": 1, "2.0": 2, "2.0+self": 2, "2.0+SELF": 2}
 
 CHANGED = ["Corvanta.exe", "docs/hướng dẫn.txt", "lib/added.dll", "lib/core.dll"]
 DOCUMENTS = ["manifest.json", "manifest.json.sig"]
@@ -83,6 +91,25 @@ def compressed(path):
 def patch(path):
     """Where the publisher puts the patch from build 1's file to build 2's."""
     return f".zstd/{sha256(BUILDS['1.0'][path])}-{sha256(BUILDS['2.0'][path])}.zst"
+
+
+UP_TO_DATE = ['[I] [apply] [Update] da moi nhat: "2.0"']
+HASHES_MATCH = ['[I] [apply] [Update] hash khop het, dong bo manifest -> "2.0"']
+NO_BUILD_NUMBER = {"buildNumber": None}
+# What earlier prefetches left: a directory of another build and a file of the published one.
+EARLIER_CACHE = {"0.9/files/old.bin": b"old build\n", "2.0/files/unrelated.bin": b"kept while 2.0 is current\n"}
+
+
+def with_entry(path, data):
+    """A manifest change: one more file entry."""
+    return lambda m: m["files"].append({"path": path, "sha256": sha256(data), "size": len(data)})
+
+
+def manifest_fails(document, error):
+    url = '"{url}' + document + '"'
+    return [f'[W] [apply] [Update] GET loi {url} {error}', f'[W] [apply] [Update] thu lai GET {url} lan 2',
+            f'[W] [apply] [Update] GET loi {url} {error}',
+            f'[W] [apply] [Update] tai {"manifest" if document == "manifest.json" else ".sig"} that bai -> chay ban hien tai']
 
 
 def row(name, **fields):
@@ -171,6 +198,83 @@ ROWS = [
     # and Qt logs each attempt before it falls back to its own icon.
     row("proactive-message-box", runs=[{"args": ["--proactive"], "box": True}], lines=UPDATED,
         wine_adds=['[C] [apply] QPixmap::fromWinHICON(), failed to GetIconInfo() (Invalid cursor handle.)'] * 3),
+    # The run's outcomes, one row each: nothing to do, refused, up to date, updated, given up.
+    row("no-configuration", config=False, cache=EARLIER_CACHE, cache_after=EARLIER_CACHE, tree="installed",
+        requests=[], lines=['[I] [apply] [Update] khong co updater.conf -> bo qua update']),
+    row("manifest-unreachable", server="refused", tree="installed", requests=[],
+        lines=manifest_fails("manifest.json", '"Connection refused"')),
+    row("manifest-not-found", unpublish=["manifest.json"], tree="installed", requests=["manifest.json"] * 2,
+        lines=manifest_fails("manifest.json", '"Error transferring {url}manifest.json - server replied: Not Found"')),
+    row("signature-not-found", unpublish=["manifest.json.sig"], tree="installed",
+        requests=["manifest.json", "manifest.json.sig", "manifest.json.sig"],
+        lines=manifest_fails("manifest.json.sig",
+                             '"Error transferring {url}manifest.json.sig - server replied: Not Found"')),
+    row("other-product", publish={"build": "2.0", "manifest": {"product": "Pendrovia"}}, tree="installed",
+        requests=DOCUMENTS, lines=['[W] [apply] [Update] MANIFEST KHONG DANH CHO BAN NAY: product=Pendrovia '
+                                   '(can Corvanta) -> KHONG ap, chay ban hien tai']),
+    row("other-architecture", publish={"build": "2.0", "manifest": {"arch": "arm64"}}, tree="installed",
+        requests=DOCUMENTS, lines=['[W] [apply] [Update] MANIFEST KHONG DANH CHO BAN NAY: arch=arm64 '
+                                   '(can x64) -> KHONG ap, chay ban hien tai']),
+    # A signed path out of the installation refuses the whole manifest; nothing lands beside it.
+    row("path-out-of-the-installation", publish={"build": "2.0", "manifest": with_entry("../escape.txt", b"out\n")},
+        tree="installed", requests=DOCUMENTS, lines=['[W] [apply] [Update] manifest hong']),
+    # Build numbers decide when both are known (negative ones are unknown), else the versions,
+    # compared without regard to letter case.
+    row("installed-build-newer", installed={"build": "1.0", "number": 120}, publish={"build": "2.0", "number": 119},
+        cache=EARLIER_CACHE, tree="installed", requests=DOCUMENTS, lines=UP_TO_DATE),
+    row("same-version-no-build-numbers", installed={"build": "1.0", "version": "2.0", "manifest": NO_BUILD_NUMBER},
+        publish={"build": "2.0", "manifest": NO_BUILD_NUMBER}, tree="installed", requests=DOCUMENTS, lines=UP_TO_DATE),
+    row("same-version-installed-without-number",
+        installed={"build": "1.0", "version": "2.0", "manifest": NO_BUILD_NUMBER}, tree="installed",
+        requests=DOCUMENTS, lines=UP_TO_DATE),
+    row("same-version-installed-number-negative",
+        installed={"build": "1.0", "version": "2.0", "manifest": {"buildNumber": -5}}, tree="installed",
+        requests=DOCUMENTS, lines=UP_TO_DATE),
+    row("published-number-negative", installed={"build": "1.0", "number": 200},
+        publish={"build": "2.0", "manifest": {"buildNumber": -1}}, lines=UPDATED),
+    row("same-version-lower-build", installed={"build": "1.0", "version": "2.0"}, lines=UPDATED),
+    row("versions-differ-in-case", installed={"build": "1.0", "version": "2.0-BETA", "manifest": NO_BUILD_NUMBER},
+        publish={"build": "2.0", "version": "2.0-beta", "manifest": NO_BUILD_NUMBER},
+        lines=[*UPDATED[:2], '[I] [apply] [Update] CAP NHAT THANH CONG -> "2.0-beta"']),
+    # Files already current: only the installed manifest is brought up to date.
+    row("hashes-already-match", installed={"build": "2.0", "version": "1.0", "number": 1}, cache=EARLIER_CACHE,
+        requests=DOCUMENTS, lines=HASHES_MATCH),
+    row("installed-manifest-missing", installed="2.0", damage={"manifest.json": None}, requests=DOCUMENTS,
+        lines=HASHES_MATCH),
+    row("installed-manifest-corrupt", damage={"manifest.json": b'{"fullVersion": "1.0", "files": ['}, lines=UPDATED),
+    row("one-file-from-the-cache", cache={"2.0/files/lib/added.dll": BUILDS["2.0"]["lib/added.dll"]},
+        requests=DOCUMENTS + ["Corvanta.exe", "docs/hướng dẫn.txt", "lib/core.dll"],
+        lines=['[I] [apply] [Update] dung 1 / 4 file tu kho tam',
+               '[I] [apply] [Update] da tai qua mang 330022 byte (ca file: 360022 byte)', UPDATED[2]]),
+    row("second-run-up-to-date", runs=[{"args": []}, {"args": []}], requests=DOCUMENTS + CHANGED + DOCUMENTS,
+        lines=UPDATED + UP_TO_DATE),
+    # A file the server does not have gives the update up; other builds' cache goes.
+    row("file-not-found", unpublish=["lib/added.dll"], cache=EARLIER_CACHE, tree="installed",
+        cache_after={"2.0/files/unrelated.bin": EARLIER_CACHE["2.0/files/unrelated.bin"]},
+        requests=DOCUMENTS + CHANGED[:3], lines=[
+            '[W] [apply] [Update] GET(file) loi "{url}lib/added.dll" '
+            '"Error transferring {url}lib/added.dll - server replied: Not Found"',
+            '[W] [apply] [Update] tai "lib/added.dll" that bai -> huy, chay ban hien tai',
+        ]),
+    # lib/added.dll is to replace a directory, and another directory holds the name it would be
+    # moved aside to: the two files replaced before it are put back.
+    row("obstacle-rolls-back", tree="installed",
+        damage={"lib/added.dll/inside.txt": b"a directory\n", "lib/added.dll.bak/inside.txt": b"in the way\n"},
+        tree_extra={"lib/added.dll/inside.txt": b"a directory\n", "lib/added.dll.bak/inside.txt": b"in the way\n"},
+        lines=[*UPDATED[:2], '[W] [apply] [Update] them moi "lib/added.dll" that bai, GetLastError= 183',
+               '[W] [apply] [Update] ap that bai -> ROLLBACK']),
+    row("self-update-upper-case", publish="2.0+SELF",
+        tree_extra={"{SELF}.new": b"the updater of build 2\n", "tools/{self}": b"a tool\n"},
+        requests=DOCUMENTS + ["Corvanta.exe", "{SELF}", "docs/hướng dẫn.txt", "lib/added.dll", "lib/core.dll",
+                              "tools/{self}"],
+        lines=['[I] [apply] [Update] dung 0 / 6 file tu kho tam',
+               '[I] [apply] [Update] da tai qua mang 360052 byte (ca file: 360052 byte)', UPDATED[2]]),
+    row("interrupted-apply-repaired-without-configuration", config=False, tree="installed",
+        damage={"lib/core.dll": "->lib/core.dll.bak", "Corvanta.exe.bak": b"stale backup\n"}, requests=[], lines=[
+            '[W] [apply] [Update] CUU duoc file thieu sau lan ap bi cat ngang: "{inst}/lib/core.dll"',
+            '[I] [apply] [Update] don .bak: khoi phuc 1 , don rac 1',
+            '[I] [apply] [Update] khong co updater.conf -> bo qua update',
+        ]),
     row("prefetch-then-apply", runs=[{"args": ["--prefetch-only"]}, {"args": []}],
         requests=DOCUMENTS + CHANGED + DOCUMENTS, lines=[
             '[I] [prefetch] [UpdatePrefetch] bat dau 2.0 - 4 file, 0 MB',
