@@ -33,7 +33,7 @@ if [[ ${WINDOWS:-} == 1 || ( ${WINDOWS:-} != 0 && -f $toolchain/prefix/toolchain
     cmake --build "$build-win"
     # pefile is Debian's python3-pefile, so Debian's interpreter.
     /usr/bin/python3 tests/windows/check_resources.py --exe "$build-win/bin/updater.exe"
-    python3 tests/windows/updater_blackbox.py --target wine --updater "$build-win/bin/updater.exe" \
+    python3 tests/blackbox/updater_blackbox.py --target wine --updater "$build-win/bin/updater.exe" \
         --publish "$build/bin/corvanta-publish" --helper "$build/tests/windows/win32_test_helper.exe" \
         --scratch "$build-win/blackbox"
 else
