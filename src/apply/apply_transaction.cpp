@@ -32,6 +32,9 @@ struct Transaction {
     // (asidePath, originalPath), in order.
     QList<QPair<QString, QString>> movedAside;
     QSet<QString> directoriesChecked;  // each directory is looked at once, not once per file
+    // The error of the move that failed, taken at once: on Windows the Qt calls made before it
+    // is logged (thread-local lookups) reset GetLastError() to 0.
+    unsigned long moveError = 0;
 
     // Moves whatever stands where `path` must be (a directory for a file, or a file for a
     // directory) aside. False when that move failed.
@@ -47,8 +50,10 @@ struct Transaction {
         const QFileInfo asideInfo(aside);
         if (!info.isDir() || asideInfo.isSymLink() || asideInfo.isJunction())
             removeOwnPath(aside);
-        if (!moveWithoutReplacing(path, aside))
+        if (!moveWithoutReplacing(path, aside)) {
+            moveError = corv::platform::lastError();
             return false;
+        }
         movedAside.append({aside, path});
         return true;
     }
@@ -160,17 +165,15 @@ bool applyStagedFiles(UpdateSession& session, const QList<StagedFile>& staged)
         }
 
         if (!transaction.clearParents(session.appDir, relPath) || !transaction.clearShapeObstacle(target, false)) {
-            qWarning() << "[Update] them moi" << file.relPath << "that bai, GetLastError="
-                       << corv::platform::lastError();
+            qWarning() << "[Update] them moi" << file.relPath << "that bai, GetLastError=" << transaction.moveError;
             ok = false;
             break;
         }
         QDir().mkpath(QFileInfo(target).path());
         if (!QFileInfo::exists(target)) {
             if (!moveFileWriteThrough(file.stagedPath, target)) {
-                // The error code is taken after the items before it were written.
-                qWarning() << "[Update] them moi" << file.relPath << "that bai, GetLastError="
-                           << corv::platform::lastError();
+                const unsigned long error = corv::platform::lastError();
+                qWarning() << "[Update] them moi" << file.relPath << "that bai, GetLastError=" << error;
                 ok = false;
                 break;
             }
