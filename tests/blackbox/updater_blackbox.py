@@ -192,6 +192,17 @@ class Native:
         return dict(os.environ, XDG_RUNTIME_DIR=locks, QT_QPA_PLATFORM="xcb", DISPLAY=worker.display.display,
                     LC_ALL="C.UTF-8")
 
+    def break_locks(self, row_dir, how):
+        """Leaves the row's lock directory as a run must refuse it."""
+        locks = os.path.join(row_dir, "locks", "corvanta")
+        os.makedirs(locks, mode=0o755 if how == "mode 0755" else 0o700)
+        os.chmod(locks, 0o755 if how == "mode 0755" else 0o700)
+        if how == "another owner":
+            os.chown(locks, 65534, 65534)
+        elif how.startswith("FIFO "):
+            os.mkfifo(os.path.join(locks, how[5:] + ".lock"))
+        return locks
+
     def updater_argv(self, worker, exe, args, trusted_ca):
         if trusted_ca is None:
             return [exe] + args
@@ -201,7 +212,7 @@ class Native:
 
     def helper_argv(self, kind, arg, inst):
         if kind == "mutex":
-            return [self.lock_holder, arg]
+            return [self.lock_holder] + arg.split()
         if kind == "live":
             return ["sh", "-c", 'echo ready $$; exec sleep "$0"', str(int(arg) / 1000)]
         raise ValueError(f"no native helper for {kind}")
@@ -408,6 +419,12 @@ class Harness:
         trusted_ca = self.trusted if r["server"] == "https" and self.target.name == "native" else None
         if trusted_ca and os.geteuid() != 0:
             return None  # mounting the certificate directory needs root
+        if r.get("locks") and os.geteuid() != 0:
+            return None  # giving the lock directory to another user needs root
+        locks = self.target.break_locks(row_dir, r["locks"]) if r.get("locks") else None
+        with SPAWN_LOCK:
+            dead = subprocess.Popen(["true"])
+        dead.wait()
         mark = self.nginx.log_mark()
         problems = []
         helpers, live_pid, live_end = [], None, {}
@@ -423,24 +440,30 @@ class Harness:
                 threading.Thread(target=lambda h=helper: live_end.update(at=(h.wait(), datetime.datetime.now())[1]),
                                  daemon=True).start()
         for run in r["runs"]:
-            args = [a.replace("{pid}", str(live_pid)) for a in run["args"]]
+            args = [a.replace("{pid}", str(live_pid)).replace("{dead}", str(dead.pid)) for a in run["args"]]
             argv = self.target.updater_argv(worker, exe, args, trusted_ca)
             started = [spawn(argv, env=env, cwd=row_dir, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
                        for _ in range(run.get("copies", 1))]
             if run.get("box"):
                 problems += self.close_box(worker, started[0], r)
+            began = time.monotonic()
             codes, ends = wait_all(started, RUN_LIMIT_S)
             problems += [f"run {' '.join(args) or 'without arguments'}: exit code {code}" for code in codes if code != 0]
+            least, most = r.get("lasts", (0, RUN_LIMIT_S))
+            problems += [f"a run took {end - began:.1f} s, not {least}-{most} s" for end in ends
+                         if not least <= end - began <= most]
             # The copy that was refused must have ended well before the one that ran.
             if len(ends) > 1 and not sorted(ends)[0] < sorted(ends)[-1] - 1:
                 problems.append("the updaters did not overlap: they ended less than 1 s apart")
-        for helper in helpers:
+        for (kind, _), helper in zip(r.get("helpers", []), helpers):
             helper.stdin.close()
+            if kind == "live":
+                helper.kill()  # its part was to be alive while the runs ran
             helper.wait(30)
 
         raw = open(os.path.join(inst, "updater.log"), encoding="utf-8").read().splitlines() \
             if os.path.exists(os.path.join(inst, "updater.log")) else []
-        lines = [self.normalize(line[24:], r, inst) for line in raw]
+        lines = [self.normalize(line[24:], r, inst).replace(locks or "{locks}", "{locks}") for line in raw]
         expected_lines = r["lines"] + (r.get("wine_adds", []) if self.target.name == "wine" else [])
         if lines != expected_lines:
             problems.append("log lines:\n      " + "\n      ".join(lines) + "\n    expected:\n      "

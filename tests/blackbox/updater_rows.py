@@ -20,13 +20,18 @@ Each row is a dict:
              must be left there
   rate       nginx limit_rate for this row's files
   helpers    processes started first and kept until the end: ("mutex", NAME), ("hold", PATH
-             in the installation), ("live", MS)
+             in the installation), ("live", MS); natively ("mutex", "[--release-after MS |
+             --exit-after MS] NAME...") holds several names, for a while
+  locks      natively, the lock directory as the run finds it: "mode 0755", "another owner",
+             or "FIFO NAME" (a FIFO at that lock's file)
   runs       updater runs, one after the other; each {"args": [...], "copies": N started at
              once, "box": True when a message box must be closed with Return}. "{pid}" in
-             args is the process id of the "live" helper
+             args is the process id of the "live" helper, "{dead}" that of a process that
+             has ended
+  lasts      (least, most) seconds each run may take
   lines      the exact log lines of all runs, timestamps left out; "{url}" is the row's base
              URL, "{inst}" the installation directory as the updater names it, "{self}" the
-             updater's own file name
+             updater's own file name, "{locks}" the lock directory
   tree       what the installation holds afterwards besides the updater, updater.conf and
              updater.log, byte for byte: "installed" (the installed build as it was before any
              `damage`) or a published build; `tree_extra` adds files
@@ -93,6 +98,13 @@ def patch(path):
     return f".zstd/{sha256(BUILDS['1.0'][path])}-{sha256(BUILDS['2.0'][path])}.zst"
 
 
+APP, UPDATER, PREFETCH = "Corvanta_MainApp_Running", "Corvanta_Updater", "Corvanta_UpdatePrefetch_Pendrovia"
+NO_CONFIG = ['[I] [apply] [Update] khong co updater.conf -> bo qua update']
+PREFETCH_WAIT = ['[I] [apply] [Update] dang co luot tai san chay -> cho no dung, toi da 15 giay']
+PREFETCH_BUSY = ['[I] [prefetch] [UpdatePrefetch] mot luot tai khac dang chay -> bo qua']
+UNUSABLE_LOCK_FILE = ' file khoa khong dung duoc (can file thuong) -> bo qua: "{locks}/%s.lock"'
+UNUSABLE_LOCK_DIR = (' thu muc khoa khong dung duoc (can thu muc rieng cua user nay, quyen 0700) -> bo qua:'
+                     ' "{locks}"')
 UP_TO_DATE = ['[I] [apply] [Update] da moi nhat: "2.0"']
 HASHES_MATCH = ['[I] [apply] [Update] hash khop het, dong bo manifest -> "2.0"']
 NO_BUILD_NUMBER = {"buildNumber": None}
@@ -170,8 +182,54 @@ ROWS = [
     # Both start at once; the files come slowly (about 7 s), so the one that takes the updater's
     # lock still runs when the other looks at it. The other leaves without a log line.
     row("two-updaters-at-once", rate="50k", runs=[{"args": [], "copies": 2}], lines=UPDATED),
-    row("application-running", helpers=[("mutex", "Corvanta_MainApp_Running")], tree="installed", requests=[],
-        lines=[]),
+    # Who runs decides alone, before anything is read or fetched.
+    *[row(name, helpers=[("mutex", names)], runs=[{"args": args}], lasts=(0, 10), tree="installed", requests=[],
+          lines=lines, targets=("native",) if " " in names else ("native", "wine"))
+      for name, names, args, lines in [
+          ("application-running", APP, [], []),
+          ("another-updater-running", UPDATER, [], []),
+          # The application is looked at first: no wait for the prefetch.
+          ("application-and-prefetch-running", f"{APP} {PREFETCH}", [], []),
+          ("updater-and-prefetch-running", f"{UPDATER} {PREFETCH}", [], []),
+          ("prefetch-gives-way-to-a-prefetch", PREFETCH, ["--prefetch-only"], PREFETCH_BUSY),
+          ("proactive-prefetch-is-silent", PREFETCH, ["--proactive", "--prefetch-only"], PREFETCH_BUSY),
+          # Were the apply run not noticed, the prefetch would report the other prefetch.
+          ("prefetch-gives-way-to-an-apply", f"{UPDATER} {PREFETCH}", ["--prefetch-only"], []),
+          ("proactive-prefetch-gives-way-to-an-apply", f"{UPDATER} {PREFETCH}", ["--prefetch-only", "--proactive"],
+           []),
+      ]],
+    # A lock that cannot tell refuses the run at once, with one line and no box.
+    *[row(f"lock-{name}", locks=locks, runs=[{"args": args}], lasts=(0, 10), tree="installed", requests=[],
+          lines=[line], targets=("native",)) for name, locks, args, line in [
+        ("fifo-application", f"FIFO {APP}", ["--proactive"], "[W] [apply] [Update]" + UNUSABLE_LOCK_FILE % APP),
+        ("fifo-prefetch", f"FIFO {PREFETCH}", ["--proactive"], "[W] [apply] [Update]" + UNUSABLE_LOCK_FILE % PREFETCH),
+        ("fifo-updater-prefetch", f"FIFO {UPDATER}", ["--prefetch-only"],
+         "[W] [prefetch] [UpdatePrefetch]" + UNUSABLE_LOCK_FILE % UPDATER),
+        ("fifo-prefetch-prefetch", f"FIFO {PREFETCH}", ["--prefetch-only"],
+         "[W] [prefetch] [UpdatePrefetch]" + UNUSABLE_LOCK_FILE % PREFETCH),
+        ("directory-mode-0755", "mode 0755", ["--proactive"], "[W] [apply] [Update]" + UNUSABLE_LOCK_DIR),
+        ("directory-of-another-user", "another owner", ["--prefetch-only"],
+         "[W] [prefetch] [UpdatePrefetch]" + UNUSABLE_LOCK_DIR),
+    ]],
+    # An apply waits for a running prefetch to let go, or to die, and goes on at once.
+    *[row(f"apply-waits-for-prefetch-{name}", config=False, helpers=[("mutex", f"{how} 3000 {PREFETCH}")],
+          lasts=(2.5, 8), tree="installed", requests=[], lines=PREFETCH_WAIT + NO_CONFIG, targets=("native",))
+      for name, how in [("release", "--release-after"), ("exit", "--exit-after")]],
+    # Of two apply runs started together, one leaves at once; the other waits for the prefetch.
+    row("two-updaters-and-a-prefetch", config=False, helpers=[("mutex", f"--release-after 4000 {PREFETCH}")],
+        runs=[{"args": [], "copies": 2}], tree="installed", requests=[], lines=PREFETCH_WAIT + NO_CONFIG,
+        targets=("native",)),
+    # --wait-pid waits only for a process that runs, named by the last such option.
+    *[row(f"wait-pid-{name}", config=False, helpers=[("live", "8000")], runs=[{"args": args}], lasts=(0, 5),
+          tree="installed", requests=[], lines=NO_CONFIG)
+      for name, args in [("ended", ["--wait-pid", "{dead}"]), ("not-a-number", ["--wait-pid", "abc"]),
+                         ("negative", ["--wait-pid", "-5"]), ("zero", ["--wait-pid", "0"]),
+                         ("value-missing", ["--wait-pid"]), ("later-ended-wins", ["--wait-pid", "{pid}", "--wait-pid", "{dead}"]),
+                         ("other-letter-case", ["--Wait-Pid", "{pid}"]), ("single-dash", ["-wait-pid", "{pid}"])]],
+    row("wait-pid-later-running-wins", config=False, helpers=[("live", "3000")], waits=True,
+        runs=[{"args": ["--wait-pid", "{dead}", "--wait-pid", "{pid}"]}], tree="installed", requests=[], lines=NO_CONFIG),
+    row("unknown-options-mean-apply", config=False, runs=[{"args": ["--Prefetch-Only", "-prefetch-only", "--prefetch"]}],
+        tree="installed", requests=[], lines=NO_CONFIG),
     row("waits-for-process", helpers=[("live", "4000")], runs=[{"args": ["--wait-pid", "{pid}"]}], waits=True,
         lines=UPDATED),
     # lib/core.dll, the last file of the apply, is open in another process without

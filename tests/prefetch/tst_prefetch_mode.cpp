@@ -1,5 +1,5 @@
-// The updater executable with "--prefetch-only": when it keeps out of the way, and how a later
-// apply run takes what it left in the cache.
+// The updater executable with "--prefetch-only" racing an apply run, and an apply run taking
+// over what a stopped prefetch left in the cache.
 #include "prefetch_fixture.h"
 #include "support/helper_process.h"
 
@@ -29,10 +29,7 @@ private slots:
     void initTestCase();
     void init();
 
-    void anotherPrefetchRunning();
-    void applyRunInProgress();
     void startedTogetherWithAnApplyRun();
-    void prefetchThenApplyTakesTheCache();
     void applicationEndingLeavesAPartForTheApply();
 
 private:
@@ -65,38 +62,6 @@ void TestPrefetchMode::init()
     QVERIFY(install->isValid());
     QVERIFY(install->installBuild(installedBuild, makeManifestJson(QStringLiteral("2.4.0"), 6, installedBuild)));
     QVERIFY(install->writeConfig(server->url(QStringLiteral("b/manifest.json"))));
-}
-
-void TestPrefetchMode::anotherPrefetchRunning()
-{
-    auto other = holdLocks({prefetchLockName()});
-    QVERIFY(other);
-
-    QCOMPARE(install->run({"--prefetch-only"}, 20000), 0);
-
-    const QList<LogEntry> log = readLogEntries(install->logPath());
-    QCOMPARE(log.size(), 1);
-    QCOMPARE(log.first().level, QStringLiteral("I"));
-    QCOMPARE(log.first().tag, QStringLiteral("prefetch"));
-    QCOMPARE(log.first().text, QStringLiteral("[UpdatePrefetch] mot luot tai khac dang chay -> bo qua"));
-    QCOMPARE(server->requests().size(), 0);
-    QVERIFY(!install->exists(QStringLiteral(".update-cache")));
-}
-
-void TestPrefetchMode::applyRunInProgress()
-{
-    auto apply = holdLocks({QString::fromLatin1(kUpdaterMutexName)});
-    QVERIFY(apply);
-
-    QCOMPARE(install->run({"--prefetch-only"}, 20000), 0);
-
-    QCOMPARE(install->logTexts(), QStringList());
-    QCOMPARE(server->requests().size(), 0);
-    QVERIFY(!install->exists(QStringLiteral(".update-cache")));
-    // The prefetch lock was never taken.
-    QVERIFY(releaseHelper(*apply));
-    auto probe = holdLocks({prefetchLockName()});
-    QVERIFY(probe);
 }
 
 // A prefetch and an apply run started together, a hundred times (twenty in the much slower
@@ -137,41 +102,6 @@ void TestPrefetchMode::startedTogetherWithAnApplyRun()
         applyWaited += applying.logTexts().contains(waited) ? 1 : 0;
     }
     qInfo("the prefetch gave way %d times, the apply waited %d times", gaveWay, applyWaited);
-}
-
-// While the application (a stand-in process) runs, the prefetch fetches the three changed files;
-// after it has closed, the apply run copies them from the cache and downloads no file at all.
-void TestPrefetchMode::prefetchThenApplyTakesTheCache()
-{
-    auto application = holdLocks({});
-    QVERIFY(application);
-    const QString pid = QString::number(application->processId());
-
-    QCOMPARE(install->run({"--prefetch-only", "--wait-pid", pid}, 30000), 0);
-
-    QCOMPARE(install->logTexts(),
-             QStringList({"[UpdatePrefetch] bat dau 2.4.1 - 3 file, 0 MB",
-                          "[UpdatePrefetch] a.bin tai tu dau 29 KB", "[UpdatePrefetch] a.bin xong ( 1 / 3 )",
-                          "[UpdatePrefetch] c.bin tai tu dau 39 KB", "[UpdatePrefetch] c.bin xong ( 2 / 3 )",
-                          "[UpdatePrefetch] d/e.bin tai tu dau 48 KB", "[UpdatePrefetch] d/e.bin xong ( 3 / 3 )",
-                          "[UpdatePrefetch] xong toan bo - 3 file ok, 0 bo lai cho updater"}));
-    for (const QString& path : {QStringLiteral("a.bin"), QStringLiteral("c.bin"), QStringLiteral("d/e.bin")})
-        QCOMPARE(install->readFile(".update-cache/2.4.1/files/" + path), newBuild.value(path));
-    QCOMPARE(install->readFile("a.bin"), QByteArray("old a"));  // nothing installed yet
-
-    QVERIFY(killHelper(*application));
-    QFile::remove(install->logPath());
-    server->clearRequests();
-
-    QCOMPARE(install->run({}, 60000), 0);
-
-    const QStringList log = install->logTexts();
-    QVERIFY2(log.contains("[Update] dung 3 / 3 file tu kho tam"), qPrintable(log.join('\n')));
-    QVERIFY(log.contains("[Update] CAP NHAT THANH CONG -> \"2.4.1\""));
-    QCOMPARE(requestedPaths(*server), QStringList({"b/manifest.json", "b/manifest.json.sig"}));
-    for (auto it = newBuild.cbegin(); it != newBuild.cend(); ++it)
-        QCOMPARE(install->readFile(it.key()), it.value());
-    QVERIFY(!install->exists(QStringLiteral(".update-cache")));
 }
 
 // The application closes in the middle of a file: the prefetch stops and keeps the ".part";
