@@ -42,6 +42,8 @@ from updater_rows import BUILDS, BUILD_NUMBERS, ROWS  # noqa: E402
 RUN_LIMIT_S = 90
 WINE_ENV = {"WINEDEBUG": "-all", "WINEDLLOVERRIDES": "mscoree,mshtml="}
 BOX_TITLE = "Corvanta — Cập nhật"
+# The status window: 360 x 90, centred on the 1024 x 768 screen of Xvfb.
+STATUS_WINDOW = ((1024 - 1) // 2 - (360 - 1) // 2, (768 - 1) // 2 - (90 - 1) // 2, 360, 90)
 
 
 def sh(argv, **kwargs):
@@ -171,6 +173,72 @@ class Xvfb:
         png = (b"\x89PNG\r\n\x1a\n" + chunk(b"IHDR", struct.pack(">IIBBBBB", width, height, 8, 2, 0, 0, 0))
                + chunk(b"IDAT", zlib.compress(b"".join(rows), 9)) + chunk(b"IEND", b""))
         write(png_path, png)
+
+
+class MapRecorder:
+    """Every top-level window mapped and unmapped on a display, as xev sees it, so that even a
+    window shown for a moment is seen."""
+
+    PLACED = re.compile(r"window (0x[0-9a-f]+), \((-?\d+),(-?\d+)\), width (\d+), height (\d+)")
+    MAPPED = re.compile(r"event 0x[0-9a-f]+, window (0x[0-9a-f]+)")
+
+    def __init__(self, display):
+        self.env = dict(os.environ, DISPLAY=display)
+        self.output, self.marks, self.hidden, self.starts = [], 0, [], 0
+        self.start()
+
+    def start(self):
+        self.starts += 1
+        self.xev = spawn(["xev", "-root", "-event", "substructure", "-event", "property"], env=self.env,
+                         stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+        threading.Thread(target=lambda xev=self.xev: self.output.extend(xev.stdout), daemon=True).start()
+
+    def sync(self):
+        """Sets a root property and waits until xev reports it: every window event before it has
+        then been printed. False when xev never does."""
+        self.marks += 1
+        marker = f"CORV_SYNC_{self.marks}"
+        deadline = time.monotonic() + 20
+        while time.monotonic() < deadline:
+            sh(["xprop", "-root", "-f", marker, "8s", "-set", marker, "1"], env=self.env)
+            # A busy machine has seen xev fail to connect now and then: it is started again.
+            if self.xev.poll() is not None and not self.output and self.starts < 3:
+                self.start()
+            for _ in range(20):
+                if any(f"({marker})" in line for line in self.output):
+                    return True
+                time.sleep(0.05)
+        return False
+
+    def mappings(self, names):
+        """The real (not synthetic) maps and unmaps so far: "map NAME" and "unmap NAME", a window
+        named by names(window id, (x, y, width, height))."""
+        geometry, events = {}, []
+        shown = [line for i, line in enumerate(self.output) if not any(a <= i < b for a, b in self.hidden)]
+        for block in "".join(shown).split("\n\n"):
+            event = block.strip().split(" ")[0]
+            if "synthetic YES" in block:
+                continue
+            placed, mapped = self.PLACED.search(block), self.MAPPED.search(block)
+            if event in ("CreateNotify", "ConfigureNotify") and placed:
+                geometry[placed.group(1)] = tuple(int(g) for g in placed.groups()[1:])
+            elif event in ("MapNotify", "UnmapNotify") and mapped:
+                window = mapped.group(1)
+                events.append(f"{'map' if event == 'MapNotify' else 'unmap'} {names(window, geometry.get(window))}")
+        return events
+
+    def hide(self, action):
+        """Does action(); the windows it shows are not the updater's and are left out."""
+        self.sync()
+        start = len(self.output)
+        result = action()
+        self.sync()
+        self.hidden.append((start, len(self.output)))
+        return result
+
+    def stop(self):
+        self.xev.kill()
+        self.xev.wait()
 
 
 class Native:
@@ -427,6 +495,10 @@ class Harness:
         dead.wait()
         mark = self.nginx.log_mark()
         problems = []
+        recorder = MapRecorder(worker.display.display) if "windows" in r and self.target.name == "native" else None
+        if recorder and not recorder.sync():
+            problems.append("xev did not start")
+        boxes = []
         helpers, live_pid, live_end = [], None, {}
         for kind, arg in r.get("helpers", []):
             helper = spawn(self.target.helper_argv(kind, arg, inst), env=env, stdin=subprocess.PIPE,
@@ -445,7 +517,7 @@ class Harness:
             started = [spawn(argv, env=env, cwd=row_dir, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
                        for _ in range(run.get("copies", 1))]
             if run.get("box"):
-                problems += self.close_box(worker, started[0], r)
+                problems += self.close_box(worker, started[0], r, run["box"], boxes, recorder)
             began = time.monotonic()
             codes, ends = wait_all(started, RUN_LIMIT_S)
             problems += [f"run {' '.join(args) or 'without arguments'}: exit code {code}" for code in codes if code != 0]
@@ -461,6 +533,14 @@ class Harness:
                 helper.kill()  # its part was to be alive while the runs ran
             helper.wait(30)
 
+        if recorder:
+            if not recorder.sync():
+                problems.append("xev stopped reporting")
+            windows = recorder.mappings(lambda window, geometry: "box" if int(window, 16) in boxes
+                                        else "status" if geometry == STATUS_WINDOW else f"window at {geometry}")
+            recorder.stop()
+            if windows != r["windows"]:
+                problems.append(f"windows {windows}, expected {r['windows']}")
         raw = open(os.path.join(inst, "updater.log"), encoding="utf-8").read().splitlines() \
             if os.path.exists(os.path.join(inst, "updater.log")) else []
         lines = [self.normalize(line[24:], r, inst).replace(locks or "{locks}", "{locks}") for line in raw]
@@ -502,8 +582,10 @@ class Harness:
             problems.append(".staging is left")
         return problems
 
-    def close_box(self, worker, process, r):
-        """Finds the closing message box, takes its picture, and presses Return in it."""
+    def close_box(self, worker, process, r, box, boxes, recorder):
+        """Finds the closing message box, takes its picture, and presses Return in it. A box given
+        as (kind, text) must look exactly like a box of that kind and text drawn by x11_probe
+        (natively), and the updater's lock must be free while it is up."""
         env = dict(os.environ, DISPLAY=worker.display.display)
         deadline = time.monotonic() + RUN_LIMIT_S
         window = ""
@@ -517,10 +599,27 @@ class Harness:
         time.sleep(1.0)  # let it paint
         geometry = dict(line.split("=") for line in sh(["xdotool", "getwindowgeometry", "--shell", window[0]],
                                                          env=env).decode().split())
-        picture = os.path.join(self.options.screenshots or self.run_dir,
-                               f"{self.target.name}-outcome-3-updated.png")
-        worker.display.screenshot(picture, *(int(geometry[k]) for k in ("X", "Y", "WIDTH", "HEIGHT")))
+        if r["name"] == "proactive-message-box":
+            picture = os.path.join(self.options.screenshots or self.run_dir, f"{self.target.name}-outcome-3-updated.png")
+            worker.display.screenshot(picture, *(int(geometry[k]) for k in ("X", "Y", "WIDTH", "HEIGHT")))
         problems = [] if process.poll() is None else ["the updater ended before the box was closed"]
+        boxes.append(int(window[0]))
+        if isinstance(box, tuple) and self.target.name == "native":
+            kind, text = box
+            diff = os.path.join(self.run_dir, "boxes", r["name"] + ".png")
+            os.makedirs(os.path.dirname(diff), exist_ok=True)
+            compare = [self.options.x11_probe, "compare-box", window[0], kind, BOX_TITLE, text, diff]
+            run = lambda: subprocess.run(compare, env=env, stdout=subprocess.DEVNULL,  # noqa: E731
+                                         stderr=subprocess.DEVNULL).returncode
+            if (recorder.hide(run) if recorder else run()) != 0:
+                problems.append(f"the box does not look like a {kind} box with its text: see {diff}")
+            # The updater lock is free while the box waits (unless a helper of the row holds it).
+            if not any("Corvanta_Updater" in arg for _, arg in r.get("helpers", [])):
+                lock_env = self.target.env(worker, os.path.join(self.run_dir, "rows", r["name"]))
+                probe = subprocess.run([self.options.lock_holder, "--release-after", "0", "Corvanta_Updater"],
+                                       env=lock_env, stdout=subprocess.PIPE).stdout
+                if probe.strip() != b"held":
+                    problems.append(f"the updater lock is not free while the box is up: {probe}")
         sh(["xdotool", "windowfocus", window[0]], env=env)
         time.sleep(0.3)
         sh(["xdotool", "key", "Return"], env=env)
@@ -580,12 +679,13 @@ def main():
     parser.add_argument("--publish", required=True, help="the native corvanta-publish")
     parser.add_argument("--lock-holder", help="native: tests' lock_holder")
     parser.add_argument("--helper", help="wine: win32_test_helper.exe")
+    parser.add_argument("--x11-probe", help="native: tests' x11_probe, which compares message boxes")
     parser.add_argument("--scratch", required=True, help="working directory, kept between runs (Wine prefixes)")
     parser.add_argument("--jobs", type=int, default=2)
     parser.add_argument("--rows", default="", help="only the rows whose name matches this expression")
     parser.add_argument("--screenshots", help="where the message box's picture goes")
     options = parser.parse_args()
-    for name in ("updater", "publish", "lock_holder", "helper", "scratch", "screenshots"):
+    for name in ("updater", "publish", "lock_holder", "helper", "x11_probe", "scratch", "screenshots"):
         if getattr(options, name):
             setattr(options, name, os.path.abspath(getattr(options, name)))
     os.makedirs(options.scratch, exist_ok=True)

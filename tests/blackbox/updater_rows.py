@@ -25,7 +25,9 @@ Each row is a dict:
   locks      natively, the lock directory as the run finds it: "mode 0755", "another owner",
              or "FIFO NAME" (a FIFO at that lock's file)
   runs       updater runs, one after the other; each {"args": [...], "copies": N started at
-             once, "box": True when a message box must be closed with Return}. "{pid}" in
+             once, "box": True when a message box must be closed with Return, or (kind, text):
+             natively, that box must look exactly like a box of that kind ("warning" or
+             "information") and text, and the updater lock must be free while it is up}. "{pid}" in
              args is the process id of the "live" helper, "{dead}" that of a process that
              has ended
   lasts      (least, most) seconds each run may take
@@ -38,6 +40,8 @@ Each row is a dict:
   requests   the exact paths requested from the server below /<name>/, in order
   wine_adds  lines that only the run under Wine writes after `lines`, for a shortcoming of Wine
   waits      True: the first log line comes after the "live" helper ended
+  windows    natively, the top-level windows mapped and unmapped during the runs, in order:
+             "map status", "unmap box", ... (the status window must be centred)
   targets    the targets the row runs on (default both)
 """
 
@@ -105,6 +109,11 @@ PREFETCH_BUSY = ['[I] [prefetch] [UpdatePrefetch] mot luot tai khac dang chay ->
 UNUSABLE_LOCK_FILE = ' file khoa khong dung duoc (can file thuong) -> bo qua: "{locks}/%s.lock"'
 UNUSABLE_LOCK_DIR = (' thu muc khoa khong dung duoc (can thu muc rieng cua user nay, quyen 0700) -> bo qua:'
                      ' "{locks}"')
+# The windows of a run: the status window shown while the session works, and the closing box.
+STATUS = ["map status", "unmap status"]
+BOX = ["map box", "unmap box"]
+AGAIN_LATER = "\n\nMở lại Corvanta để tiếp tục dùng bản hiện tại."
+CAN_REOPEN = "\n\nBạn có thể mở lại Corvanta để tiếp tục sử dụng."
 UP_TO_DATE = ['[I] [apply] [Update] da moi nhat: "2.0"']
 HASHES_MATCH = ['[I] [apply] [Update] hash khop het, dong bo manifest -> "2.0"']
 NO_BUILD_NUMBER = {"buildNumber": None}
@@ -136,7 +145,7 @@ def row(name, **fields):
 
 
 ROWS = [
-    row("update-http", lines=UPDATED),
+    row("update-http", lines=UPDATED, windows=STATUS),
     row("update-https", server="https", lines=UPDATED),
     # Published with compressed copies and patches from build 1: the two files build 1 holds
     # come as patches, the added one compressed, the short text whole (nothing smaller).
@@ -184,7 +193,7 @@ ROWS = [
     row("two-updaters-at-once", rate="50k", runs=[{"args": [], "copies": 2}], lines=UPDATED),
     # Who runs decides alone, before anything is read or fetched.
     *[row(name, helpers=[("mutex", names)], runs=[{"args": args}], lasts=(0, 10), tree="installed", requests=[],
-          lines=lines, targets=("native",) if " " in names else ("native", "wine"))
+          lines=lines, windows=[], targets=("native",) if " " in names else ("native", "wine"))
       for name, names, args, lines in [
           ("application-running", APP, [], []),
           ("another-updater-running", UPDATER, [], []),
@@ -254,12 +263,39 @@ ROWS = [
     # The closing box of a run started by the user stays until Return is pressed. Under Wine,
     # SHGetStockIconInfo gives Qt no handle for the stock information icon (a semi-stub there),
     # and Qt logs each attempt before it falls back to its own icon.
-    row("proactive-message-box", runs=[{"args": ["--proactive"], "box": True}], lines=UPDATED,
+    row("proactive-message-box", runs=[{"args": ["--proactive"], "box": ("information", "Cập nhật thành công!" + CAN_REOPEN)}],
+        windows=STATUS + BOX, lines=UPDATED,
         wine_adds=['[C] [apply] QPixmap::fromWinHICON(), failed to GetIconInfo() (Invalid cursor handle.)'] * 3),
+    # The other closing boxes of a run started by the user, each of its kind and text; a refusal
+    # shows its box without the status window.
+    row("box-no-configuration", config=False, runs=[{"args": ["--proactive"], "box": (
+        "warning", "Bản này chưa cấu hình kênh cập nhật." + AGAIN_LATER)}], windows=BOX, tree="installed",
+        requests=[], lines=['[I] [apply] [Update] khong co updater.conf -> bo qua update'], targets=("native",)),
+    row("box-manifest-unreachable", server="refused", runs=[{"args": ["--proactive"], "box": (
+        "warning", "Không tải được thông tin cập nhật.\nKiểm tra kết nối mạng rồi thử lại." + AGAIN_LATER)}],
+        windows=STATUS + BOX, tree="installed", requests=[],
+        lines=manifest_fails("manifest.json", '"Connection refused"'), targets=("native",)),
+    row("box-up-to-date", installed="2.0", runs=[{"args": ["--proactive"], "box": (
+        "information", "Bạn đang dùng phiên bản mới nhất — không có gì để cập nhật." + CAN_REOPEN)}],
+        windows=STATUS + BOX, tree="installed", requests=DOCUMENTS, lines=UP_TO_DATE, targets=("native",)),
+    row("box-update-failed", unpublish=["lib/added.dll"], runs=[{"args": ["--proactive"], "box": (
+        "warning", "Cập nhật thất bại — đã khôi phục bản cũ.\n\n"
+        "Mở lại Corvanta để tiếp tục dùng bản hiện tại, hoặc thử cập nhật lại sau.")}],
+        windows=STATUS + BOX, tree="installed", requests=DOCUMENTS + CHANGED[:3], lines=[
+            '[W] [apply] [Update] GET(file) loi "{url}lib/added.dll" '
+            '"Error transferring {url}lib/added.dll - server replied: Not Found"',
+            '[W] [apply] [Update] tai "lib/added.dll" that bai -> huy, chay ban hien tai',
+        ], targets=("native",)),
+    row("box-application-running", helpers=[("mutex", APP)], runs=[{"args": ["--proactive"], "box": (
+        "warning", "Không cập nhật được vì vẫn còn cửa sổ Corvanta đang mở.\n\nĐóng hết Corvanta rồi thử cập nhật lại.")}],
+        windows=BOX, tree="installed", requests=[], lines=[], targets=("native",)),
+    row("box-another-updater-running", helpers=[("mutex", UPDATER)], runs=[{"args": ["--proactive"], "box": (
+        "information", "Một tiến trình cập nhật khác đang chạy.\n\nĐợi nó xong rồi mở lại Corvanta.")}],
+        windows=BOX, tree="installed", requests=[], lines=[], targets=("native",)),
     # The run's outcomes, one row each: nothing to do, refused, up to date, updated, given up.
-    row("no-configuration", config=False, cache=EARLIER_CACHE, cache_after=EARLIER_CACHE, tree="installed",
+    row("no-configuration", config=False, cache=EARLIER_CACHE, cache_after=EARLIER_CACHE, tree="installed", windows=[],
         requests=[], lines=['[I] [apply] [Update] khong co updater.conf -> bo qua update']),
-    row("manifest-unreachable", server="refused", tree="installed", requests=[],
+    row("manifest-unreachable", server="refused", tree="installed", requests=[], windows=STATUS,
         lines=manifest_fails("manifest.json", '"Connection refused"')),
     row("manifest-not-found", unpublish=["manifest.json"], tree="installed", requests=["manifest.json"] * 2,
         lines=manifest_fails("manifest.json", '"Error transferring {url}manifest.json - server replied: Not Found"')),
