@@ -229,7 +229,7 @@ ROWS = [
         runs=[{"args": [], "copies": 2}], tree="installed", requests=[], lines=PREFETCH_WAIT + NO_CONFIG,
         targets=("native",)),
     # --wait-pid waits only for a process that runs, named by the last such option.
-    *[row(f"wait-pid-{name}", config=False, helpers=[("live", "8000")], runs=[{"args": args}], lasts=(0, 5),
+    *[row(f"wait-pid-{name}", config=False, helpers=[("live", "30000")], runs=[{"args": args}], lasts=(0, 20),
           tree="installed", requests=[], lines=NO_CONFIG)
       for name, args in [("ended", ["--wait-pid", "{dead}"]), ("not-a-number", ["--wait-pid", "abc"]),
                          ("negative", ["--wait-pid", "-5"]), ("zero", ["--wait-pid", "0"]),
