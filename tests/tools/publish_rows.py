@@ -2,14 +2,20 @@
 """Runs the real corvanta-publish against the rows of this file, each in a fresh work directory.
 
   publish_rows.py --publish build/bin/corvanta-publish --embedded-key keys/dev_public.pem [--rows REGEX]
+                  [--cmake cmake --generator Ninja]
+
+The rows named "embedded key" configure and build this project in a scratch directory with other
+public keys: configuration refuses keys of the wrong shape, and a corvanta-publish built with
+another CORV_PUBLIC_KEY_FILE trusts that key and no other (it checks with the updater's code).
 
 A row is a dict; `steps` are runs of the tool in order (a row without `steps` is its one step):
   files   work-relative path -> content, written before the step (see `content`); "in/" is the
           build, "out/" the published tree. None deletes, "dir:" makes a directory, "link:T" a
           symbolic link to T, "fifo:" a named pipe, "socket:" a socket
   served  True: out/ first holds SERVED, published by hand (zstd, openssl), not by the tool;
-          `served_key` and `served_zstd` (the compressed copy of the notes, listed with its
-          own size and hash) change it
+          `served_zstd` lists other bytes as the compressed copy of the notes
+  program another program than the tool: a tool built by a row, or {cmake}, whose output is
+          read as one line with runs of blanks as one, each expected line to be found in it
   args    the command line; {w} is the work directory, {k} the test keys, {src} the source tree,
           {hash:C}, {len:C}, {zst:C} the SHA-256, size and compressed-copy path of content C
   umask   the umask the tool runs under
@@ -26,8 +32,8 @@ A row is a dict; `steps` are runs of the tool in order (a row without `steps` is
   keypair a work-relative directory where keygen wrote a new, matching P-256 pair
   trace   the renames below out/, and the data writes between them, in order, as strace sees them
   dev_key True: the tools must be built with the development key
-Every step writes nothing outside its output directory (--out, --out-dir), and nothing at all when
-it fails. Every published tree has a signature that openssl verifies with the public key of --key,
+Every step writes nothing outside its output directory (--out, --out-dir; CMake's -B, --build),
+and the tool nothing at all when it fails. Every published tree has a signature that openssl verifies with the public key of --key,
 and the tool's own verify accepts it.
 """
 
@@ -60,6 +66,8 @@ HEADER = {"arch": "x64", "buildNumber": 41, "fullVersion": "2.4.1", "product": "
 BUILD = ["build", "--input", "{w}/in", "--out", "{w}/out", "--version", "2.4.1", "--key", "{k}/private.pem",
          "--build-number", "41"]
 REPEATABLE = ("--exclude", "--delta-from")
+# The options naming the directory a run may write: corvanta-publish's, and CMake's.
+OUTPUTS = ("--out", "--out-dir", "-B", "--build")
 
 
 def build(*extra):
@@ -208,7 +216,7 @@ ROWS = [
     {"name": "verify: manifest changed by one byte", "served": True,
      "files": {"out/manifest.json": "sub:out/manifest.json:2.0.0:2.0.1"}, "args": VERIFY, "exit": 1,
      "err": [BAD_SIGNATURE, verify_failed(1)]},
-    {"name": "verify: signed by another key", "served": True, "served_key": "{k}/private.pem", "args": VERIFY,
+    {"name": "verify: signed by another key", "served": True, "files": {"out/manifest.json.sig": "sig:out/manifest.json:{k}/private.pem"}, "args": VERIFY,
      "exit": 1, "err": [BAD_SIGNATURE, verify_failed(1)]},
     {"name": "verify: file missing", "served": True, "files": {"out/bin/b.dll": None}, "args": VERIFY, "exit": 1,
      "err": ['corvanta-publish: missing: "bin/b.dll"', verify_failed(1)]},
@@ -237,8 +245,9 @@ ROWS = [
      "served_zstd": b"not zstd at all", "args": VERIFY, "exit": 1,
      "err": ['corvanta-publish: does not decode to its file: "{zst:notes2}"' + NOTES_COPY
              + ": zstd: Unknown frame descriptor", verify_failed(1)]},
-    {"name": "verify: several problems at once", "served": True, "served_key": "{k}/private.pem",
-     "files": {"out/app.exe": None, "out/data/c.dat": b"sea!"}, "args": VERIFY, "exit": 1,
+    {"name": "verify: several problems at once", "served": True,
+     "files": {"out/app.exe": None, "out/data/c.dat": b"sea!",
+               "out/manifest.json.sig": "sig:out/manifest.json:{k}/private.pem"}, "args": VERIFY, "exit": 1,
      "err": [BAD_SIGNATURE, 'corvanta-publish: missing: "app.exe"',
              'corvanta-publish: size differs: "data/c.dat" is listed with 3 bytes but has 4', verify_failed(3)]},
     {"name": "verify: no manifest", "served": True, "files": {"out/manifest.json": None}, "args": VERIFY, "exit": 1,
@@ -256,7 +265,7 @@ ROWS = [
      "args": VERIFY, "exit": 1, "err": [UNUSABLE]},
     {"name": "verify: built-in key", "served": True, "dev_key": True, "args": ["verify", "--dir", "{w}/out"],
      "out": VERIFY_OK},
-    {"name": "verify: built-in key, signed by another", "served": True, "served_key": "{k}/private.pem",
+    {"name": "verify: built-in key, signed by another", "served": True, "files": {"out/manifest.json.sig": "sig:out/manifest.json:{k}/private.pem"},
      "args": ["verify", "--dir", "{w}/out"], "exit": 1, "err": [
          "corvanta-publish: signature: manifest.json.sig does not verify manifest.json with the built-in key",
          verify_failed(1)]},
@@ -403,6 +412,30 @@ for args, err in [
         (["build", *COMPLETE, "v2"], failure('unexpected argument "v2"'))]:
     ROWS.append({"name": f"command line {args}", "args": args, "exit": 2, "err": err})
 
+# The key a build embeds: configuration refuses keys of the wrong shape.
+CONFIGURE = ["-S", "{src}", "-B", "{w}/b", "-G", "{generator}", "-DCMAKE_BUILD_TYPE=Debug", "-DBUILD_TESTING=OFF"]
+SHAPE = 'is not a PEM "PUBLIC KEY" block of an EC P-256 key'
+for key, message in [("none.pem", "does not exist or is not a file"), ("dir.pem", "does not exist or is not a file"),
+                     ("empty.pem", SHAPE), ("p384.pub", SHAPE), ("rsa.pub", SHAPE), ("private.pem", SHAPE),
+                     ("comment.pub", SHAPE), ("sm2.pub", "holds a public key that is not on curve P-256 (prime256v1)")]:
+    ROWS.append({"name": f"embedded key refused: {key}", "program": "{cmake}", "exit": 1,
+                 "args": CONFIGURE + [f"-DCORV_PUBLIC_KEY_FILE={{k}}/{key}"],
+                 "err": [f"CORV_PUBLIC_KEY_FILE: '{{k}}/{key}' {message}"]})
+ROWS += [
+    {"name": "embedded key accepted: LF line ends", "program": "{cmake}",
+     "args": CONFIGURE + ["-DCORV_PUBLIC_KEY_FILE={k}/public.pem"], "out": ["Generating done"]},
+    {"name": "embedded key: a build trusts its key and no other", "served": True, "steps": [
+        {"program": "{cmake}", "args": CONFIGURE + ["-DCORV_PUBLIC_KEY_FILE={k}/public_crlf.pem"],
+         "out": ["Generating done"]},
+        {"program": "{cmake}", "args": ["--build", "{w}/b", "--target", "corvanta-publish"],
+         "out": ["Linking CXX executable bin/corvanta-publish"]},
+        {"program": "{w}/b/bin/corvanta-publish", "args": ["verify", "--dir", "{w}/out"], "exit": 1,
+         "err": ["corvanta-publish: signature: manifest.json.sig does not verify manifest.json with the built-in key",
+                 verify_failed(1)]},
+        {"files": {"out/manifest.json.sig": "sig:out/manifest.json:{k}/private.pem"},
+         "program": "{w}/b/bin/corvanta-publish", "args": ["verify", "--dir", "{w}/out"], "out": VERIFY_OK}]},
+]
+
 # Help: exit status 0, the usage on stdout.
 for args, usage in [(["--help"], "Usage: corvanta-publish <command> [options]"),
                     (["help"], "Usage: corvanta-publish <command> [options]"),
@@ -486,8 +519,8 @@ def generated(spec):
 def content(spec, w):
     """bytes, a special entry ("dir:", "link:T", "fifo:", "socket:"), or what spec names: a file
     of the work directory as it is now (file:P) or changed (flip:P one bit in its middle, append:P
-    one byte more, crlf:P its text ending in CR LF, sub:P:OLD:NEW, sig:P its signature with the
-    development key), else `generated`."""
+    one byte more, crlf:P its text ending in CR LF, sub:P:OLD:NEW, sig:P[:KEY] its signature with
+    KEY, by default the development key), else `generated`."""
     if spec is None or isinstance(spec, bytes) or spec.split(":")[0] in ("dir", "link", "fifo", "socket"):
         return spec
     kind, _, arg = spec.partition(":")
@@ -504,7 +537,7 @@ def content(spec, w):
         if kind == "sub":
             return data.replace(rest[0].encode(), rest[1].encode())
         if kind == "sig":
-            return sign(data, os.path.join(SOURCE_DIR, "keys", "dev_private.pem")) + b"\n"
+            return sign(data, rest[0] if rest else os.path.join(SOURCE_DIR, "keys", "dev_private.pem")) + b"\n"
         return data
     return generated(spec)
 
@@ -582,8 +615,7 @@ def serve(w, ctx, row):
     manifest = json.dumps({"buildNumber": 7, "fullVersion": "2.0.0", "product": "Corvanta", "arch": "x64",
                            "files": entries}, indent=4).encode()
     put(w, "out/manifest.json", manifest)
-    put(w, "out/manifest.json.sig", sign(manifest, resolve(row.get("served_key", "{src}/keys/dev_private.pem"), ctx))
-        + b"\n")
+    put(w, "out/manifest.json.sig", content("sig:out/manifest.json", w))
 
 
 def lines(data):
@@ -594,12 +626,12 @@ def lines(data):
 PROGRESS = re.compile(r'corvanta-publish: (copied \d+/\d+ files|compressing "|making a patch of ")')
 
 
-def run_tool(options, args, w, umask, trace):
-    argv = [options.publish] + args
+def run_tool(options, args, w, umask, trace, program=None):
+    argv = [program or options.publish] + args
     if trace:
         argv = ["strace", "-f", "-qq", "-s", "4096", "-e", "trace=rename,renameat,renameat2,write,pwrite64",
                 "-o", trace] + argv
-    run = subprocess.run(argv, cwd=w, stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=120,
+    run = subprocess.run(argv, cwd=w, stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=840,
                          umask=-1 if umask is None else umask)
     return run.returncode, lines(run.stdout), [line for line in lines(run.stderr) if not PROGRESS.match(line)]
 
@@ -686,7 +718,8 @@ def run_row(row, options, keys):
     if row.get("dev_key") and read(options.embedded_key) != read(os.path.join(SOURCE_DIR, "keys", "dev_public.pem")):
         return "skipped: the tools embed another key than the development key"
     with tempfile.TemporaryDirectory(prefix="publish-rows-") as w:
-        ctx = {"w": w, "k": keys, "src": SOURCE_DIR, "options": options}
+        ctx = {"w": w, "k": keys, "src": SOURCE_DIR, "cmake": options.cmake, "generator": options.generator,
+               "options": options}
         if row.get("served"):
             serve(w, ctx, row)
         steps = row.get("steps", [row])
@@ -698,18 +731,23 @@ def run_row(row, options, keys):
             if trace and not shutil.which("strace"):
                 return "skipped: strace is not installed"
             before = snapshot(w)
-            code, out, err = run_tool(options, args, w, step.get("umask"), trace)
+            program = resolve(step["program"], ctx) if "program" in step else None
+            cmake = step.get("program") == "{cmake}"
+            code, out, err = run_tool(options, args, w, step.get("umask"), trace, program)
             where = f"step {number + 1}"
             expect(code, step.get("exit", 0), f"{where}: exit status (stderr {err})")
             for got, wanted, stream in ((out, step.get("out", []), "stdout"), (err, step.get("err", []), "stderr")):
                 wanted = [resolve(line, ctx) for line in wanted]
+                if cmake:
+                    got = " ".join(" ".join(got).split())
+                    got, wanted = [line for line in wanted if line not in got], []
                 if wanted[-1:] == ["..."]:
                     wanted, got = wanted[:-1], got[:len(wanted) - 1]
                 expect(got, wanted, f"{where}: {stream}")
             after = snapshot(w)
             changed = {p for p in set(before) | set(after) if before.get(p) != after.get(p)}
-            target = next((args[i + 1] for i, a in enumerate(args[:-1]) if a in ("--out", "--out-dir")), None)
-            target = os.path.relpath(os.path.join(w, target), w) if target and code == 0 else None
+            target = next((args[i + 1] for i, a in enumerate(args[:-1]) if a in OUTPUTS), None)
+            target = os.path.relpath(os.path.join(w, target), w) if target and (code == 0 or cmake) else None
             expect(sorted(p for p in changed if not target or not (p == target or p.startswith(target + "/")
                                                                    or target.startswith(p + "/"))), [],
                    f"{where}: paths changed outside the output directory")
@@ -740,6 +778,18 @@ def make_keys(keys):
             "pass:secret", "-out", f"{keys}/encrypted.pem")
     write(f"{keys}/garbage.pem", b"not a key\n")
     write(f"{keys}/garbage.pub", b"-----BEGIN PUBLIC KEY-----\nAAAA\n")
+    openssl("genpkey", "-algorithm", "RSA", "-pkeyopt", "rsa_keygen_bits:2048", "-out", f"{keys}/rsa.pem")
+    openssl("pkey", "-in", f"{keys}/rsa.pem", "-pubout", "-out", f"{keys}/rsa.pub")
+    public = read(f"{keys}/public.pem")
+    write(f"{keys}/public_crlf.pem", public.replace(b"\n", b"\r\n"))
+    write(f"{keys}/comment.pub", b"# vendor key\n" + public)
+    write(f"{keys}/empty.pem", b"")
+    os.mkdir(f"{keys}/dir.pem")
+    # The same length as a P-256 key, with the curve named SM2's.
+    der = base64.b64decode(b"".join(public.splitlines()[1:-1]))
+    text = base64.b64encode(der.replace(bytes.fromhex("2a8648ce3d030107"), bytes.fromhex("2a811ccf5501822d")))
+    write(f"{keys}/sm2.pub", b"-----BEGIN PUBLIC KEY-----\n" + b"\n".join(text[i:i + 64] for i in range(0, len(text), 64))
+          + b"\n-----END PUBLIC KEY-----\n")
 
 
 def main():
@@ -747,6 +797,8 @@ def main():
     parser.add_argument("--publish", required=True, help="the corvanta-publish to test")
     parser.add_argument("--embedded-key", required=True, help="the public key the tools were built with")
     parser.add_argument("--rows", default="", help="only rows whose name matches this regular expression")
+    parser.add_argument("--cmake", default="cmake", help="CMake, for the rows that configure this project")
+    parser.add_argument("--generator", default="Ninja", help="CMake's generator for them")
     parser.add_argument("--jobs", type=int, default=2)
     options = parser.parse_args()
     options.publish = os.path.abspath(options.publish)
