@@ -33,8 +33,8 @@ A row is a dict; `steps` are runs of the tool in order (a row without `steps` is
   trace   the renames below out/, and the data writes between them, in order, as strace sees them
   dev_key True: the tools must be built with the development key
 Every step writes nothing outside its output directory (--out, --out-dir; CMake's -B, --build),
-and the tool nothing at all when it fails. Every published tree has a signature that openssl verifies with the public key of --key,
-and the tool's own verify accepts it.
+and the tool nothing at all when it fails. Every published tree has a signature that openssl
+verifies with the public key of --key, and the tool's own verify accepts it.
 """
 
 import argparse
@@ -107,6 +107,7 @@ SERVED = {"app.exe": "pattern:300000:1", "bin/b.dll": b"bee", "data/c.dat": b"se
 PATCH = ".zstd/{hash:notes1}-{hash:notes2}.zst"
 VERIFY = ["verify", "--dir", "{w}/out", "--public-key", "{src}/keys/dev_public.pem"]
 VERIFY_OK = ["OK: Corvanta x64 2.0.0 (build 7), 4 files, signature valid", "OK: 1 compressed copy and 1 patch in .zstd"]
+OTHER_KEY = {"out/manifest.json.sig": "sig:out/manifest.json:{k}/private.pem"}
 BAD_SIGNATURE = "corvanta-publish: signature: manifest.json.sig does not verify manifest.json with this key"
 NOTES_COPY = ' (compressed copy of "data/notes.txt")'
 NOTES_PATCH = ' (patch of "data/notes.txt")'
@@ -147,7 +148,8 @@ ROWS = [
     {"name": "the updater trusts the development key, and only it", "dev_key": True, "files": {"in/app.exe": b"app"},
      "steps": [
          {"args": build("--key", "{src}/keys/dev_private.pem"), "listed": ["app.exe"], "out": [published(1, "0.0")]},
-         {"args": ["verify", "--dir", "{w}/out"], "out": ["OK: Corvanta x64 2.4.1 (build 41), 1 files, signature valid"]},
+         {"args": ["verify", "--dir", "{w}/out"],
+          "out": ["OK: Corvanta x64 2.4.1 (build 41), 1 files, signature valid"]},
          {"args": build(), "listed": ["app.exe"], "out": [published(1, "0.0")]},
          {"args": ["verify", "--dir", "{w}/out"], "exit": 1, "err": [
              "corvanta-publish: signature: manifest.json.sig does not verify manifest.json with the built-in key",
@@ -209,14 +211,15 @@ ROWS = [
 
     # Verify, on a tree published by hand.
     {"name": "verify: as published", "served": True, "args": VERIFY, "out": VERIFY_OK},
-    {"name": "verify: signature with CR LF", "served": True, "files": {"out/manifest.json.sig": "crlf:out/manifest.json.sig"},
+    {"name": "verify: signature with CR LF", "served": True,
+     "files": {"out/manifest.json.sig": "crlf:out/manifest.json.sig"},
      "args": VERIFY, "out": VERIFY_OK},
     {"name": "verify: unlisted extra file", "served": True, "files": {"out/old/left-over.dll": b"from an older build"},
      "args": VERIFY, "out": VERIFY_OK},
     {"name": "verify: manifest changed by one byte", "served": True,
      "files": {"out/manifest.json": "sub:out/manifest.json:2.0.0:2.0.1"}, "args": VERIFY, "exit": 1,
      "err": [BAD_SIGNATURE, verify_failed(1)]},
-    {"name": "verify: signed by another key", "served": True, "files": {"out/manifest.json.sig": "sig:out/manifest.json:{k}/private.pem"}, "args": VERIFY,
+    {"name": "verify: signed by another key", "served": True, "files": OTHER_KEY, "args": VERIFY,
      "exit": 1, "err": [BAD_SIGNATURE, verify_failed(1)]},
     {"name": "verify: file missing", "served": True, "files": {"out/bin/b.dll": None}, "args": VERIFY, "exit": 1,
      "err": ['corvanta-publish: missing: "bin/b.dll"', verify_failed(1)]},
@@ -261,11 +264,12 @@ ROWS = [
      "files": {"out/manifest.json": b'{"fullVersion":"2","files":[{"path":"../x.dll","sha256":"ab"}]}',
                "out/manifest.json.sig": "sig:out/manifest.json"}, "args": VERIFY, "exit": 1, "err": [UNUSABLE]},
     {"name": "verify: signed manifest without files", "served": True,
-     "files": {"out/manifest.json": b'{"fullVersion":"2","files":[]}', "out/manifest.json.sig": "sig:out/manifest.json"},
+     "files": {"out/manifest.json": b'{"fullVersion":"2","files":[]}',
+               "out/manifest.json.sig": "sig:out/manifest.json"},
      "args": VERIFY, "exit": 1, "err": [UNUSABLE]},
     {"name": "verify: built-in key", "served": True, "dev_key": True, "args": ["verify", "--dir", "{w}/out"],
      "out": VERIFY_OK},
-    {"name": "verify: built-in key, signed by another", "served": True, "files": {"out/manifest.json.sig": "sig:out/manifest.json:{k}/private.pem"},
+    {"name": "verify: built-in key, signed by another", "served": True, "files": OTHER_KEY,
      "args": ["verify", "--dir", "{w}/out"], "exit": 1, "err": [
          "corvanta-publish: signature: manifest.json.sig does not verify manifest.json with the built-in key",
          verify_failed(1)]},
@@ -283,9 +287,11 @@ ROWS = [
     {"name": "keygen: a missing nested directory is created", "args": ["keygen", "--out-dir", "a/b/keys"],
      "keypair": "a/b/keys", "modes": {"a/b/keys/private.pem": 0o600, "a/b/keys/public.pem": 0o644},
      "out": ["private key: a/b/keys/private.pem (keep it secret)",
-             "public key:  a/b/keys/public.pem (build the updater with -DCORV_PUBLIC_KEY_FILE={w}/a/b/keys/public.pem)"]},
+             "public key:  a/b/keys/public.pem (build the updater with "
+             "-DCORV_PUBLIC_KEY_FILE={w}/a/b/keys/public.pem)"]},
     {"name": "keygen: refuses when the out dir is a file", "files": {"plain": b"x"},
-     "args": ["keygen", "--out-dir", "{w}/plain"], "exit": 1, "err": ['corvanta-publish: cannot create directory "{w}/plain"']},
+     "args": ["keygen", "--out-dir", "{w}/plain"], "exit": 1,
+     "err": ['corvanta-publish: cannot create directory "{w}/plain"']},
 ]
 
 # Names the updater or Windows cannot take, and entries that are not regular files: (what the
@@ -328,7 +334,8 @@ for entries, named, reason in [
                  "args": build(), "exit": 1, "err": [f'corvanta-publish: refusing "{named}": {reason}']})
 
 # --exclude: the patterns, and what is published of EXCLUDABLE.
-EXCLUDABLE = ["a.pdb", "app.exe", "bin/b.pdb", "bin/c.dll", "deep/sub/z.log", "logs/sub/y.txt", "logs/x.txt", "sub/z.log"]
+EXCLUDABLE = ["a.pdb", "app.exe", "bin/b.pdb", "bin/c.dll", "deep/sub/z.log", "logs/sub/y.txt", "logs/x.txt",
+              "sub/z.log"]
 for patterns, left_out in [
         ([], []),
         (["*.pdb"], ["a.pdb", "bin/b.pdb"]),
@@ -377,7 +384,8 @@ for key, message in [("{k}/none.pub", 'cannot read "{k}/none.pub": No such file 
 # keygen refuses to overwrite a key: the existing files, and the one it names.
 for existing, named in [(["private.pem"], "private.pem"), (["public.pem"], "public.pem"),
                         (["private.pem", "public.pem"], "private.pem")]:
-    ROWS.append({"name": f"keygen refuses to overwrite {existing}", "files": {"keys/" + n: b"old key" for n in existing},
+    ROWS.append({"name": f"keygen refuses to overwrite {existing}",
+                 "files": {"keys/" + n: b"old key" for n in existing},
                  "args": ["keygen", "--out-dir", "{w}/keys"], "exit": 1,
                  "err": [f'corvanta-publish: refusing to overwrite existing key "{{w}}/keys/{named}"']})
 
@@ -397,7 +405,8 @@ for args, err in [
         (["build", "--input", "x"], failure("build needs --out")),
         (["build", "--input", "x", "--out", "y"], failure("build needs --version")),
         (["build", "--input", "x", "--out", "y", "--version", "1"], failure("build needs --key")),
-        (["build", "--input", "x", "--out", "y", "--version", "1", "--key", "k.pem"], failure("build needs --build-number")),
+        (["build", "--input", "x", "--out", "y", "--version", "1", "--key", "k.pem"],
+         failure("build needs --build-number")),
         (["build", *COMPLETE, "--version", "2\n1"], failure("--version must not contain control characters")),
         (["build", *COMPLETE, "--version", ""], failure("--version is empty")),
         (["build", *COMPLETE, "--version", "1", "--out", ""], failure("--out is empty")),
@@ -437,12 +446,12 @@ ROWS += [
 ]
 
 # Help: exit status 0, the usage on stdout.
+BUILD_USAGE = "Usage: corvanta-publish build --input DIR --out DIR --version V --build-number N"
 for args, usage in [(["--help"], "Usage: corvanta-publish <command> [options]"),
                     (["help"], "Usage: corvanta-publish <command> [options]"),
                     (["keygen", "--help"], "Usage: corvanta-publish keygen --out-dir DIR"),
-                    (["build", "--help"], "Usage: corvanta-publish build --input DIR --out DIR --version V --build-number N"),
-                    (["build", "--version", "1", "--help"],
-                     "Usage: corvanta-publish build --input DIR --out DIR --version V --build-number N"),
+                    (["build", "--help"], BUILD_USAGE),
+                    (["build", "--version", "1", "--help"], BUILD_USAGE),
                     (["verify", "--help"], "Usage: corvanta-publish verify --dir DIR [--public-key PUB.pem]")]:
     ROWS.append({"name": f"help {args}", "args": args, "out": [usage, "..."]})
 
@@ -788,8 +797,8 @@ def make_keys(keys):
     # The same length as a P-256 key, with the curve named SM2's.
     der = base64.b64decode(b"".join(public.splitlines()[1:-1]))
     text = base64.b64encode(der.replace(bytes.fromhex("2a8648ce3d030107"), bytes.fromhex("2a811ccf5501822d")))
-    write(f"{keys}/sm2.pub", b"-----BEGIN PUBLIC KEY-----\n" + b"\n".join(text[i:i + 64] for i in range(0, len(text), 64))
-          + b"\n-----END PUBLIC KEY-----\n")
+    pem = b"\n".join(text[i:i + 64] for i in range(0, len(text), 64))
+    write(f"{keys}/sm2.pub", b"-----BEGIN PUBLIC KEY-----\n" + pem + b"\n-----END PUBLIC KEY-----\n")
 
 
 def main():
