@@ -95,12 +95,14 @@ def corrupt(times=-1):
 
 def manifest_fails(document, error="*"):
     url = '"{url}' + document + '"'
-    return [f'[Update] GET loi {url} "{error}"', f"[Update] thu lai GET {url} lan 2", f'[Update] GET loi {url} "{error}"',
+    return [f'[Update] GET loi {url} "{error}"', f"[Update] thu lai GET {url} lan 2",
+            f'[Update] GET loi {url} "{error}"',
             f'[Update] tai {"manifest" if document == M else ".sig"} that bai -> chay ban hien tai']
 
 
 def file_fails(path, error="*"):
-    return [f'[Update] GET(file) loi "{{url}}{path}" "{error}"', f'[Update] tai "{path}" that bai -> huy, chay ban hien tai']
+    return [f'[Update] GET(file) loi "{{url}}{path}" "{error}"',
+            f'[Update] tai "{path}" that bai -> huy, chay ban hien tai']
 
 
 def applied(wire=80004, whole=80004):
@@ -165,7 +167,8 @@ APPLY = [
           publish={"manifest": {"fullVersion": "1.0-replay", "buildNumber": 10}}),
     *[apply(f"one hostile path among 36: {path}", ["[Update] manifest hong"], publish={"hostile_path": path})
       for path in HOSTILE_PATHS],
-    *[apply(f"file size {size}", ["[Update] manifest hong"], publish={"extra_sizes": [size]}) for size in IMPOSSIBLE_SIZES],
+    *[apply(f"file size {size}", ["[Update] manifest hong"], publish={"extra_sizes": [size]})
+      for size in IMPOSSIBLE_SIZES],
     # The signature is read up to 64 KiB, line feeds after it included.
     apply("signature of exactly 65536 bytes", WHOLE, publish={"sig_size": 65536}, updates=True),
     apply("signature of 65537 bytes", manifest_fails(S, TOO_BIG_SIG), publish={"sig_size": 65537}),
@@ -219,10 +222,12 @@ APPLY = [
           [choice("patch", len(PATCH)), f'[Update] GET(file) loi "{{url}}{PATCH_PATH}" "*"',
            fell_back("patch", "tai that bai", "tai ban nen"), choice("ban nen", len(PACKED)),
            fell_back("ban nen", "hash lech")] + applied(OTHERS + len(PACKED) + 60000),
-          publish={"patch": PATCH, "zstd": PACKED}, rules={PATCH_PATH: status(404), PACKED_PATH: corrupt()}, updates=True),
+          publish={"patch": PATCH, "zstd": PACKED}, rules={PATCH_PATH: status(404), PACKED_PATH: corrupt()},
+          updates=True),
     apply("smaller: patch without end, then the whole file",
-          [choice("patch", len(PATCH)), f'[Update] GET(file) loi "{{url}}{PATCH_PATH}" "file larger than {len(PATCH)} bytes"',
-           fell_back("patch", "tai that bai"), WHOLE[0], "[Update] da tai qua mang * byte (ca file: 80004 byte)", WHOLE[2]],
+          [choice("patch", len(PATCH)), file_fails(PATCH_PATH, f"file larger than {len(PATCH)} bytes")[0],
+           fell_back("patch", "tai that bai"), WHOLE[0], "[Update] da tai qua mang * byte (ca file: 80004 byte)",
+           WHOLE[2]],
           publish={"patch": PATCH}, rules={PATCH_PATH: ENDLESS}, updates=True),
 
     # Links among the updater's own files, to a directory or a file outside the installation:
@@ -231,7 +236,8 @@ APPLY = [
       for kind, path in [("dir", ".staging"), ("file", "updater.log"), ("file", M)]],
     # A FIFO or a link to /dev/zero at the record, at an installed file or at the configuration:
     # never opened, the first two replaced by the update, the last one no configuration.
-    *[apply(f"{kind} at {path}", WHOLE, link=(kind, path), updates=True) for path in (M, F) for kind in ("fifo", "zero")],
+    *[apply(f"{kind} at {path}", WHOLE, link=(kind, path), updates=True)
+      for path in (M, F) for kind in ("fifo", "zero")],
     *[apply(f"{kind} at updater.conf", ["[Update] khong co updater.conf -> bo qua update"], link=(kind, "updater.conf"))
       for kind in ("fifo", "zero")],
 
@@ -242,7 +248,8 @@ APPLY = [
     apply("endless signature", manifest_fails(S, TOO_BIG_SIG), rules={S: ENDLESS}),
     apply("endless file", file_fails(F, "file larger than 60000 bytes"), rules={F: ENDLESS}),
     *[apply(name, file_fails(F, "file larger than 60000 bytes"), publish={"serve": {F: C2 + tail}})
-      for name, tail in [("file longer than its manifest entry", pattern(20000, 99)), ("file one byte too long", b"x")]],
+      for name, tail in [("file longer than its manifest entry", pattern(20000, 99)),
+                         ("file one byte too long", b"x")]],
     # The resume from the cache is answered beyond the file's size, and so is the fresh
     # download after it.
     *[apply(name, [RESUMING, file_fails(F, "file larger than 60000 bytes")[0], RESUME_FAILED]
@@ -322,7 +329,8 @@ PREFETCH = [
                    ".update-cache/x"]],
     # Sizes: one no file can have rejects the manifest; sizes that add up beyond 64 bits, or an
     # entry without a size (counted at the 1 GiB limit of such files), exceed the download cap.
-    *[prefetch(f"file size {size}", [P + "manifest hong"], publish={"extra_sizes": [size]}) for size in IMPOSSIBLE_SIZES],
+    *[prefetch(f"file size {size}", [P + "manifest hong"], publish={"extra_sizes": [size]})
+      for size in IMPOSSIBLE_SIZES],
     prefetch("1024 files of 2^53 bytes", [P + "can tai 8796093022207 MB > tran 500 MB -> de updater lo"],
              publish={"extra_sizes": [2 ** 53] * 1024}),
     prefetch("a file without size", [P + "can tai 1024 MB > tran 500 MB -> de updater lo"],
@@ -331,7 +339,8 @@ PREFETCH = [
 
     # The files: a failed attempt is retried three times, then the file is left for the updater.
     # The last answer of a redirect loop is a 302 like the others: a status other than 200 or 206.
-    *[prefetch(name, START + four_times([FRESH, f'{P}"lib/c.bin" HTTP {code} -> bo file nay']) + [LEFT], rules={F: rule})
+    *[prefetch(name, START + four_times([FRESH, f'{P}"lib/c.bin" HTTP {code} -> bo file nay']) + [LEFT],
+               rules={F: rule})
       for name, code, rule in [("file 404", 404, status(404)), ("file 503", 503, status(503)),
                                ("file redirect loop", 302, {"redirectTo": F})]],
     # Every cut keeps its bytes: the next attempt resumes where the last one ended. A cut that
@@ -351,9 +360,10 @@ PREFETCH = [
              publish={"serve": {F: C2[:30000]}}),
     prefetch("file 206 without a range", START + [FRESH] + DONE, rules={F: {"partialWithoutRange": True}}),
     prefetch("file redirected once to a mirror", START + [FRESH] + DONE, rules={F: {"redirectTo": "mirror/c.bin"}}),
-    prefetch("file 200 for a range", START + [P + "lib/c.bin resume tu 1000 byte",
-                                              P + "server tra 200 cho request Range -> BO 1000 byte da tai, ghi de tu dau"]
-             + DONE, seed=1000, rules={F: {"ignoreRange": True}}),
+    prefetch("file 200 for a range",
+             START + [P + "lib/c.bin resume tu 1000 byte",
+                      P + "server tra 200 cho request Range -> BO 1000 byte da tai, ghi de tu dau"] + DONE,
+             seed=1000, rules={F: {"ignoreRange": True}}),
 
     # Smaller downloads: lib/c.bin comes as its patch from the installed build; an artifact that
     # fails its four attempts falls back to the whole file.
@@ -372,10 +382,12 @@ PREFETCH = [
     # never followed or written through, and the run goes on.
     *[prefetch(f"link at {path}", START + [FRESH] + DONE, link=(kind, path))
       for kind, path in [("dir", ".update-cache"), ("dir", ".update-cache/2.0/files/lib"),
-                         ("file", ".update-cache/2.0/files/lib/c.bin.part"), ("file", ".update-cache/2.0/state.json.tmp"),
+                         ("file", ".update-cache/2.0/files/lib/c.bin.part"),
+                         ("file", ".update-cache/2.0/state.json.tmp"),
                          ("file", ".update-cache/2.0/manifest.json"), ("file", ".update-cache/2.0/manifest.json.sig")]],
     # A ".part" with a second name elsewhere is resumed in a copy of its own.
-    prefetch("hard link at .update-cache/2.0/files/lib/c.bin.part", START + [P + "lib/c.bin resume tu 1000 byte"] + DONE,
+    prefetch("hard link at .update-cache/2.0/files/lib/c.bin.part",
+             START + [P + "lib/c.bin resume tu 1000 byte"] + DONE,
              link=("hard", ".update-cache/2.0/files/lib/c.bin.part")),
 
     # Bodies beyond their bound, as in apply mode.
@@ -385,7 +397,8 @@ PREFETCH = [
     prefetch("file longer than its manifest entry", START + [FOUR_REFUSED, LEFT],
              publish={"serve": {F: C2 + pattern(20000, 99)}}),
     prefetch("file of size 0 sent without end",
-             START[:3] + four_times([P + "e.txt tai tu dau 0 KB", P + '"e.txt" vuot qua 0 byte cua manifest -> bo file nay'])
+             START[:3] + four_times([P + "e.txt tai tu dau 0 KB",
+                                     P + '"e.txt" vuot qua 0 byte cua manifest -> bo file nay'])
              + [FRESH, DONE[0], LEFT], publish={"build": EMPTY_E}, rules={"e.txt": ENDLESS}),
     prefetch("gzip manifest", [DOCUMENT_FAILED + "Content-Encoding gzip not accepted"], rules={M: GZIP}),
     prefetch("gzip signature", [DOCUMENT_FAILED + "Content-Encoding gzip not accepted"], rules={S: GZIP}),

@@ -39,7 +39,8 @@ CACHE = ".update-cache/2.0/files/"
 
 def manifest_of(files, **keys):
     entries = [{"path": path, "size": len(data), "sha256": sha256(data)} for path, data in sorted(files.items())]
-    return dict({"buildNumber": 11, "fullVersion": "2.0", "product": "Corvanta", "arch": "x64", "files": entries}, **keys)
+    return dict({"buildNumber": 11, "fullVersion": "2.0", "product": "Corvanta", "arch": "x64", "files": entries},
+                **keys)
 
 
 def publish(r, out, other_key):
@@ -50,25 +51,27 @@ def publish(r, out, other_key):
     files = dict(p.get("build", BUILD2), **fill)
     manifest = manifest_of(files, **p.get("manifest", {}))
     entries = manifest["files"]
-    artifacts = {}
+    artifacts, c_entry = {}, next(e for e in entries if e["path"] == F)
     if p.get("zstd"):
         artifacts[PACKED_PATH] = p["zstd"]
-        next(e for e in entries if e["path"] == F)["zstd"] = {"size": len(p["zstd"]), "sha256": sha256(p["zstd"])}
+        c_entry["zstd"] = {"size": len(p["zstd"]), "sha256": sha256(p["zstd"])}
     if p.get("patch"):
         artifacts[PATCH_PATH] = p["patch"]
-        next(e for e in entries if e["path"] == F)["zstdPatches"] = [
-            {"from": sha256(C1), "size": len(p["patch"]), "sha256": sha256(p["patch"])}]
+        c_entry["zstdPatches"] = [{"from": sha256(C1), "size": len(p["patch"]), "sha256": sha256(p["patch"])}]
     if fill:  # one unsafe entry among 35 good ones
         entries.insert(len(entries) // 2, {"path": p["hostile_path"], "size": 4, "sha256": sha256(b"evil")})
     for i, size in enumerate(p.get("extra_sizes", [])):
-        entries.append(dict({"path": f"more/f{i:04d}.bin", "sha256": sha256(b"more")}, **({} if size is None else {"size": size})))
+        entries.append({"path": f"more/f{i:04d}.bin", "sha256": sha256(b"more")})
+        if size is not None:
+            entries[-1]["size"] = size
     data = json.dumps(manifest, indent=1).encode()
     for path, content in dict(files, **{"mirror/c.bin": files[F]}, **artifacts, **p.get("serve", {})).items():
         write(os.path.join(out, path), content)
     write(os.path.join(out, "manifest.json"), data)
-    signature = {"of another manifest": lambda: sign(json.dumps(manifest_of(files, fullVersion="2.1", buildNumber=12)).encode(),
-                                                     DEV_KEY),
-                 "by another key": lambda: sign(data, other_key)}.get(p.get("signature"), lambda: sign(data, DEV_KEY))()
+    if p.get("signature") == "of another manifest":
+        signature = sign(json.dumps(manifest_of(files, fullVersion="2.1", buildNumber=12)).encode(), DEV_KEY)
+    else:
+        signature = sign(data, other_key if p.get("signature") == "by another key" else DEV_KEY)
     write(os.path.join(out, "manifest.json.sig"), signature.ljust(p.get("sig_size", 0), b"\n"))
     return dict(files, **{"manifest.json": data}), dict(files, **artifacts)
 
@@ -86,8 +89,17 @@ def plant(kind, path, inst, outside):
     if os.path.lexists(full):
         os.remove(full)
     os.makedirs(os.path.dirname(full), exist_ok=True)
-    {"fifo": lambda: os.mkfifo(full), "zero": lambda: os.symlink("/dev/zero", full), "hard": lambda: os.link(target, full)}.get(
-        kind, lambda: os.symlink(target, full))()
+    if kind == "fifo":
+        os.mkfifo(full)
+    elif kind == "hard":
+        os.link(target, full)
+    else:
+        os.symlink("/dev/zero" if kind == "zero" else target, full)
+
+
+def installation(files):
+    """The installation's files but the log and the cache."""
+    return {p: d for p, d in files.items() if p != "updater.log" and not p.startswith(".update-cache/")}
 
 
 def outside_state(top):
@@ -122,7 +134,7 @@ def run_bounded(argv, env):
                     else f"still running after {RUN_LIMIT_S} s"], peak
         time.sleep(0.05)
     if process.returncode < 0:
-        return [f"ended by signal {-process.returncode} (SIGXFSZ when a file grew beyond {FILE_SIZE_LIMIT} bytes)"], peak
+        return [f"ended by signal {-process.returncode} (SIGXFSZ: a file grew beyond {FILE_SIZE_LIMIT} bytes)"], peak
     return [f"exit code {process.returncode}"] if process.returncode else [], peak
 
 
@@ -156,10 +168,10 @@ class Runner:
         inst = os.path.join(tmp, "inst")
         for d in (home, outside, locks):
             os.makedirs(d, mode=0o700)
-        for path, data in dict(BUILD1, **{"manifest.json": json.dumps(manifest_of(BUILD1, fullVersion="1.0",
-                                                                                   buildNumber=10)).encode(),
-                                          "updater.conf": json.dumps({"manifestUrl": url + "manifest.json"}).encode()}).items():
-            write(os.path.join(inst, path), data)
+        installed = dict(BUILD1, **{"manifest.json": json.dumps(manifest_of(BUILD1, fullVersion="1.0", buildNumber=10)),
+                                    "updater.conf": json.dumps({"manifestUrl": url + "manifest.json"})})
+        for path, data in installed.items():
+            write(os.path.join(inst, path), data if isinstance(data, bytes) else data.encode())
         with SPAWN_LOCK:
             shutil.copy(self.options.updater, os.path.join(inst, "updater"))
         if r.get("seed"):
@@ -167,11 +179,11 @@ class Runner:
         if r.get("link"):
             plant(*r["link"], inst, outside)
         outside_before = outside_state(outside)
-        before = {p: d for p, d in files_below(inst).items() if p != "updater.log" and not p.startswith(".update-cache/")}
+        before = installation(files_below(inst))
 
         env = dict(os.environ, TMPDIR=tmp, HOME=home, XDG_RUNTIME_DIR=locks, QT_QPA_PLATFORM="offscreen")
-        problems, peak = run_bounded([os.path.join(inst, "updater")] + (["--prefetch-only"] if r["mode"] == "prefetch" else []),
-                                     env)
+        args = ["--prefetch-only"] if r["mode"] == "prefetch" else []
+        problems, peak = run_bounded([os.path.join(inst, "updater")] + args, env)
         tag = "[UpdatePrefetch] " if r["mode"] == "prefetch" else "[Update] "
         log = os.path.join(inst, "updater.log")
         with open(log, encoding="utf-8") if os.path.isfile(log) else open(os.devnull) as f:
@@ -191,15 +203,14 @@ class Runner:
             problems.append(".staging is left")
         tree, truth = self.published[index]
         actual = files_below(inst)
-        problems += tree_differences(dict(before, **tree) if r.get("updates") else before,
-                                     {p: d for p, d in actual.items()
-                                      if p != "updater.log" and not p.startswith(".update-cache/")})
+        problems += tree_differences(dict(before, **tree) if r.get("updates") else before, installation(actual))
         for path, data in actual.items():
-            if path.startswith(CACHE):
-                rel = path[len(CACHE):]
-                right = truth.get(rel[:-5] if rel.endswith(".part") else rel)
-                if right is None or data is None or not (right.startswith(data) if rel.endswith(".part") else data == right):
-                    problems.append(f"cache holds bad bytes in {rel} ({len(data or b'')} bytes)")
+            rel = path[len(CACHE):]
+            part = rel.endswith(".part")
+            right = truth.get(rel[:-5] if part else rel)
+            if path.startswith(CACHE) and (right is None or data is None
+                                           or not (right.startswith(data) if part else data == right)):
+                problems.append(f"cache holds bad bytes in {rel} ({len(data or b'')} bytes)")
         return problems, peak
 
     def run(self):
@@ -236,7 +247,8 @@ def main():
     parser.add_argument("--rows", default="", help="only the rows whose name matches this expression")
     options = parser.parse_args()
     options.updater, options.scratch = os.path.abspath(options.updater), os.path.abspath(options.scratch)
-    rows = [(i, r) for i, r in enumerate(ROWS) if r.get("slow", False) == options.slow and re.search(options.rows, r["name"])]
+    rows = [(i, r) for i, r in enumerate(ROWS)
+            if r.get("slow", False) == options.slow and re.search(options.rows, r["name"])]
     return Runner(options, rows).run()
 
 
