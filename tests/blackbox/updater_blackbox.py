@@ -97,14 +97,26 @@ def wait_all(processes, limit_s):
 
 
 def files_below(top):
-    """relative path -> bytes of every regular file below top."""
+    """relative path -> bytes of every file below top (links to files followed), None for what
+    is no regular file (a FIFO, a device, a dangling link), which is never opened."""
     found = {}
     for base, _, names in os.walk(top):
         for name in names:
             path = os.path.join(base, name)
-            with open(path, "rb") as f:
-                found[os.path.relpath(path, top).replace(os.sep, "/")] = f.read()
+            data = None
+            if os.path.isfile(path):
+                with open(path, "rb") as f:
+                    data = f.read()
+            found[os.path.relpath(path, top).replace(os.sep, "/")] = data
     return found
+
+
+def tree_differences(expected, actual):
+    """What differs between two maps of files_below."""
+    return ([f"missing {p}" for p in sorted(set(expected) - set(actual))]
+            + [f"unexpected {p}" for p in sorted(set(actual) - set(expected))]
+            + [f"{p} differs from the expected bytes" for p in sorted(set(expected) & set(actual))
+               if expected[p] != actual[p]])
 
 
 class Pki:
@@ -574,10 +586,7 @@ class Harness:
                 ["the running updater's own file changed"]
         actual.pop("updater.conf", None)
         actual.pop("updater.log", None)
-        problems += [f"missing {p}" for p in sorted(set(expected) - set(actual))]
-        problems += [f"unexpected {p}" for p in sorted(set(actual) - set(expected))]
-        problems += [f"{p} differs from the expected bytes" for p in sorted(set(expected) & set(actual))
-                     if expected[p] != actual[p]]
+        problems += tree_differences(expected, actual)
         if os.path.exists(os.path.join(inst, ".staging")):
             problems.append(".staging is left")
         return problems

@@ -1,0 +1,256 @@
+#!/usr/bin/env python3
+"""Runs the rows of hostile_rows.py: the real updater against support/fault_server.py, which
+serves every row's build below /r<index>/ and misbehaves as the rows' rules say.
+
+  hostile_runner.py --updater build/bin/updater --scratch build/hostile [--slow] [--jobs N] [--rows RE]
+
+Every row runs once, in an installation that is the only entry of its own TMPDIR, with a HOME
+and a lock directory of its own, and must keep every invariant besides its log lines:
+  - the updater ends by itself within 90 s with exit code 0, its resident memory (sampled every
+    50 ms) stays below 256 MiB, and no file grows beyond 4 MiB (prlimit: SIGXFSZ beyond);
+  - the installation is as it was, or exactly the published build when the row updates, and no
+    ".staging" is left;
+  - the cache holds only the published files and artifacts, and ".part" files that are prefixes
+    of them;
+  - nothing is written outside the installation: its TMPDIR holds nothing else, HOME stays
+    empty, and what a link planted in the installation points to is unchanged.
+"""
+
+import argparse
+import concurrent.futures
+import json
+import os
+import re
+import shutil
+import subprocess
+import sys
+import time
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, HERE)
+from hostile_rows import BUILD1, BUILD2, C2, F, PACKED_PATH, PATCH_PATH, ROWS, C1, sha256  # noqa: E402
+from updater_blackbox import SPAWN_LOCK, files_below, sign, spawn, tree_differences, write  # noqa: E402
+
+FAULT_SERVER = os.path.join(os.path.dirname(HERE), "support", "fault_server.py")
+DEV_KEY = os.path.join(os.path.dirname(os.path.dirname(HERE)), "keys", "dev_private.pem")
+RUN_LIMIT_S, PEAK_RSS_LIMIT_KIB, FILE_SIZE_LIMIT = 90, 262144, 4194304
+CACHE = ".update-cache/2.0/files/"
+
+
+def manifest_of(files, **keys):
+    entries = [{"path": path, "size": len(data), "sha256": sha256(data)} for path, data in sorted(files.items())]
+    return dict({"buildNumber": 11, "fullVersion": "2.0", "product": "Corvanta", "arch": "x64", "files": entries},
+                **keys)
+
+
+def publish(r, out, other_key):
+    """Writes the row's build below out; returns what its installation must hold afterwards
+    when it updates, and the bytes its cache may hold."""
+    p = r.get("publish", {})
+    fill = {f"fill/f{i:02d}.txt": b"fill %d" % i for i in range(30)} if "hostile_path" in p else {}
+    files = dict(p.get("build", BUILD2), **fill)
+    manifest = manifest_of(files, **p.get("manifest", {}))
+    entries = manifest["files"]
+    artifacts, c_entry = {}, next(e for e in entries if e["path"] == F)
+    if p.get("zstd"):
+        artifacts[PACKED_PATH] = p["zstd"]
+        c_entry["zstd"] = {"size": len(p["zstd"]), "sha256": sha256(p["zstd"])}
+    if p.get("patch"):
+        artifacts[PATCH_PATH] = p["patch"]
+        c_entry["zstdPatches"] = [{"from": sha256(C1), "size": len(p["patch"]), "sha256": sha256(p["patch"])}]
+    if fill:  # one unsafe entry among 35 good ones
+        entries.insert(len(entries) // 2, {"path": p["hostile_path"], "size": 4, "sha256": sha256(b"evil")})
+    for i, size in enumerate(p.get("extra_sizes", [])):
+        entries.append({"path": f"more/f{i:04d}.bin", "sha256": sha256(b"more")})
+        if size is not None:
+            entries[-1]["size"] = size
+    data = json.dumps(manifest, indent=1).encode()
+    for path, content in dict(files, **{"mirror/c.bin": files[F]}, **artifacts, **p.get("serve", {})).items():
+        write(os.path.join(out, path), content)
+    write(os.path.join(out, "manifest.json"), data)
+    if p.get("signature") == "of another manifest":
+        signature = sign(json.dumps(manifest_of(files, fullVersion="2.1", buildNumber=12)).encode(), DEV_KEY)
+    else:
+        signature = sign(data, other_key if p.get("signature") == "by another key" else DEV_KEY)
+    write(os.path.join(out, "manifest.json.sig"), signature.ljust(p.get("sig_size", 0), b"\n"))
+    return dict(files, **{"manifest.json": data}), dict(files, **artifacts)
+
+
+def plant(kind, path, inst, outside):
+    """Plants a link (or a FIFO) at path in the installation, pointing outside it."""
+    full, target = os.path.join(inst, path), os.path.join(outside, "target")
+    if os.path.exists(full) and kind in ("file", "hard"):
+        with open(full, "rb") as f:
+            write(target, f.read())
+    elif kind in ("file", "hard"):
+        write(target, C2[:1000])  # a ".part" that would be resumed
+    elif kind == "dir":
+        write(os.path.join(target, "keep.txt"), b"outside")
+    if os.path.lexists(full):
+        os.remove(full)
+    os.makedirs(os.path.dirname(full), exist_ok=True)
+    if kind == "fifo":
+        os.mkfifo(full)
+    elif kind == "hard":
+        os.link(target, full)
+    else:
+        os.symlink("/dev/zero" if kind == "zero" else target, full)
+
+
+def installation(files):
+    """The installation's files but the log and the cache."""
+    return {p: d for p, d in files.items() if p != "updater.log" and not p.startswith(".update-cache/")}
+
+
+def outside_state(top):
+    return list(os.walk(top)), files_below(top)
+
+
+def matches(expected, lines):
+    """The lines match the expected ones: "*" is any text of a line, " ||| " separates
+    alternatives, a compiled expression stands for the lines it matches."""
+    def line(p):
+        return p.pattern if isinstance(p, re.Pattern) else "|".join(
+            "[^\n]*".join(map(re.escape, text.split("*"))) for text in p.split(" ||| "))
+    return re.fullmatch("\n".join(f"(?:{line(p)})" for p in expected), "\n".join(lines)) is not None
+
+
+def run_bounded(argv, env):
+    """Runs the updater with its file size bounded, sampling its resident high-water mark;
+    returns what went wrong and that mark in KiB."""
+    process = spawn(["prlimit", f"--fsize={FILE_SIZE_LIMIT}", "--"] + argv, env=env,
+                    stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    began, peak = time.monotonic(), 0
+    while process.poll() is None:
+        try:
+            with open(f"/proc/{process.pid}/status") as f:
+                peak = max(peak, int(re.search(r"VmHWM:\s+(\d+) kB", f.read()).group(1)))
+        except (OSError, AttributeError):
+            pass
+        if peak > PEAK_RSS_LIMIT_KIB or time.monotonic() - began > RUN_LIMIT_S:
+            process.kill()
+            process.wait()
+            return [f"resident memory grew beyond {PEAK_RSS_LIMIT_KIB} KiB" if peak > PEAK_RSS_LIMIT_KIB
+                    else f"still running after {RUN_LIMIT_S} s"], peak
+        time.sleep(0.05)
+    if process.returncode < 0:
+        return [f"ended by signal {-process.returncode} (SIGXFSZ: a file grew beyond {FILE_SIZE_LIMIT} bytes)"], peak
+    return [f"exit code {process.returncode}"] if process.returncode else [], peak
+
+
+class Runner:
+    def __init__(self, options, rows):
+        self.options, self.rows = options, rows
+        self.top = os.path.join(options.scratch, "slow" if options.slow else "rows")
+        shutil.rmtree(self.top, ignore_errors=True)
+        self.www, control = os.path.join(self.top, "www"), os.path.join(self.top, "control")
+        os.makedirs(control)
+        self.other_key = os.path.join(self.top, "other_private.pem")
+        subprocess.run(["openssl", "genpkey", "-algorithm", "EC", "-pkeyopt", "ec_paramgen_curve:P-256", "-out",
+                        self.other_key], check=True)
+        self.published, rules = {}, {}
+        for index, r in self.rows:
+            base = f"r{index:03d}/"
+            self.published[index] = publish(r, os.path.join(self.www, base), self.other_key)
+            for path, rule in r.get("rules", {}).items():
+                target = rule.get("redirectTo", "://")
+                rules[base + path] = rule if "://" in target else dict(rule, redirectTo=base + target)
+        write(os.path.join(control, "rules.json"), json.dumps(rules).encode())
+        self.server = subprocess.Popen([sys.executable, FAULT_SERVER, self.www, control], stdin=subprocess.PIPE,
+                                       stdout=subprocess.PIPE, text=True)
+        self.url = f"http://127.0.0.1:{self.server.stdout.readline().strip()}/"
+
+    def run_row(self, index, r):
+        base = f"r{index:03d}"
+        url = self.url + base + "/"
+        row_dir = os.path.join(self.top, "runs", base)
+        tmp, home, outside, locks = (os.path.join(row_dir, d) for d in ("tmp", "home", "outside", "locks"))
+        inst = os.path.join(tmp, "inst")
+        for d in (home, outside, locks):
+            os.makedirs(d, mode=0o700)
+        installed = dict(BUILD1, **{"manifest.json": json.dumps(manifest_of(BUILD1, fullVersion="1.0", buildNumber=10)),
+                                    "updater.conf": json.dumps({"manifestUrl": url + "manifest.json"})})
+        for path, data in installed.items():
+            write(os.path.join(inst, path), data if isinstance(data, bytes) else data.encode())
+        with SPAWN_LOCK:
+            shutil.copy(self.options.updater, os.path.join(inst, "updater"))
+        if r.get("seed"):
+            write(os.path.join(inst, CACHE + F + ".part"), C2[:r["seed"]])
+        if r.get("link"):
+            plant(*r["link"], inst, outside)
+        outside_before = outside_state(outside)
+        before = installation(files_below(inst))
+
+        env = dict(os.environ, TMPDIR=tmp, HOME=home, XDG_RUNTIME_DIR=locks, QT_QPA_PLATFORM="offscreen")
+        args = ["--prefetch-only"] if r["mode"] == "prefetch" else []
+        problems, peak = run_bounded([os.path.join(inst, "updater")] + args, env)
+        tag = "[UpdatePrefetch] " if r["mode"] == "prefetch" else "[Update] "
+        log = os.path.join(inst, "updater.log")
+        with open(log, encoding="utf-8") if os.path.isfile(log) else open(os.devnull) as f:
+            texts = [re.sub(r"^\S+ \S+ \[\w\] \[[^\]]*\] ", "", line.rstrip("\n")) for line in f]
+        lines = [t.replace(url, "{url}") for t in texts if t.startswith(tag)]
+        if not any(matches(expected, lines) for expected in [r["lines"]] + r.get("alternatives", [])):
+            problems.append("log lines:\n      " + "\n      ".join(lines) + "\n    expected:\n      "
+                            + "\n      ".join(str(p) for p in r["lines"]))
+
+        if os.listdir(tmp) != ["inst"]:
+            problems.append(f"written outside the installation: {sorted(set(os.listdir(tmp)) - {'inst'})}")
+        if os.listdir(home):
+            problems.append(f"written into HOME: {os.listdir(home)}")
+        if outside_state(outside) != outside_before:
+            problems.append(f"written through the link at {r['link'][1]}")
+        if os.path.lexists(os.path.join(inst, ".staging")):
+            problems.append(".staging is left")
+        tree, truth = self.published[index]
+        actual = files_below(inst)
+        problems += tree_differences(dict(before, **tree) if r.get("updates") else before, installation(actual))
+        for path, data in actual.items():
+            rel = path[len(CACHE):]
+            part = rel.endswith(".part")
+            right = truth.get(rel[:-5] if part else rel)
+            if path.startswith(CACHE) and (right is None or data is None
+                                           or not (right.startswith(data) if part else data == right)):
+                problems.append(f"cache holds bad bytes in {rel} ({len(data or b'')} bytes)")
+        return problems, peak
+
+    def run(self):
+        began = time.monotonic()
+        with concurrent.futures.ThreadPoolExecutor(self.options.jobs) as pool:
+            futures = {index: pool.submit(self.timed, index, r) for index, r in self.rows}
+        self.server.stdin.close()
+        self.server.wait(30)
+        failed = 0
+        for index, r in self.rows:
+            problems, peak, seconds = futures[index].result()
+            failed += bool(problems)
+            print(f"{'FAIL' if problems else 'ok':4} {seconds:5.1f} s {peak // 1024:4} MiB  {r['name']}")
+            for problem in problems:
+                print("    " + problem)
+        print(f"{len(self.rows) - failed} of {len(self.rows)} rows passed in {time.monotonic() - began:.1f} s")
+        return 1 if failed else 0
+
+    def timed(self, index, r):
+        began = time.monotonic()
+        try:
+            problems, peak = self.run_row(index, r)
+        except Exception as e:  # a broken row is a failed row, the others go on
+            problems, peak = [f"{type(e).__name__}: {e}"], 0
+        return problems, peak, time.monotonic() - began
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
+    parser.add_argument("--updater", required=True)
+    parser.add_argument("--scratch", required=True)
+    parser.add_argument("--slow", action="store_true", help="the rows that wait out time limits, and only those")
+    parser.add_argument("--jobs", type=int, default=2)
+    parser.add_argument("--rows", default="", help="only the rows whose name matches this expression")
+    options = parser.parse_args()
+    options.updater, options.scratch = os.path.abspath(options.updater), os.path.abspath(options.scratch)
+    rows = [(i, r) for i, r in enumerate(ROWS)
+            if r.get("slow", False) == options.slow and re.search(options.rows, r["name"])]
+    return Runner(options, rows).run()
+
+
+if __name__ == "__main__":
+    sys.exit(main())
