@@ -237,6 +237,9 @@ ROWS = [
                          ("other-letter-case", ["--Wait-Pid", "{pid}"]), ("single-dash", ["-wait-pid", "{pid}"])]],
     row("wait-pid-later-running-wins", config=False, helpers=[("live", "3000")], waits=True,
         runs=[{"args": ["--wait-pid", "{dead}", "--wait-pid", "{pid}"]}], tree="installed", requests=[], lines=NO_CONFIG),
+    # Without a configuration a prefetch does nothing at all, and says nothing.
+    row("prefetch-without-configuration", config=False, runs=[{"args": ["--prefetch-only"]}], tree="installed",
+        requests=[], lines=[]),
     row("unknown-options-mean-apply", config=False, runs=[{"args": ["--Prefetch-Only", "-prefetch-only", "--prefetch"]}],
         tree="installed", requests=[], lines=NO_CONFIG),
     row("waits-for-process", helpers=[("live", "4000")], runs=[{"args": ["--wait-pid", "{pid}"]}], waits=True,

@@ -16,7 +16,12 @@ Each row is a dict:
            sig_size     the signature padded with line feeds to this many bytes
   rules    {path below the row's directory: fault_server.py rule}; a relative redirect target
            is below the row's directory too
-  seed     lib/c.bin.part of that many right bytes in the cache before the run
+  seed     lib/c.bin.part of that many right bytes in the cache before the run, or
+           {path below .update-cache: bytes}
+  volume   the size of a tmpfs mounted for the row's installation (root only)
+  app_ends  the run names a process with --wait-pid, which ends this many seconds after the
+           start, or once (path, size): the installation's file holds that many bytes
+  then     the mode of a second run after the first; its lines follow the first run's
   link     (kind, path): planted in the installation first, kind "dir" or "file" (a link to a
            directory or a file outside the installation, the file holding what the
            installation had there or else lib/c.bin's first 1000 bytes), "hard" (a second
@@ -29,6 +34,10 @@ Each row is a dict:
            of a body is not always reported as an error by Qt: the body then merely ends
            short, and the length or signature check catches it instead
   updates  the installation must become build 2.0 (else it must stay as it was)
+  cache    exactly what .update-cache holds afterwards: {path: bytes, the name of a file the
+           row publishes, or a JSON document where "{url}" is the row's base URL}
+  requests exactly the requests the server saw, in order: "path", or "path bytes=N-" with a Range
+  paced    (path, least, most): seconds from the request of path to the run's next request
   slow     the row waits out the inactivity or slow-transfer limits for real
 """
 
@@ -304,6 +313,85 @@ ATTEMPT = (rf"(?:{re.escape(FRESH)}|{re.escape(P)}lib/c\.bin resume tu \d+ byte"
            rf"(?:\n{re.escape(P)}server tra 200 cho request Range -> BO [^\n]*)?)\n{re.escape(TOO_LONG)}")
 FOUR_REFUSED = re.compile(ATTEMPT + rf"(?:\n{ATTEMPT}){{3}}")
 
+# The prefetch's own work, judged also by the cache it leaves and the requests the server saw:
+# what the plan leaves out, the cap and the disk reserve, resumes, the application closing, the pace.
+CAP, MIB = 524288000, 1048576
+DOCS = {"2.0/manifest.json": M, "2.0/manifest.json.sig": S}
+BIG = (bytes(range(251)) * 14000)[:3500000]
+
+
+def cached(build=BUILD2, paths=("a.bin", "e.txt", F), state=(), **more):
+    """The cache of build 2.0: its documents, these files finished (as published), state.json
+    with these (path, got, done) entries, and more {path below .update-cache: bytes}."""
+    files = {f"2.0/files/{p}": p for p in paths}
+    entries = [{"path": p, "size": len(build[p]), "sha256": sha256(build[p]), "got": got, "done": done}
+               for p, got, done in state]
+    record = {"2.0/state.json": {"fullVersion": "2.0", "buildNumber": 11, "baseUrl": "{url}", "files": entries}}
+    return dict(DOCS, **files, **(record if state else {}), **more)
+
+
+DONE_AB = [("a.bin", 20000, True), ("e.txt", 4, True)]
+CLOSED = START + [FRESH, P + "app da dong -> dung tai", P + "dung - xong 2 file, con 1"]
+HELD = {F: {"stallAfterBytes": 25000, "stallSeconds": 30}}
+HELD_ONCE = {F: dict(HELD[F], times=1)}
+CLOSE_AT = (CACHE_PART := f".update-cache/2.0/files/{F}.part", 25000)
+FIRST = [M, S, "a.bin", "e.txt", F]
+UNSERVED = four_times([P + f"more/f0000.bin tai tu dau {(CAP - 19004) // 1024} KB",
+                       P + '"more/f0000.bin" HTTP 404 -> bo file nay'])
+PLAN_AND_RESUME = [
+    prefetch("a clean run", START + [FRESH] + DONE, publish={"build": EMPTY_E}, requests=FIRST,
+             cache=cached(EMPTY_E, state=[("a.bin", 20000, True), ("e.txt", 0, True), (F, 60000, True)])),
+    # Whole files and a compressed copy finished in the cache are found by their hash; other
+    # builds' caches go.
+    prefetch("everything in the cache", [P + "kho tam da du cho 2.0"], publish={"zstd": PACKED},
+             seed={"2.0/files/a.bin": BUILD2["a.bin"], "2.0/files/e.txt": b"echo", "2.0/files/" + PACKED_PATH: PACKED,
+                   "0.9/files/old.bin": b"old"}, requests=[M, S], cache=cached(paths=("a.bin", "e.txt", PACKED_PATH))),
+    # An unknown build number never makes the installation current: the hashes decide.
+    prefetch("unknown build number, installed hashes", [P + "kho tam da du cho 2.0"], requests=[M, S],
+             publish={"build": BUILD1, "manifest": {"buildNumber": -1}}, cache=cached(paths=())),
+    prefetch("a complete .part is only verified", START + [P + "lib/c.bin da du byte tu luot truoc -> chi verify"]
+             + DONE, seed=60000, requests=FIRST[:4], cache=cached(state=DONE_AB + [(F, 60000, True)])),
+    prefetch("a .part of wrong bytes", START + [P + "lib/c.bin resume tu 1000 byte", P + "lib/c.bin hash lech -> xoa, "
+             "tai lai", FRESH] + DONE, seed={f"2.0/files/{F}.part": bytes(1000)}, requests=FIRST[:4] + [F + " bytes=1000-", F]),
+    # The cap counts what is missing: here a.bin's 19000 bytes, e.txt's 4, nothing for a .part
+    # longer than lib/c.bin (dropped when its turn comes), and a file that is not served.
+    prefetch("exactly at the cap", [P + "bat dau 2.0 - 4 file, 500 MB", P + "a.bin resume tu 1000 byte",
+                                     P + "a.bin xong ( 1 / 4 )", P + "e.txt tai tu dau 0 KB", P + "e.txt xong ( 2 / 4 )",
+                                     FRESH, P + "lib/c.bin xong ( 3 / 4 )"] + UNSERVED + [LEFT.replace("2 file", "3 file")],
+             publish={"extra_sizes": [CAP - 19004]}, seed={"2.0/files/a.bin.part": BUILD2["a.bin"][:1000],
+                                                            f"2.0/files/{F}.part": C2 + bytes(100)},
+             requests=[M, S, "a.bin bytes=1000-", "e.txt", F] + ["more/f0000.bin"] * 4),
+    prefetch("one byte above the cap", [P + "can tai 500 MB > tran 500 MB -> de updater lo"], requests=[M, S],
+             publish={"extra_sizes": [CAP - 80004 + 1]}, cache=cached(paths=())),
+    # 1 GiB must stay free after the download: 300 MiB on a volume of 1280 MiB leave less.
+    prefetch("too little disk", [P + "dia con it cho -> khong tai san"], volume="1280M", requests=[M, S],
+             publish={"extra_sizes": [300 * MIB - 80004]}, cache=cached(paths=())),
+    # The application closes: the run stops where it is, the .part and state.json keep the
+    # bytes, and the next run, prefetch or apply, asks only for the rest.
+    prefetch("the application closes during the manifest request", [P + "app da dong -> dung tai",
+             P + "dung - xong 0 file, con 0"], rules={M: {"stallBeforeSeconds": 10}}, app_ends=0.5, requests=[M],
+             cache={}),
+    prefetch("the application closes during lib/c.bin", CLOSED, rules=HELD, app_ends=CLOSE_AT, requests=FIRST,
+             cache=cached(state=DONE_AB + [(F, 25000, False)], paths=("a.bin", "e.txt"),
+                          **{f"2.0/files/{F}.part": C2[:25000]})),
+    prefetch("the application closes, the next prefetch resumes", CLOSED + [
+        P + "bat dau 2.0 - 1 file, 0 MB", P + "lib/c.bin resume tu 25000 byte", P + "lib/c.bin xong ( 1 / 1 )",
+        P + "xong toan bo - 3 file ok, 0 bo lai cho updater"], rules=HELD_ONCE, app_ends=CLOSE_AT, then="prefetch",
+        requests=FIRST + [M, S, F + " bytes=25000-"], cache=cached(state=[(F, 60000, True)])),
+    prefetch("the application closes, the apply resumes", CLOSED + [
+        '[Update] "lib/c.bin" noi tiep tu kho tam: 25000 byte', "[Update] dung 2 / 3 file tu kho tam",
+        "[Update] da tai qua mang 35000 byte (ca file: 80004 byte)", '[Update] CAP NHAT THANH CONG -> "2.0"'],
+        rules=HELD_ONCE, app_ends=CLOSE_AT, then="apply", updates=True, requests=FIRST + [M, S, F + " bytes=25000-"],
+        cache={}),
+    # At most 1,024,000 bytes a second: 3.5 MB take at least 3 s, less what the 256 KiB read
+    # buffer and the 200 KiB burst let through at once.
+    prefetch("the pace of a 3.5 MB file", [P + "bat dau 2.0 - 4 file, 3 MB", START[1], P + "a.bin xong ( 1 / 4 )",
+                                           P + "big.bin tai tu dau 3417 KB", P + "big.bin xong ( 2 / 4 )",
+                                           P + "e.txt tai tu dau 0 KB", P + "e.txt xong ( 3 / 4 )", FRESH,
+                                           P + "lib/c.bin xong ( 4 / 4 )", P + "xong toan bo - 4 file ok, 0 bo lai cho updater"],
+             publish={"build": dict(BUILD2, **{"big.bin": BIG})}, paced=("big.bin", 2.5, 15)),
+]
+
 PREFETCH = [
     # The two documents: one attempt each; any failure ends the run.
     prefetch("manifest 404", [DOCUMENT_FAILED + "*"], rules={M: status(404)}),
@@ -404,6 +492,7 @@ PREFETCH = [
     prefetch("gzip signature", [DOCUMENT_FAILED + "Content-Encoding gzip not accepted"], rules={S: GZIP}),
     prefetch("gzip file", START + four_times([FRESH, P + '"lib/c.bin" Content-Encoding gzip -> bo file nay']) + [LEFT],
              rules={F: GZIP}),
+    *PLAN_AND_RESUME,
 ]
 
 SLOW_APPLY_LINE = '[Update] tai qua cham (duoi 1024 byte/giay) "{url}%s"'

@@ -14,6 +14,8 @@ and a lock directory of its own, and must keep every invariant besides its log l
     of them;
   - nothing is written outside the installation: its TMPDIR holds nothing else, HOME stays
     empty, and what a link planted in the installation points to is unchanged.
+A row may also ask for the exact cache and requests, and a pace (the fault server records the
+time of every request).
 """
 
 import argparse
@@ -115,13 +117,14 @@ def matches(expected, lines):
     return re.fullmatch("\n".join(f"(?:{line(p)})" for p in expected), "\n".join(lines)) is not None
 
 
-def run_bounded(argv, env):
-    """Runs the updater with its file size bounded, sampling its resident high-water mark;
-    returns what went wrong and that mark in KiB."""
+def run_bounded(argv, env, tick=lambda: None):
+    """Runs the updater with its file size bounded, sampling its resident high-water mark and
+    calling tick() every 50 ms; returns what went wrong and that mark in KiB."""
     process = spawn(["prlimit", f"--fsize={FILE_SIZE_LIMIT}", "--"] + argv, env=env,
                     stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
     began, peak = time.monotonic(), 0
     while process.poll() is None:
+        tick()
         try:
             with open(f"/proc/{process.pid}/status") as f:
                 peak = max(peak, int(re.search(r"VmHWM:\s+(\d+) kB", f.read()).group(1)))
@@ -161,6 +164,17 @@ class Runner:
         self.url = f"http://127.0.0.1:{self.server.stdout.readline().strip()}/"
 
     def run_row(self, index, r):
+        tmp = os.path.join(self.top, "runs", f"r{index:03d}", "tmp")
+        if r.get("volume"):
+            os.makedirs(tmp)
+            subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={r['volume']}", "tmpfs", tmp], check=True)
+        try:
+            return self.run_installation(index, r)
+        finally:
+            if r.get("volume"):
+                subprocess.run(["umount", tmp], check=True)
+
+    def run_installation(self, index, r):
         base = f"r{index:03d}"
         url = self.url + base + "/"
         row_dir = os.path.join(self.top, "runs", base)
@@ -174,21 +188,31 @@ class Runner:
             write(os.path.join(inst, path), data if isinstance(data, bytes) else data.encode())
         with SPAWN_LOCK:
             shutil.copy(self.options.updater, os.path.join(inst, "updater"))
-        if r.get("seed"):
-            write(os.path.join(inst, CACHE + F + ".part"), C2[:r["seed"]])
+        seed = r.get("seed", {})
+        for path, data in ({"2.0/files/" + F + ".part": C2[:seed]} if isinstance(seed, int) else seed).items():
+            write(os.path.join(inst, ".update-cache", path), data)
         if r.get("link"):
             plant(*r["link"], inst, outside)
         outside_before = outside_state(outside)
         before = installation(files_below(inst))
 
         env = dict(os.environ, TMPDIR=tmp, HOME=home, XDG_RUNTIME_DIR=locks, QT_QPA_PLATFORM="offscreen")
-        args = ["--prefetch-only"] if r["mode"] == "prefetch" else []
-        problems, peak = run_bounded([os.path.join(inst, "updater")] + args, env)
-        tag = "[UpdatePrefetch] " if r["mode"] == "prefetch" else "[Update] "
+        modes = [r["mode"]] + ([r["then"]] if r.get("then") else [])
+        problems, peak = [], 0
+        for run, mode in enumerate(modes):
+            args = ["--prefetch-only"] if mode == "prefetch" else []
+            app, tick = self.application(r, inst) if run == 0 and "app_ends" in r else (None, lambda: None)
+            more, high = run_bounded([os.path.join(inst, "updater")] + args
+                                     + (["--wait-pid", str(app.pid)] if app else []), env, tick)
+            problems, peak = problems + more, max(peak, high)
+            if app:
+                app.kill()
+                app.wait()
+        tags = tuple("[UpdatePrefetch] " if mode == "prefetch" else "[Update] " for mode in modes)
         log = os.path.join(inst, "updater.log")
         with open(log, encoding="utf-8") if os.path.isfile(log) else open(os.devnull) as f:
             texts = [re.sub(r"^\S+ \S+ \[\w\] \[[^\]]*\] ", "", line.rstrip("\n")) for line in f]
-        lines = [t.replace(url, "{url}") for t in texts if t.startswith(tag)]
+        lines = [t.replace(url, "{url}") for t in texts if t.startswith(tags)]
         if not any(matches(expected, lines) for expected in [r["lines"]] + r.get("alternatives", [])):
             problems.append("log lines:\n      " + "\n      ".join(lines) + "\n    expected:\n      "
                             + "\n      ".join(str(p) for p in r["lines"]))
@@ -211,7 +235,57 @@ class Runner:
             if path.startswith(CACHE) and (right is None or data is None
                                            or not (right.startswith(data) if part else data == right)):
                 problems.append(f"cache holds bad bytes in {rel} ({len(data or b'')} bytes)")
+        if "cache" in r:
+            problems += self.cache_differences(r, index, url, files_below(os.path.join(inst, ".update-cache")))
+        requests = self.requests_of(base)
+        if "requests" in r and [q for q, _ in requests] != r["requests"]:
+            problems.append(f"requests {[q for q, _ in requests]}, expected {r['requests']}")
+        if "paced" in r:
+            path, least, most = r["paced"]
+            asked = [t for q, t in requests if q.split(" ")[0] == path][:1]
+            took = [t - asked[0] for _, t in requests if asked and t > asked[0]][:1]
+            if not took or not least <= took[0] <= most:
+                problems.append(f"{took} s from the request of {path} to the next, not {least}-{most} s")
         return problems, peak
+
+    def application(self, r, inst):
+        """The process --wait-pid names, and what ends it: app_ends seconds after the start, or
+        once the installation's file (path, size) holds that many bytes."""
+        app, began, ends = spawn(["sleep", "600"]), time.monotonic(), r["app_ends"]
+
+        def tick():
+            if isinstance(ends, tuple):
+                path = os.path.join(inst, ends[0])
+                due = os.path.isfile(path) and os.path.getsize(path) >= ends[1]
+            else:
+                due = time.monotonic() - began >= ends
+            if due and app.poll() is None:
+                app.kill()
+        return app, tick
+
+    def cache_differences(self, r, index, url, actual):
+        """The cache against the row's `cache`: bytes, a published file's name, or a JSON document."""
+        expected = {}
+        for path, value in r["cache"].items():
+            if isinstance(value, str):
+                with open(os.path.join(self.www, f"r{index:03d}", value), "rb") as f:
+                    value = f.read()
+            elif isinstance(value, dict):
+                value = json.loads(json.dumps(value).replace("{url}", url))
+                if actual.get(path):
+                    actual[path] = json.loads(actual[path])
+            expected[path] = value
+        return ["cache: " + p for p in tree_differences(expected, actual)]
+
+    def requests_of(self, base):
+        """The row's requests, "path" or "path bytes=N-" with a Range header, and their times."""
+        found = []
+        with open(os.path.join(self.top, "control", "requests.jsonl"), encoding="utf-8") as f:
+            for record in map(json.loads, f):
+                if record["path"].startswith(base + "/"):
+                    ranges = [v for k, v in record["headers"] if k == "range"]
+                    found.append((" ".join([record["path"][len(base) + 1:]] + ranges), record["time"]))
+        return found
 
     def run(self):
         began = time.monotonic()

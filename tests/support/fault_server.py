@@ -9,7 +9,8 @@ outlives the test process that started it.
 
 CONTROL_DIR/rules.json (replaced atomically by the test) maps URL paths, without the leading
 "/", to misbehaviours; it is read again for every request. Every request is appended as one
-JSON line to CONTROL_DIR/requests.jsonl, and flushed, before it is answered.
+JSON line to CONTROL_DIR/requests.jsonl, with the time it came (seconds since the epoch),
+and flushed, before it is answered.
 """
 
 import json
@@ -110,6 +111,7 @@ class Handler(BaseHTTPRequestHandler):
         decoded = urllib.parse.unquote(target)
         decoded_no_query = urllib.parse.unquote(target.split("?", 1)[0])
         control.record({
+            "time": time.time(),
             "method": self.command,
             "target": self.path,
             "path": decoded,
