@@ -334,7 +334,7 @@ DONE_AB = [("a.bin", 20000, True), ("e.txt", 4, True)]
 CLOSED = START + [FRESH, P + "app da dong -> dung tai", P + "dung - xong 2 file, con 1"]
 HELD = {F: {"stallAfterBytes": 25000, "stallSeconds": 30}}
 HELD_ONCE = {F: dict(HELD[F], times=1)}
-CLOSE_AT = (CACHE_PART := f".update-cache/2.0/files/{F}.part", 25000)
+CLOSE_AT = (f".update-cache/2.0/files/{F}.part", 25000)
 FIRST = [M, S, "a.bin", "e.txt", F]
 UNSERVED = four_times([P + f"more/f0000.bin tai tu dau {(CAP - 19004) // 1024} KB",
                        P + '"more/f0000.bin" HTTP 404 -> bo file nay'])
@@ -343,23 +343,27 @@ PLAN_AND_RESUME = [
              cache=cached(EMPTY_E, state=[("a.bin", 20000, True), ("e.txt", 0, True), (F, 60000, True)])),
     # Whole files and a compressed copy finished in the cache are found by their hash; other
     # builds' caches go.
-    prefetch("everything in the cache", [P + "kho tam da du cho 2.0"], publish={"zstd": PACKED},
-             seed={"2.0/files/a.bin": BUILD2["a.bin"], "2.0/files/e.txt": b"echo", "2.0/files/" + PACKED_PATH: PACKED,
-                   "0.9/files/old.bin": b"old"}, requests=[M, S], cache=cached(paths=("a.bin", "e.txt", PACKED_PATH))),
+    prefetch("everything in the cache", [P + "kho tam da du cho 2.0"], publish={"zstd": PACKED}, requests=[M, S],
+             seed={"2.0/files/a.bin": BUILD2["a.bin"], "2.0/files/e.txt": b"echo",
+                   "2.0/files/" + PACKED_PATH: PACKED, "0.9/files/old.bin": b"old"},
+             cache=cached(paths=("a.bin", "e.txt", PACKED_PATH))),
     # An unknown build number never makes the installation current: the hashes decide.
     prefetch("unknown build number, installed hashes", [P + "kho tam da du cho 2.0"], requests=[M, S],
              publish={"build": BUILD1, "manifest": {"buildNumber": -1}}, cache=cached(paths=())),
     prefetch("a complete .part is only verified", START + [P + "lib/c.bin da du byte tu luot truoc -> chi verify"]
              + DONE, seed=60000, requests=FIRST[:4], cache=cached(state=DONE_AB + [(F, 60000, True)])),
-    prefetch("a .part of wrong bytes", START + [P + "lib/c.bin resume tu 1000 byte", P + "lib/c.bin hash lech -> xoa, "
-             "tai lai", FRESH] + DONE, seed={f"2.0/files/{F}.part": bytes(1000)}, requests=FIRST[:4] + [F + " bytes=1000-", F]),
+    prefetch("a .part of wrong bytes",
+             START + [P + "lib/c.bin resume tu 1000 byte", P + "lib/c.bin hash lech -> xoa, tai lai", FRESH] + DONE,
+             seed={f"2.0/files/{F}.part": bytes(1000)}, requests=FIRST[:4] + [F + " bytes=1000-", F]),
     # The cap counts what is missing: here a.bin's 19000 bytes, e.txt's 4, nothing for a .part
-    # longer than lib/c.bin (dropped when its turn comes), and a file that is not served.
-    prefetch("exactly at the cap", [P + "bat dau 2.0 - 4 file, 500 MB", P + "a.bin resume tu 1000 byte",
-                                     P + "a.bin xong ( 1 / 4 )", P + "e.txt tai tu dau 0 KB", P + "e.txt xong ( 2 / 4 )",
-                                     FRESH, P + "lib/c.bin xong ( 3 / 4 )"] + UNSERVED + [LEFT.replace("2 file", "3 file")],
-             publish={"extra_sizes": [CAP - 19004]}, seed={"2.0/files/a.bin.part": BUILD2["a.bin"][:1000],
-                                                            f"2.0/files/{F}.part": C2 + bytes(100)},
+    # longer than lib/c.bin (dropped when its turn comes), and a file that is not served. (A
+    # disk with less than 1.5 GiB free refuses it by the reserve.)
+    prefetch("exactly at the cap",
+             [P + "bat dau 2.0 - 4 file, 500 MB", P + "a.bin resume tu 1000 byte", P + "a.bin xong ( 1 / 4 )",
+              P + "e.txt tai tu dau 0 KB", P + "e.txt xong ( 2 / 4 )", FRESH, P + "lib/c.bin xong ( 3 / 4 )"]
+             + UNSERVED + [P + "xong toan bo - 3 file ok, 1 bo lai cho updater"],
+             publish={"extra_sizes": [CAP - 19004]}, alternatives=[[P + "dia con it cho -> khong tai san"]],
+             seed={"2.0/files/a.bin.part": BUILD2["a.bin"][:1000], f"2.0/files/{F}.part": C2 + bytes(100)},
              requests=[M, S, "a.bin bytes=1000-", "e.txt", F] + ["more/f0000.bin"] * 4),
     prefetch("one byte above the cap", [P + "can tai 500 MB > tran 500 MB -> de updater lo"], requests=[M, S],
              publish={"extra_sizes": [CAP - 80004 + 1]}, cache=cached(paths=())),
@@ -385,10 +389,10 @@ PLAN_AND_RESUME = [
         cache={}),
     # At most 1,024,000 bytes a second: 3.5 MB take at least 3 s, less what the 256 KiB read
     # buffer and the 200 KiB burst let through at once.
-    prefetch("the pace of a 3.5 MB file", [P + "bat dau 2.0 - 4 file, 3 MB", START[1], P + "a.bin xong ( 1 / 4 )",
-                                           P + "big.bin tai tu dau 3417 KB", P + "big.bin xong ( 2 / 4 )",
-                                           P + "e.txt tai tu dau 0 KB", P + "e.txt xong ( 3 / 4 )", FRESH,
-                                           P + "lib/c.bin xong ( 4 / 4 )", P + "xong toan bo - 4 file ok, 0 bo lai cho updater"],
+    prefetch("the pace of a 3.5 MB file",
+             [P + "bat dau 2.0 - 4 file, 3 MB", START[1], P + "a.bin xong ( 1 / 4 )", P + "big.bin tai tu dau 3417 KB",
+              P + "big.bin xong ( 2 / 4 )", P + "e.txt tai tu dau 0 KB", P + "e.txt xong ( 3 / 4 )", FRESH,
+              P + "lib/c.bin xong ( 4 / 4 )", P + "xong toan bo - 4 file ok, 0 bo lai cho updater"],
              publish={"build": dict(BUILD2, **{"big.bin": BIG})}, paced=("big.bin", 2.5, 15)),
 ]
 
