@@ -18,7 +18,7 @@ Each row is a dict:
            is below the row's directory too
   seed     lib/c.bin.part of that many right bytes in the cache before the run, or
            {path below .update-cache: bytes}
-  volume   the size of a tmpfs mounted for the row's installation (root only)
+  volume   the size of a tmpfs mounted for the row's installation (root only; skipped elsewhere)
   app_ends  the run names a process with --wait-pid, which ends this many seconds after the
            start, or once (path, size): the installation's file holds that many bytes
   then     the mode of a second run after the first; its lines follow the first run's
