@@ -44,7 +44,8 @@ void ApplyTransactionTest::apply_data()
     const QString rollback = QStringLiteral("W [Update] ap that bai -> ROLLBACK");
     const QStringList five{"a.dll=new a", "sub/b.dll=new b", "c.dll=new c", "d.dll=new d", "e.dll=new e"};
     QTest::newRow("replacement refused: two renames instead, over a stale backup")
-        << QStringList{"a.dll=old a", "a.dll.bak=stale"} << QStringList{"a.dll=new a"} << QStringList{"replace @a.dll 5"}
+        << QStringList{"a.dll=old a", "a.dll.bak=stale"} << QStringList{"a.dll=new a"}
+        << QStringList{"replace @a.dll 5"}
         << true << QStringList{"W [Update] ReplaceFile hong err= 5 -> da lui ve doi ten hai buoc, OK"}
         << QStringList{".staging/", "a.dll=new a"};
     QTest::newRow("file held open: the ones before are put back, the ones after untouched")
@@ -61,7 +62,8 @@ void ApplyTransactionTest::apply_data()
         << QStringList{".staging/c.dll=new c", ".staging/d.dll=new d", ".staging/e.dll=new e", "a.dll=old a",
                        "d.dll=old d", "sub/"};
     QTest::newRow("second rename refused: the old file moved back")
-        << QStringList{"a.dll=old a"} << QStringList{"a.dll=new a"} << QStringList{"replace @a.dll 5", "move @a.dll 112"}
+        << QStringList{"a.dll=old a"} << QStringList{"a.dll=new a"}
+        << QStringList{"replace @a.dll 5", "move @a.dll 112"}
         << false << QStringList{"W [Update] ReplaceFile hong err= 5 va ghi ban moi cung hong err= 112",
                                 "W [Update] thay \"a.dll\" that bai", rollback}
         << QStringList{".staging/a.dll=new a", "a.dll=old a"};
@@ -99,7 +101,8 @@ void ApplyTransactionTest::apply_data()
         << QStringList{"W [Update] them moi \"z.dll\" that bai, GetLastError= 5", rollback}
         << QStringList{".staging/z.dll=new z", "data/sub/y.bin=old y", "data/x.bin=old x"};
     QTest::newRow("file becomes a directory")
-        << QStringList{"plugins=old plugins"} << QStringList{"plugins/a/x.so=new x", "plugins/y.so=new y"} << QStringList()
+        << QStringList{"plugins=old plugins"} << QStringList{"plugins/a/x.so=new x", "plugins/y.so=new y"}
+        << QStringList()
         << true << QStringList() << QStringList{".staging/", "plugins/a/x.so=new x", "plugins/y.so=new y"};
     QTest::newRow("file becomes a directory over a stale backup, rolled back")
         << QStringList{"plugins=old plugins", "plugins.bak=stale"} << QStringList{"plugins/x.so=new x", "z.dll=new z"}
@@ -152,7 +155,8 @@ void ApplyTransactionTest::apply()
     write(dir + QStringLiteral("/Updater.exe"), "running updater");
     for (const QString& entry : before) {
         if (entry.contains(QLatin1String("->")))
-            QVERIFY(QFile::link(entry.section(QLatin1String("->"), 1), dir + '/' + entry.section(QLatin1String("->"), 0, 0)));
+            QVERIFY(QFile::link(entry.section(QLatin1String("->"), 1),
+                                dir + '/' + entry.section(QLatin1String("->"), 0, 0)));
         else
             write(dir + '/' + entry.section('=', 0, 0), entry.section('=', 1).toUtf8());
     }
@@ -186,7 +190,8 @@ void ApplyTransactionTest::apply()
     QCOMPARE(applyStagedFiles(session, files), result);
     QCOMPARE(capture.lines(), log);
     QStringList tree;
-    QDirIterator it(dir, QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System, QDirIterator::Subdirectories);
+    QDirIterator it(dir, QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System,
+                    QDirIterator::Subdirectories);
     while (it.hasNext()) {
         const QFileInfo info(it.next());
         const QString rel = QDir(dir).relativeFilePath(info.filePath());

@@ -32,7 +32,8 @@ void UpdateCacheTest::paths_data()
     QTest::newRow("no trimming, case kept") << " RC (b) " << "a" << "_RC__b__/files/a";
     QTest::newRow("backslash and colon") << "C:\\v1" << "a" << "C__v1/files/a";
     QTest::newRow("traversal neutralised") << "../../etc" << "a" << ".._.._etc/files/a";
-    QTest::newRow("one character outside the BMP") << QString::fromUtf8("a\xF0\x9F\x98\x80" "b") << "a" << "a_b/files/a";
+    QTest::newRow("one character outside the BMP")
+        << QString::fromUtf8("a\xF0\x9F\x98\x80" "b") << "a" << "a_b/files/a";
     QTest::newRow("empty version") << "" << "a" << "";
     QTest::newRow("version of one dot") << "." << "a" << "";
     QTest::newRow("version of two dots") << ".." << "a" << "";

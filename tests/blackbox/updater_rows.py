@@ -131,6 +131,13 @@ NOT_FOUND = ('[W] [apply] [Update] GET(file) loi "{url}lib/core.dll" '
              '"Error transferring {url}lib/core.dll - server replied: Not Found"')
 HIDDEN_AND_OTHERS = {".hidden.bak": b"h\n", "lib/.y.bak": b"y\n", "a.bak.txt": b"1\n", "cbak": b"3\n"}
 
+
+def fetched(path, n):
+    """A prefetch's lines for one small download, the n-th of four."""
+    return [f"[I] [prefetch] [UpdatePrefetch] {path} tai tu dau 0 KB",
+            f"[I] [prefetch] [UpdatePrefetch] {path} xong ( {n} / 4 )"]
+
+
 def with_entry(path, data):
     """A manifest change: one more file entry."""
     return lambda m: m["files"].append({"path": path, "sha256": sha256(data), "size": len(data)})
@@ -416,6 +423,24 @@ ROWS = [
     # A directory where the new build has a file is replaced by it.
     row("directory-becomes-a-file", damage={"lib/added.dll/inside.txt": b"a directory\n"}, lines=UPDATED,
         targets=("native",)),
+    # Patches and compressed copies that a prefetch finished are taken from the cache as they are.
+    row("prefetch-then-apply-through-patches", publish={"build": "2.0", "patches": True},
+        runs=[{"args": ["--prefetch-only"]}, {"args": []}],
+        requests=DOCUMENTS + [patch("Corvanta.exe"), "docs/hướng dẫn.txt", compressed("lib/added.dll"),
+                              patch("lib/core.dll")] + DOCUMENTS, lines=[
+            '[I] [prefetch] [UpdatePrefetch] bat dau 2.0 - 4 file, 0 MB',
+            '[I] [prefetch] [UpdatePrefetch] Corvanta.exe tai patch 47 byte thay vi 210000 byte',
+            *fetched(patch("Corvanta.exe"), 1), *fetched("docs/hướng dẫn.txt", 2),
+            '[I] [prefetch] [UpdatePrefetch] lib/added.dll tai ban nen 434 byte thay vi 30000 byte',
+            *fetched(compressed("lib/added.dll"), 3),
+            '[I] [prefetch] [UpdatePrefetch] lib/core.dll tai patch 37 byte thay vi 120007 byte',
+            *fetched(patch("lib/core.dll"), 4),
+            '[I] [prefetch] [UpdatePrefetch] xong toan bo - 4 file ok, 0 bo lai cho updater',
+            '[I] [apply] [Update] "Corvanta.exe" tai patch 47 byte thay vi 210000 byte',
+            '[I] [apply] [Update] "lib/added.dll" tai ban nen 434 byte thay vi 30000 byte',
+            '[I] [apply] [Update] "lib/core.dll" tai patch 37 byte thay vi 120007 byte',
+            '[I] [apply] [Update] dung 4 / 4 file tu kho tam',
+            '[I] [apply] [Update] da tai qua mang 0 byte (ca file: 360022 byte)', UPDATED[2]]),
     # The repair walks the whole installation, cache and staging too, but not hidden entries.
     *[row(f"repair-{name}", config=False, damage=damage, tree="installed", tree_extra=extra, requests=[],
           lines=lines + NO_CONFIG, targets=("native",)) for name, damage, extra, lines in [

@@ -297,7 +297,8 @@ APPLY = [
         ("a byte shorter", zstd(C2[:-1]), "giai ra 59999 / 60000 byte"),
         ("with a window beyond the limit", WIDE_WINDOW, "zstd: Frame requires too much memory for decoding")]],
     # A link at the cache or at another build's directory in it goes as a link.
-    *[apply(f"link at {path}", WHOLE, link=("dir", path), updates=True) for path in (".update-cache", ".update-cache/0.9")],
+    *[apply(f"link at {path}", WHOLE, link=("dir", path), updates=True)
+      for path in (".update-cache", ".update-cache/0.9")],
 ]
 
 P = "[UpdatePrefetch] "
