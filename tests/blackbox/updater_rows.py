@@ -121,6 +121,23 @@ NO_BUILD_NUMBER = {"buildNumber": None}
 EARLIER_CACHE = {"0.9/files/old.bin": b"old build\n", "2.0/files/unrelated.bin": b"kept while 2.0 is current\n"}
 
 
+# Partial files of build 2 in the cache: wrong bytes, empty, as large as the file, a true prefix;
+# and a finished file of the right size with the wrong bytes.
+PARTIALS = {"2.0/files/Corvanta.exe.part": pattern(1000, 99), "2.0/files/docs/hướng dẫn.txt.part": b"",
+            "2.0/files/lib/added.dll.part": BUILDS["2.0"]["lib/added.dll"],
+            "2.0/files/lib/core.dll.part": BUILDS["2.0"]["lib/core.dll"][:1000],
+            "2.0/files/docs/hướng dẫn.txt": "phiên bản 9\n".encode()}
+NOT_FOUND = ('[W] [apply] [Update] GET(file) loi "{url}lib/core.dll" '
+             '"Error transferring {url}lib/core.dll - server replied: Not Found"')
+HIDDEN_AND_OTHERS = {".hidden.bak": b"h\n", "lib/.y.bak": b"y\n", "a.bak.txt": b"1\n", "cbak": b"3\n"}
+
+
+def fetched(path, n):
+    """A prefetch's lines for one small download, the n-th of four."""
+    return [f"[I] [prefetch] [UpdatePrefetch] {path} tai tu dau 0 KB",
+            f"[I] [prefetch] [UpdatePrefetch] {path} xong ( {n} / 4 )"]
+
+
 def with_entry(path, data):
     """A manifest change: one more file entry."""
     return lambda m: m["files"].append({"path": path, "sha256": sha256(data), "size": len(data)})
@@ -388,4 +405,58 @@ ROWS = [
             '[I] [apply] [Update] da tai qua mang 0 byte (ca file: 360022 byte)',
             '[I] [apply] [Update] CAP NHAT THANH CONG -> "2.0"',
         ]),
+    # Staging: partial files in the cache are resumed unless empty or already whole, a wrong one
+    # is deleted and fetched again, a wrong finished one is not taken; a failed run keeps the
+    # rest of the cache, and whatever a killed run left in staging is never reused.
+    row("partial-resumed", cache={"2.0/files/lib/core.dll.part": BUILDS["2.0"]["lib/core.dll"][:1000]},
+        damage={".staging/lib/core.dll": BUILDS["2.0"]["lib/core.dll"], ".staging/old.dll": b"left by a killed run\n"},
+        lines=['[I] [apply] [Update] "lib/core.dll" noi tiep tu kho tam: 1000 byte', UPDATED[0],
+               '[I] [apply] [Update] da tai qua mang 359022 byte (ca file: 360022 byte)', UPDATED[2]]),
+    row("partials-kept-when-a-file-fails", unpublish=["lib/core.dll"], tree="installed", cache=PARTIALS,
+        cache_after={p: d for p, d in PARTIALS.items() if p != "2.0/files/Corvanta.exe.part"},
+        requests=DOCUMENTS + ["Corvanta.exe", "Corvanta.exe", "docs/hướng dẫn.txt", "lib/added.dll", "lib/core.dll",
+                              "lib/core.dll"], lines=[
+            '[I] [apply] [Update] "Corvanta.exe" noi tiep tu kho tam: 1000 byte',
+            '[W] [apply] [Update] hash lech "Corvanta.exe" -> bo phan da co, tai lai tu dau',
+            '[I] [apply] [Update] "lib/core.dll" noi tiep tu kho tam: 1000 byte', NOT_FOUND,
+            '[W] [apply] [Update] tai tiep "lib/core.dll" that bai -> thu lai tu dau', NOT_FOUND,
+            '[W] [apply] [Update] tai "lib/core.dll" that bai -> huy, chay ban hien tai']),
+    row("leftover-staging-removed-without-configuration", config=False, tree="installed", requests=[],
+        damage={".staging/lib/core.dll": b"staged by a killed run\n"}, lines=NO_CONFIG),
+    # A directory where the new build has a file is replaced by it.
+    row("directory-becomes-a-file", damage={"lib/added.dll/inside.txt": b"a directory\n"}, lines=UPDATED,
+        targets=("native",)),
+    # Patches and compressed copies that a prefetch finished are taken from the cache as they are.
+    row("prefetch-then-apply-through-patches", publish={"build": "2.0", "patches": True},
+        runs=[{"args": ["--prefetch-only"]}, {"args": []}],
+        requests=DOCUMENTS + [patch("Corvanta.exe"), "docs/hướng dẫn.txt", compressed("lib/added.dll"),
+                              patch("lib/core.dll")] + DOCUMENTS, lines=[
+            '[I] [prefetch] [UpdatePrefetch] bat dau 2.0 - 4 file, 0 MB',
+            '[I] [prefetch] [UpdatePrefetch] Corvanta.exe tai patch 47 byte thay vi 210000 byte',
+            *fetched(patch("Corvanta.exe"), 1), *fetched("docs/hướng dẫn.txt", 2),
+            '[I] [prefetch] [UpdatePrefetch] lib/added.dll tai ban nen 434 byte thay vi 30000 byte',
+            *fetched(compressed("lib/added.dll"), 3),
+            '[I] [prefetch] [UpdatePrefetch] lib/core.dll tai patch 37 byte thay vi 120007 byte',
+            *fetched(patch("lib/core.dll"), 4),
+            '[I] [prefetch] [UpdatePrefetch] xong toan bo - 4 file ok, 0 bo lai cho updater',
+            '[I] [apply] [Update] "Corvanta.exe" tai patch 47 byte thay vi 210000 byte',
+            '[I] [apply] [Update] "lib/added.dll" tai ban nen 434 byte thay vi 30000 byte',
+            '[I] [apply] [Update] "lib/core.dll" tai patch 37 byte thay vi 120007 byte',
+            '[I] [apply] [Update] dung 4 / 4 file tu kho tam',
+            '[I] [apply] [Update] da tai qua mang 0 byte (ca file: 360022 byte)', UPDATED[2]]),
+    # The repair walks the whole installation, cache and staging too, but not hidden entries.
+    *[row(f"repair-{name}", config=False, damage=damage, tree="installed", tree_extra=extra, requests=[],
+          lines=lines + NO_CONFIG, targets=("native",)) for name, damage, extra, lines in [
+        ("upper-case-suffix", {"Corvanta.exe": "->Corvanta.exe.BAK"}, {}, [
+            '[W] [apply] [Update] CUU duoc file thieu sau lan ap bi cat ngang: "{inst}/Corvanta.exe"',
+            '[I] [apply] [Update] don .bak: khoi phuc 1 , don rac 0']),
+        ("cache-and-staging", {".update-cache/2.0/files/x.bin.bak": b"x\n", ".staging/y.bin": b"y\n",
+                               ".staging/y.bin.bak": b"old y\n"}, {".update-cache/2.0/files/x.bin": b"x\n"}, [
+            '[W] [apply] [Update] CUU duoc file thieu sau lan ap bi cat ngang: "{inst}/.update-cache/2.0/files/x.bin"',
+            '[I] [apply] [Update] don .bak: khoi phuc 1 , don rac 1']),
+        ("directory-moved-aside", {"data.bak/x.bin": b"x\n"}, {"data/x.bin": b"x\n"}, [
+            '[W] [apply] [Update] CUU duoc file thieu sau lan ap bi cat ngang: "{inst}/data"',
+            '[I] [apply] [Update] don .bak: khoi phuc 1 , don rac 0']),
+        ("hidden-and-other-names-left", HIDDEN_AND_OTHERS, HIDDEN_AND_OTHERS, []),
+    ]],
 ]

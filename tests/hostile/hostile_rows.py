@@ -87,6 +87,8 @@ PATCH_PATH, PACKED_PATH = f".zstd/{sha256(C1)}-{sha256(C2)}.zst", f".zstd/{sha25
 CORRUPT_PATCH = bytearray(PATCH)
 CORRUPT_PATCH[len(PATCH) // 2] ^= 0x55
 CORRUPT_PATCH = bytes(CORRUPT_PATCH)
+# From a pipe the tool knows no size to shrink its window to: 256 MiB.
+WIDE_WINDOW = subprocess.run(["zstd", "-q", "--long=28", "-c"], input=C2, stdout=subprocess.PIPE, check=True).stdout
 
 ENDLESS, GZIP = {"endless": True}, {"gzipBytes": 1 << 30}  # 1 GiB of zeros in about 1 MB of gzip
 CHUNKED = {"endless": True, "chunked": True}
@@ -285,6 +287,27 @@ APPLY = [
         ("manifest", M, manifest_fails(M, "Content-Encoding gzip not accepted")),
         ("signature", S, manifest_fails(S, "Content-Encoding gzip not accepted")),
         ("file", F, file_fails(F, "Content-Encoding gzip not accepted"))]],
+
+    # Statuses that are neither 200 nor 206 write nothing, and are not taken for a download.
+    apply("file 304", ['[Update] tai "lib/c.bin" that bai -> huy, chay ban hien tai'], rules={F: status(304)}),
+    # The inactivity limit counts from the last progress: pauses of 6 s in the signature and in
+    # a.bin pass, 11 s of silence in lib/c.bin end it (unlabelled, unlike the stalls below).
+    apply("pauses of 6 s pass, 11 s of silence does not", file_fails(F, CANCELED),
+          rules={S: {"chunkBytes": 40, "chunkPauseSeconds": 6}, "a.bin": {"chunkBytes": 7000, "chunkPauseSeconds": 6},
+                 F: {"stallAfterBytes": 1000, "stallSeconds": 11}}),
+    # Compressed copies that do not decode to exactly the listed file, then the whole file.
+    *[apply(f"smaller: compressed copy {name}, then the whole file",
+            [choice("ban nen", len(packed)), fell_back("ban nen", reason)] + applied(OTHERS + len(packed) + 60000),
+            publish={"zstd": packed}, updates=True) for name, packed, reason in [
+        ("with a byte after its frame", PACKED + b"x", "du lieu thua sau frame zstd"),
+        ("of two frames", PACKED * 2, "du lieu thua sau frame zstd"),
+        ("that is no zstd", pattern(5000, 7), "zstd: Unknown frame descriptor"),
+        ("a byte longer", zstd(C2 + b"x"), "giai ra qua 60000 byte"),
+        ("a byte shorter", zstd(C2[:-1]), "giai ra 59999 / 60000 byte"),
+        ("with a window beyond the limit", WIDE_WINDOW, "zstd: Frame requires too much memory for decoding")]],
+    # A link at the cache or at another build's directory in it goes as a link.
+    *[apply(f"link at {path}", WHOLE, link=("dir", path), updates=True)
+      for path in (".update-cache", ".update-cache/0.9")],
 ]
 
 P = "[UpdatePrefetch] "
