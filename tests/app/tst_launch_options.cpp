@@ -1,5 +1,4 @@
-// The command line. Whole runs with "--wait-pid" values, letter cases and unknown options are
-// rows of tests/blackbox; these rows are the parsing rules no run can show apart.
+// The parsing rules of the command line that no run of the updater (tests/blackbox) tells apart.
 #include "app/launch_options.h"
 
 #include <QtTest>

@@ -92,8 +92,6 @@ void FileReplaceTest::call_data()
     QTest::newRow("replace without backup") << "a=old s=new" << "replace a s" << 0ul << 0ul << "a=new";
     QTest::newRow("replace, permission bits kept") << "a=old@750 s=new@600" << "replace a s a.bak" << 0ul << 0ul
                                                    << "a.bak=old@750 a=new@750";
-    QTest::newRow("replace, UTF-8 names") << "d/ d/tệp_cũ=old s=new" << "replace d/tệp_cũ s d/tệp_cũ.bak" << 0ul << 0ul
-                                          << "d/ d/tệp_cũ.bak=old d/tệp_cũ=new";
     QTest::newRow("replace, target missing") << "s=new" << "replace a s a.bak" << 0ul << 2ul << "s=new";
     QTest::newRow("replace, replacement missing") << "a=old" << "replace a s a.bak" << 0ul << 2ul << "a=old";
     QTest::newRow("replace, target a directory") << "a/ s=new" << "replace a s a.bak" << 0ul << 5ul << "a/ s=new";
@@ -104,10 +102,8 @@ void FileReplaceTest::call_data()
     QTest::newRow("replace, injected failure") << "a=old s=new" << "replace a s a.bak" << 32ul << 32ul << "a=old s=new";
     QTest::newRow("move to a new name") << "s=x" << "move s t" << 0ul << 0ul << "t=x";
     QTest::newRow("move over a file") << "s=x t=y" << "move s t" << 0ul << 0ul << "t=x";
-    QTest::newRow("move into a directory") << "s=x d/" << "move s d/t" << 0ul << 0ul << "d/ d/t=x";
     QTest::newRow("move, source missing") << "t=y" << "move s t" << 0ul << 2ul << "t=y";
     QTest::newRow("move onto a directory") << "s=x d/ d/i=y" << "move s d" << 0ul << 5ul << "d/ d/i=y s=x";
-    QTest::newRow("move onto an empty directory") << "s=x d/" << "move s d" << 0ul << 5ul << "d/ s=x";
     QTest::newRow("move, directory missing") << "s=x" << "move s gone/t" << 0ul << 2ul << "s=x";
     QTest::newRow("move, path through a file") << "s=x" << "move s s/t" << 0ul << 3ul << "s=x";
     // No silent copy: like a rename without MOVEFILE_COPY_ALLOWED it fails with ERROR_NOT_SAME_DEVICE.

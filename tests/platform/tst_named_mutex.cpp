@@ -1,6 +1,5 @@
-// Named mutexes on POSIX: where the lock files live, which places are trusted, and that a lock
-// ends with its holder's process. The updater's own runs with lock_holder processes are rows of
-// tests/blackbox; these rows are what those runs cannot set up.
+// Named mutexes on POSIX: where the lock files live, which places are trusted, that a lock ends
+// with its holder. Runs of the updater beside lock_holder processes are rows of tests/blackbox.
 #include "platform/named_mutex.h"
 #include "support/helper_process.h"
 
@@ -57,7 +56,6 @@ void TestNamedMutex::create_data()
     QTest::newRow("held by another process") << "<tmp>" << "" << "alive" << "L" << "held elsewhere" << 0 << "" << own;
     QTest::newRow("holder killed") << "<tmp>" << "" << "killed" << "L" << "owned" << 0 << "<tmp>/corvanta/L.lock" << own;
     QTest::newRow("runtime directory unset") << "-" << "" << "" << "L<pid>" << "owned" << 0 << fallback << "";
-    QTest::newRow("runtime directory empty") << "" << "" << "" << "L<pid>" << "owned" << 0 << fallback << "";
     QTest::newRow("runtime directory relative") << "rel" << "" << "" << "L<pid>" << "owned" << 0 << fallback << "";
     QTest::newRow("runtime directory missing") << "<tmp>/gone" << "" << "" << "L" << "none" << 1 << "" << "";
     QTest::newRow("lock directory a link") << "<tmp>" << "dir link" << "" << "L" << "none" << 1 << ""
@@ -65,7 +63,6 @@ void TestNamedMutex::create_data()
     QTest::newRow("lock file a link") << "<tmp>" << "file link" << "" << "L" << "none" << 2 << ""
                                       << "corvanta/ corvanta/L.lock@ elsewhere/";
     QTest::newRow("name with a parent step") << "<tmp>" << "" << "" << "../L" << "none" << 0 << "" << "";
-    QTest::newRow("name with a slash") << "<tmp>" << "" << "" << "a/L" << "none" << 0 << "" << "";
     QTest::newRow("empty name") << "<tmp>" << "" << "" << "" << "none" << 0 << "" << "";
 }
 
@@ -120,15 +117,9 @@ void TestNamedMutex::create()
     if (result == "owned") {
         const QString path = expand(lockFile);
         QVERIFY2(QFileInfo(path).isFile(), qPrintable(path));
-        struct stat info {};
-        QCOMPARE(lstat(QFile::encodeName(QFileInfo(path).path()), &info), 0);
-        QCOMPARE(info.st_mode & 07777, mode_t(0700));
-        QCOMPARE(info.st_uid, geteuid());
         QByteArray answer;
         QVERIFY(startHelper("lock_holder", {expand(name)}, &answer));
         QCOMPARE(answer, QByteArray("busy"));
-        mutex.releaseAndClose();
-        QVERIFY(holdLocks({expand(name)}));
         if (!path.startsWith(tmp.path()))
             QFile::remove(path);
     }
