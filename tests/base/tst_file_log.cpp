@@ -78,8 +78,7 @@ void TestFileLog::run_data()
     QTest::newRow("at the cap") << 262144 << "install apply|I:a|W:b|shutdown" << QStringList{kCapNotice} << 2;
     QTest::newRow("over the cap, two runs") << 400000 << "install apply|I:a|shutdown|install prefetch|I:b|W:c|shutdown"
                                             << QStringList{kCapNotice, kCapNotice} << 3;
-    QTest::newRow("second install changes nothing") << 0 << "install apply|install prefetch|I:a|shutdown|I:after"
-                                                    << QStringList{"<ts> [I] [apply] a"} << 2;
+    QTest::newRow("handler restored") << 0 << "install apply|I:a|shutdown|I:after" << QStringList{"<ts> [I] [apply] a"} << 2;
     QTest::newRow("updater.log cannot be opened") << -1 << "install apply|I:a|shutdown" << QStringList{} << 1;
     QTest::newRow("shutdown without install") << 0 << "shutdown|I:a" << QStringList{} << 1;
 }

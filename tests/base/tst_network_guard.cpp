@@ -34,7 +34,6 @@ void TestNetworkGuard::guard_data()
     QTest::newRow("three reports undone") << "install|report|is 1|report|report|is 1" << 3;
     QTest::newRow("installed once per manager") << "install|quietly off|install|is 0|emit 0|is 1" << 1;
     QTest::newRow("other values left alone") << "install|emit -1|emit 1|quietly off|emit -1|is 0" << 0;
-    QTest::newRow("no guard, no forcing") << "report|is 0" << 0;
 }
 
 void TestNetworkGuard::guard()

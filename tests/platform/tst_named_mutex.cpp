@@ -1,9 +1,12 @@
-// Named mutexes on POSIX: where the lock files live, which places are trusted, that a lock ends
-// with its holder. Runs of the updater beside lock_holder processes are rows of tests/blackbox.
+// Named mutexes on POSIX (where the lock files live, which places are trusted, that a lock ends
+// with its holder) and the waits on a mutex or a process. Runs of the updater beside lock_holder
+// processes are rows of tests/blackbox.
 #include "platform/named_mutex.h"
+#include "platform/process_handle.h"
 #include "support/helper_process.h"
 
 #include <QDirIterator>
+#include <QElapsedTimer>
 #include <QFileInfo>
 #include <QTemporaryDir>
 #include <QtTest>
@@ -37,6 +40,8 @@ class TestNamedMutex : public QObject {
 private slots:
     void create_data();
     void create();
+    void wait_data();
+    void wait();
 };
 
 void TestNamedMutex::create_data()
@@ -125,6 +130,42 @@ void TestNamedMutex::create()
     }
     QDir::setCurrent(previousDir);
     QCOMPARE(listing(tmp.path()), tree);
+}
+
+void TestNamedMutex::wait_data()
+{
+    QTest::addColumn<QString>("on");       // "mutex" that lock_holder holds, or lock_holder's "process"
+    QTest::addColumn<QString>("end");      // how lock_holder ends: "" when told, which it never is here
+    QTest::addColumn<int>("timeoutMs");
+    QTest::addColumn<bool>("ended");
+    QTest::addColumn<int>("leastMs");
+    QTest::addColumn<int>("mostMs");
+    for (const char* on : {"mutex", "process"}) {
+        QTest::addRow("%s, polled", on) << on << "" << 0 << false << 0 << 500;
+        QTest::addRow("%s, outlives the wait", on) << on << "" << 300 << false << 300 << 3000;
+        QTest::addRow("%s, ends during the wait", on) << on << "--exit-after 300" << 10000 << true << 250 << 5000;
+    }
+}
+
+void TestNamedMutex::wait()
+{
+    QFETCH(QString, on);
+    QFETCH(QString, end);
+    QFETCH(int, timeoutMs);
+    QFETCH(bool, ended);
+    QFETCH(int, leastMs);
+    QFETCH(int, mostMs);
+    QTemporaryDir tmp;
+    qputenv("XDG_RUNTIME_DIR", tmp.path().toUtf8());
+    const HelperProcess holder = holdLocks({"W"}, end.split(' ', Qt::SkipEmptyParts));
+    QVERIFY(holder);
+    NamedMutex mutex = openNamedMutex("W");
+    ProcessHandle process = openProcess(holder->processId());
+    QVERIFY(!mutex.isNull() && !process.isNull());
+    QElapsedTimer clock;
+    clock.start();
+    QCOMPARE(on == "mutex" ? waitForNamedMutex(mutex, timeoutMs) : waitForProcessEnd(process, timeoutMs), ended);
+    QVERIFY2(clock.elapsed() >= leastMs && clock.elapsed() <= mostMs, qPrintable(QString::number(clock.elapsed())));
 }
 
 QTEST_GUILESS_MAIN(TestNamedMutex)

@@ -16,11 +16,9 @@ void TestManifestEligibility::eligible_data()
     QTest::addColumn<QString>("arch");
     QTest::addColumn<QString>("reason");  // "" when eligible
     QTest::newRow("letter case ignored") << "corvanta" << "X64" << "";
-    QTest::newRow("both empty") << "" << "" << "";
     QTest::newRow("empty product") << "" << "x64" << "";
     QTest::newRow("empty arch") << "CORVANTA" << "" << "";
     QTest::newRow("product reported first") << "Other" << "x86" << "product=Other (can Corvanta)";
-    QTest::newRow("product with a suffix") << "Corvanta Beta" << "x64" << "product=Corvanta Beta (can Corvanta)";
     QTest::newRow("product not trimmed") << " Corvanta" << "x64" << "product= Corvanta (can Corvanta)";
     QTest::newRow("placeholders kept literally") << "%2%1" << "x64" << "product=%2%1 (can Corvanta)";
     QTest::newRow("x86 without product") << "" << "x86" << "arch=x86 (can x64)";
