@@ -1,46 +1,42 @@
+// updater.log: line format, size cap, handler chain. The updater's own runs show the lines of
+// real runs (tests/blackbox); these rows show what those runs never reach.
 #include "base/file_log.h"
 #include "base/installation_dir.h"
 
-#include "support/test_files.h"
-
 #include <QDateTime>
-#include <QDir>
-#include <QFile>
-#include <QMutex>
 #include <QRegularExpression>
 #include <QTemporaryDir>
-#include <QThread>
 #include <QtTest>
 
 #include <ctime>
-#include <memory>
-#include <vector>
 
 namespace {
 
-const QByteArray kCapNotice("... (log updater cham tran, ngung ghi)\n");
+const QString kCapNotice = "... (log updater cham tran, ngung ghi)";
+const QRegularExpression kStamp("(^|\n)(\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3}) \\[");
 
-// Stands in for whatever handler was installed before the file log (Qt's default one in the
-// updater): records what reaches it.
-QMutex recordedMutex;
-QStringList recorded;
-void recordingHandler(QtMsgType, const QMessageLogContext&, const QString& text)
+// Stands in for the handler installed before the file log (Qt's default one in the updater).
+int forwarded = 0;
+void countingHandler(QtMsgType, const QMessageLogContext&, const QString&) { ++forwarded; }
+
+// What the log holds after `filler`, timestamps replaced by "<ts>" once checked to be local
+// time within [from, to].
+QString logged(const QString& path, const QByteArray& filler, const QDateTime& from, const QDateTime& to)
 {
-    QMutexLocker locker(&recordedMutex);
-    recorded << text;
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return "<no file>";
+    const QByteArray bytes = file.readAll();
+    if (!bytes.startsWith(filler))
+        return "<earlier runs changed>";
+    QString text = QString::fromUtf8(bytes.mid(filler.size()));
+    for (auto it = kStamp.globalMatch(text); it.hasNext();) {
+        const QDateTime stamp = QDateTime::fromString(it.next().captured(2), "yyyy-MM-dd HH:mm:ss.zzz");
+        if (stamp < from.addMSecs(-1) || stamp > to.addMSecs(1))
+            return "<wrong time " + stamp.toString(Qt::ISODateWithMs) + ">";
+    }
+    return text.replace(kStamp, "\\1<ts> [");
 }
-
-QtMessageHandler currentHandler()
-{
-    QtMessageHandler current = qInstallMessageHandler(nullptr);
-    qInstallMessageHandler(current);
-    return current;
-}
-
-// Splits a log line into timestamp, level and tag, and checks the fixed punctuation.
-const QRegularExpression kLinePattern(
-    QStringLiteral("^(\\d{4}-\\d{2}-\\d{2} \\d{2}:\\d{2}:\\d{2}\\.\\d{3}) \\[(.)\\] \\[([a-z]+)\\] (.*)$"),
-    QRegularExpression::DotMatchesEverythingOption);
 
 } // namespace
 
@@ -48,28 +44,8 @@ class TestFileLog : public QObject {
     Q_OBJECT
 private slots:
     void initTestCase();
-    void init();
-    void cleanup();
-
-    void lineFormat_data();
-    void lineFormat();
-    void textKeptAsGiven_data();
-    void textKeptAsGiven();
-    void appendsToEarlierRuns();
-    void eachLineReachesDiskAtOnce();
-    void sizeCap_data();
-    void sizeCap();
-    void oneCapNoticePerRun();
-    void chainsAndRestoresPreviousHandler();
-    void secondInstallChangesNothing();
-    void unopenableFileKeepsDefaultOutput();
-    void shutdownWithoutInstall();
-    void threadsNeverInterleave();
-
-private:
-    QString logPath() const { return dir->filePath(QStringLiteral("updater.log")); }
-    std::unique_ptr<QTemporaryDir> dir;
-    QtMessageHandler testLibHandler = nullptr;
+    void run_data();
+    void run();
 };
 
 void TestFileLog::initTestCase()
@@ -79,273 +55,78 @@ void TestFileLog::initTestCase()
     tzset();
 }
 
-void TestFileLog::init()
+void TestFileLog::run_data()
 {
-    dir = std::make_unique<QTemporaryDir>();
-    QVERIFY(dir->isValid());
-    setInstallationDirForTesting(dir->path());
-    recorded.clear();
-    testLibHandler = qInstallMessageHandler(recordingHandler);
+    QTest::addColumn<int>("existing");      // bytes of updater.log before the run; -1: a directory there
+    QTest::addColumn<QString>("steps");     // "install TAG", "shutdown", "LEVEL:text", "disk N" (the first
+                                            // N expected lines are on disk already), separated by "|"
+    QTest::addColumn<QStringList>("lines"); // what the file holds after the existing bytes
+    QTest::addColumn<int>("reached");       // messages that went on to the previous handler
+
+    QTest::newRow("levels and tags") << 0 << "install apply|I:[Update] một|disk 1|W:w|D:d|C:c|F:f|?:other|shutdown|"
+                                            "install prefetch|I:[UpdatePrefetch] x|shutdown"
+                                     << QStringList{"<ts> [I] [apply] [Update] một", "<ts> [W] [apply] w",
+                                                    "<ts> [D] [apply] d", "<ts> [C] [apply] c", "<ts> [F] [apply] f",
+                                                    "<ts> [I] [apply] other", "<ts> [I] [prefetch] [UpdatePrefetch] x"}
+                                     << 7;
+    QTest::newRow("text as given") << 0 << "install apply|I:dong mot\ndong hai|I:|I:\"a\" ] [W] x|shutdown"
+                                   << QStringList{"<ts> [I] [apply] dong mot\ndong hai", "<ts> [I] [apply] ",
+                                                  "<ts> [I] [apply] \"a\" ] [W] x"} << 3;
+    QTest::newRow("earlier runs kept") << 100 << "install apply|I:a|shutdown" << QStringList{"<ts> [I] [apply] a"} << 1;
+    QTest::newRow("one byte under the cap") << 262143 << "install apply|I:a|disk 1|I:b|disk 2|I:c|shutdown"
+                                            << QStringList{"<ts> [I] [apply] a", kCapNotice} << 3;
+    QTest::newRow("at the cap") << 262144 << "install apply|I:a|W:b|shutdown" << QStringList{kCapNotice} << 2;
+    QTest::newRow("over the cap, two runs") << 400000 << "install apply|I:a|shutdown|install prefetch|I:b|W:c|shutdown"
+                                            << QStringList{kCapNotice, kCapNotice} << 3;
+    QTest::newRow("handler restored") << 0 << "install apply|I:a|shutdown|I:after" << QStringList{"<ts> [I] [apply] a"} << 2;
+    QTest::newRow("updater.log cannot be opened") << -1 << "install apply|I:a|shutdown" << QStringList{} << 1;
+    QTest::newRow("shutdown without install") << 0 << "shutdown|I:a" << QStringList{} << 1;
 }
 
-void TestFileLog::cleanup()
+void TestFileLog::run()
 {
+    QFETCH(int, existing);
+    QFETCH(QString, steps);
+    QFETCH(QStringList, lines);
+    QFETCH(int, reached);
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    setInstallationDirForTesting(dir.path());
+    const QString path = dir.filePath("updater.log");
+    const QByteArray filler = existing > 0 ? QByteArray(existing - 1, 'x') + '\n' : QByteArray();
+    QFile file(path);
+    QVERIFY(existing < 0 ? QDir().mkdir(path) : file.open(QIODevice::WriteOnly) && file.write(filler) == existing);
+    file.close();
+    forwarded = 0;
+    const QtMessageHandler testHandler = qInstallMessageHandler(countingHandler);
+    const QDateTime from = QDateTime::currentDateTime();
+    const auto expected = [&](int count) { return lines.mid(0, count).join('\n') + (count > 0 ? "\n" : ""); };
+
+    for (const QString& step : steps.split('|')) {
+        const QString text = step.mid(2);
+        if (step.startsWith("install "))
+            installFileLog(step.mid(8));
+        else if (step == "shutdown")
+            shutdownFileLog();
+        else if (step.startsWith("disk "))
+            QCOMPARE(logged(path, filler, from, QDateTime::currentDateTime()), expected(step.mid(5).toInt()));
+        else if (step[0] == 'I')
+            qInfo().noquote() << text;
+        else if (step[0] == 'W')
+            qWarning().noquote() << text;
+        else if (step[0] == 'D')
+            qDebug().noquote() << text;
+        else if (step[0] == 'C')
+            qCritical().noquote() << text;
+        else  // fatal and unknown types are handed over directly: qFatal would end the test
+            fileLogHandler(step[0] == 'F' ? QtFatalMsg : QtMsgType(42), QMessageLogContext(), text);
+    }
+    const QDateTime to = QDateTime::currentDateTime();
     shutdownFileLog();
-    qInstallMessageHandler(testLibHandler);
+    qInstallMessageHandler(testHandler);
     setInstallationDirForTesting(QString());
-}
-
-void TestFileLog::lineFormat_data()
-{
-    QTest::addColumn<int>("type");
-    QTest::addColumn<QString>("tag");
-    QTest::addColumn<QString>("letter");
-    QTest::newRow("info, apply") << int(QtInfoMsg) << "apply" << "I";
-    QTest::newRow("debug, apply") << int(QtDebugMsg) << "apply" << "D";
-    QTest::newRow("warning, prefetch") << int(QtWarningMsg) << "prefetch" << "W";
-    QTest::newRow("critical, prefetch") << int(QtCriticalMsg) << "prefetch" << "C";
-    QTest::newRow("fatal") << int(QtFatalMsg) << "apply" << "F";
-    QTest::newRow("unknown type") << 42 << "apply" << "I";
-}
-
-void TestFileLog::lineFormat()
-{
-    QFETCH(int, type);
-    QFETCH(QString, tag);
-    QFETCH(QString, letter);
-
-    installFileLog(tag);
-    const QDateTime before = QDateTime::currentDateTime();
-    const QString text = QStringLiteral("[Update] dong thu %1").arg(type);
-    switch (type) {
-    case QtInfoMsg:
-        qInfo().noquote() << text;
-        break;
-    case QtDebugMsg:
-        qDebug().noquote() << text;
-        break;
-    case QtWarningMsg:
-        qWarning().noquote() << text;
-        break;
-    case QtCriticalMsg:
-        qCritical().noquote() << text;
-        break;
-    default:
-        // Fatal and unknown types are handed over directly: qFatal would end the test.
-        fileLogHandler(QtMsgType(type), QMessageLogContext(), text);
-    }
-    const QDateTime after = QDateTime::currentDateTime();
-    shutdownFileLog();
-
-    const QByteArray bytes = readFile(logPath());
-    QVERIFY(bytes.endsWith('\n'));
-    QVERIFY(!bytes.contains('\r'));
-    QCOMPARE(bytes.count('\n'), 1);
-    const QRegularExpressionMatch match = kLinePattern.match(QString::fromUtf8(bytes.chopped(1)));
-    QVERIFY2(match.hasMatch(), bytes.constData());
-    QCOMPARE(match.captured(2), letter);
-    QCOMPARE(match.captured(3), tag);
-    QCOMPARE(match.captured(4), text);
-
-    // Local time, to the millisecond.
-    const QDateTime stamp = QDateTime::fromString(match.captured(1), QStringLiteral("yyyy-MM-dd HH:mm:ss.zzz"));
-    QVERIFY(stamp.isValid());
-    QVERIFY2(stamp >= before.addMSecs(-1) && stamp <= after.addMSecs(1), bytes.constData());
-
-    // The previous handler saw the same message.
-    QCOMPARE(recorded, QStringList{text});
-}
-
-void TestFileLog::textKeptAsGiven_data()
-{
-    QTest::addColumn<QString>("text");
-    QTest::newRow("vietnamese with diacritics") << QString::fromUtf8("Đang tải bản cập nhật… xong");
-    QTest::newRow("line break inside") << QStringLiteral("dong mot\ndong hai");
-    QTest::newRow("empty") << QString();
-    QTest::newRow("quotes and brackets") << QStringLiteral("[Update] \"a\" ] [W] x");
-}
-
-void TestFileLog::textKeptAsGiven()
-{
-    QFETCH(QString, text);
-    installFileLog(QStringLiteral("apply"));
-    qInfo().noquote() << text;
-    shutdownFileLog();
-
-    const QByteArray bytes = readFile(logPath());
-    // The text follows "] [apply] " as UTF-8, and exactly one LF ends the line.
-    QVERIFY2(bytes.endsWith("] [apply] " + text.toUtf8() + '\n'), bytes.constData());
-    QCOMPARE(bytes.count('\n'), text.count(QLatin1Char('\n')) + 1);
-}
-
-void TestFileLog::appendsToEarlierRuns()
-{
-    const QByteArray earlier("2020-01-01 00:00:00.000 [I] [prefetch] luot truoc\n");
-    QVERIFY(writeFile(logPath(), earlier));
-
-    installFileLog(QStringLiteral("apply"));
-    qInfo() << "[Update] luot nay";
-    shutdownFileLog();
-    installFileLog(QStringLiteral("prefetch"));
-    qWarning() << "[UpdatePrefetch] luot sau";
-    shutdownFileLog();
-
-    const QByteArray bytes = readFile(logPath());
-    QVERIFY(bytes.startsWith(earlier));
-    const QList<QByteArray> lines = bytes.mid(earlier.size()).split('\n');
-    QCOMPARE(lines.size(), 3);
-    QVERIFY(lines[0].endsWith(" [I] [apply] [Update] luot nay"));
-    QVERIFY(lines[1].endsWith(" [W] [prefetch] [UpdatePrefetch] luot sau"));
-    QVERIFY(lines[2].isEmpty());
-}
-
-void TestFileLog::eachLineReachesDiskAtOnce()
-{
-    installFileLog(QStringLiteral("apply"));
-    qInfo() << "[Update] mot";
-    // Read by another handle while the log is still open, as after a crash.
-    QVERIFY(readFile(logPath()).endsWith("] [apply] [Update] mot\n"));
-    qInfo() << "[Update] hai";
-    QVERIFY(readFile(logPath()).endsWith("] [apply] [Update] hai\n"));
-}
-
-void TestFileLog::sizeCap_data()
-{
-    QTest::addColumn<int>("initialSize");
-    QTest::addColumn<int>("messages");
-    QTest::addColumn<int>("fullLines");  // lines written before the notice
-    QTest::addColumn<bool>("notice");
-    QTest::newRow("empty file") << 0 << 3 << 3 << false;
-    QTest::newRow("one byte under the cap") << 262143 << 3 << 1 << true;
-    QTest::newRow("exactly at the cap") << 262144 << 3 << 0 << true;
-    QTest::newRow("far over the cap") << 400000 << 3 << 0 << true;
-}
-
-void TestFileLog::sizeCap()
-{
-    QFETCH(int, initialSize);
-    QFETCH(int, messages);
-    QFETCH(int, fullLines);
-    QFETCH(bool, notice);
-
-    const QByteArray filler = initialSize > 0 ? QByteArray(initialSize - 1, 'x') + '\n' : QByteArray();
-    QVERIFY(writeFile(logPath(), filler));
-
-    installFileLog(QStringLiteral("apply"));
-    for (int i = 0; i < messages; ++i)
-        qInfo() << "[Update] dong" << i;
-    shutdownFileLog();
-
-    const QByteArray bytes = readFile(logPath());
-    QVERIFY(bytes.startsWith(filler));
-    QByteArray rest = bytes.mid(filler.size());
-    if (notice) {
-        QVERIFY2(rest.endsWith(kCapNotice), rest.constData());
-        rest.chop(kCapNotice.size());
-    }
-    const QList<QByteArray> lines = rest.split('\n');
-    QCOMPARE(lines.size(), fullLines + 1);
-    for (int i = 0; i < fullLines; ++i)
-        QVERIFY2(lines[i].endsWith("] [apply] [Update] dong " + QByteArray::number(i)), lines[i].constData());
-    // Capped or not, every message still went on to the previous handler.
-    QCOMPARE(recorded.size(), messages);
-}
-
-void TestFileLog::oneCapNoticePerRun()
-{
-    const QByteArray filler(262144, 'x');
-    QVERIFY(writeFile(logPath(), filler));
-    for (int run = 0; run < 2; ++run) {
-        installFileLog(run == 0 ? QStringLiteral("apply") : QStringLiteral("prefetch"));
-        qInfo() << "[Update] a";
-        qWarning() << "[Update] b";
-        shutdownFileLog();
-    }
-    QCOMPARE(readFile(logPath()), filler + kCapNotice + kCapNotice);
-}
-
-void TestFileLog::chainsAndRestoresPreviousHandler()
-{
-    installFileLog(QStringLiteral("apply"));
-    QVERIFY(currentHandler() == &fileLogHandler);
-    qInfo() << "[Update] trong";
-    shutdownFileLog();
-    QVERIFY(currentHandler() == &recordingHandler);
-
-    qInfo() << "[Update] sau";
-    QCOMPARE(recorded, (QStringList{QStringLiteral("[Update] trong"), QStringLiteral("[Update] sau")}));
-    QVERIFY(!readFile(logPath()).contains("sau"));
-}
-
-void TestFileLog::secondInstallChangesNothing()
-{
-    installFileLog(QStringLiteral("apply"));
-    QTemporaryDir other;
-    setInstallationDirForTesting(other.path());
-    installFileLog(QStringLiteral("prefetch"));
-    qInfo() << "[Update] x";
-    shutdownFileLog();
-
-    QVERIFY(readFile(logPath()).endsWith(" [I] [apply] [Update] x\n"));
-    QVERIFY(!QFile::exists(QDir(other.path()).filePath(QStringLiteral("updater.log"))));
-    // One shutdown undid the one install.
-    QVERIFY(currentHandler() == &recordingHandler);
-}
-
-void TestFileLog::unopenableFileKeepsDefaultOutput()
-{
-    QVERIFY(QDir(dir->path()).mkdir(QStringLiteral("updater.log")));
-    installFileLog(QStringLiteral("apply"));
-    QVERIFY(currentHandler() == &recordingHandler);
-    qInfo() << "[Update] van chay";
-    QCOMPARE(recorded, QStringList{QStringLiteral("[Update] van chay")});
-    shutdownFileLog();
-    QVERIFY(currentHandler() == &recordingHandler);
-
-    // The failure leaves nothing behind: a later install in a usable place works.
-    QTemporaryDir usable;
-    setInstallationDirForTesting(usable.path());
-    installFileLog(QStringLiteral("prefetch"));
-    qInfo() << "[Update] lan sau";
-    shutdownFileLog();
-    QVERIFY(readFile(QDir(usable.path()).filePath(QStringLiteral("updater.log")))
-                .endsWith(" [I] [prefetch] [Update] lan sau\n"));
-}
-
-void TestFileLog::shutdownWithoutInstall()
-{
-    shutdownFileLog();
-    QVERIFY(currentHandler() == &recordingHandler);
-    QVERIFY(!QFile::exists(logPath()));
-}
-
-void TestFileLog::threadsNeverInterleave()
-{
-    constexpr int kThreads = 4;
-    constexpr int kPerThread = 300;
-    installFileLog(QStringLiteral("apply"));
-    std::vector<std::unique_ptr<QThread>> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back(QThread::create([t] {
-            for (int i = 0; i < kPerThread; ++i)
-                qInfo().noquote() << QStringLiteral("[Update] luong %1 dong %2 %3").arg(t).arg(i).arg(QString(40, 'z'));
-        }));
-        threads.back()->start();
-    }
-    for (auto& thread : threads)
-        QVERIFY(thread->wait(30000));
-    shutdownFileLog();
-
-    QList<QByteArray> lines = readFile(logPath()).split('\n');
-    QVERIFY(lines.takeLast().isEmpty());
-    QCOMPARE(lines.size(), kThreads * kPerThread);
-    QSet<QString> seen;
-    for (const QByteArray& line : lines) {
-        const QRegularExpressionMatch match = kLinePattern.match(QString::fromUtf8(line));
-        QVERIFY2(match.hasMatch(), line.constData());
-        seen.insert(match.captured(4));
-    }
-    QCOMPARE(seen.size(), kThreads * kPerThread);
+    QCOMPARE(logged(path, filler, from, to), existing < 0 ? "<no file>" : expected(lines.size()));
+    QCOMPARE(forwarded, reached);
 }
 
 QTEST_GUILESS_MAIN(TestFileLog)

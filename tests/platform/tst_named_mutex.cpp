@@ -1,237 +1,171 @@
+// Named mutexes on POSIX (where the lock files live, which places are trusted, that a lock ends
+// with its holder) and the waits on a mutex or a process. Runs of the updater beside lock_holder
+// processes are rows of tests/blackbox.
 #include "platform/named_mutex.h"
+#include "platform/process_handle.h"
 #include "support/helper_process.h"
 
+#include <QDirIterator>
 #include <QElapsedTimer>
+#include <QFileInfo>
 #include <QTemporaryDir>
-#include <QThread>
 #include <QtTest>
 
-using corv::platform::createNamedMutex;
-using corv::platform::NamedMutex;
-using corv::platform::openNamedMutex;
-using corv::platform::waitForNamedMutex;
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace corv::platform;
 
 namespace {
-bool existsNow(const std::string& name)
+
+// Every entry below dir without following links: "name/" a directory, "name@" a link.
+QString listing(const QString& dir)
 {
-    NamedMutex probe = openNamedMutex(name);
-    return !probe.isNull();
+    QStringList entries;
+    QDirIterator it(dir, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
+                    QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        const QFileInfo info(it.next());
+        const QString name = QDir(dir).relativeFilePath(info.filePath());
+        entries << name + (info.isSymLink() ? "@" : info.isDir() ? "/" : "");
+    }
+    entries.sort();
+    return entries.join(' ');
 }
+
 } // namespace
 
 class TestNamedMutex : public QObject {
     Q_OBJECT
 private slots:
-    void initTestCase();
-
-    void createOpenRelease();
-    void secondCreateInSameProcessFindsIt();
-    void otherProcessHolds_data();
-    void otherProcessHolds();
-    void waitEndsWithHolder_data();
-    void waitEndsWithHolder();
-    void openNeverTakesTheLock();
-    void closedHandleIsNotInheritedByChildren();
-    void moveKeepsOneOwner();
-    void nullHandles();
-
-private:
-    QTemporaryDir runtimeDir;
+    void create_data();
+    void create();
+    void wait_data();
+    void wait();
 };
 
-void TestNamedMutex::initTestCase()
+void TestNamedMutex::create_data()
 {
-    QVERIFY(runtimeDir.isValid());
-    qputenv("XDG_RUNTIME_DIR", runtimeDir.path().toUtf8());
+    QTest::addColumn<QString>("runtime");  // XDG_RUNTIME_DIR ("-": unset); "<tmp>" the row's directory
+    QTest::addColumn<QString>("setup");    // planted first: "dir link", "file link" (to elsewhere/)
+    QTest::addColumn<QString>("holder");   // a lock_holder process: "alive", or "killed" before the call
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<QString>("result");   // "owned", "held elsewhere" or "none"
+    QTest::addColumn<int>("fault");        // MutexFault::Kind of both calls
+    QTest::addColumn<QString>("lockFile"); // where the lock file of an owned mutex lies
+    QTest::addColumn<QString>("tree");     // the row's directory afterwards
+
+    const QString own = "corvanta/ corvanta/L.lock";
+    const QString fallback = "/tmp/corvanta-<uid>/L<pid>.lock";
+    QTest::newRow("free") << "<tmp>" << "" << "" << "L" << "owned" << 0 << "<tmp>/corvanta/L.lock" << own;
+    QTest::newRow("held by another process") << "<tmp>" << "" << "alive" << "L" << "held elsewhere" << 0 << "" << own;
+    QTest::newRow("holder killed") << "<tmp>" << "" << "killed" << "L" << "owned" << 0 << "<tmp>/corvanta/L.lock" << own;
+    QTest::newRow("runtime directory unset") << "-" << "" << "" << "L<pid>" << "owned" << 0 << fallback << "";
+    QTest::newRow("runtime directory relative") << "rel" << "" << "" << "L<pid>" << "owned" << 0 << fallback << "";
+    QTest::newRow("runtime directory missing") << "<tmp>/gone" << "" << "" << "L" << "none" << 1 << "" << "";
+    QTest::newRow("lock directory a link") << "<tmp>" << "dir link" << "" << "L" << "none" << 1 << ""
+                                           << "corvanta@ elsewhere/";
+    QTest::newRow("lock file a link") << "<tmp>" << "file link" << "" << "L" << "none" << 2 << ""
+                                      << "corvanta/ corvanta/L.lock@ elsewhere/";
+    QTest::newRow("name with a parent step") << "<tmp>" << "" << "" << "../L" << "none" << 0 << "" << "";
+    QTest::newRow("empty name") << "<tmp>" << "" << "" << "" << "none" << 0 << "" << "";
 }
 
-void TestNamedMutex::createOpenRelease()
+void TestNamedMutex::create()
 {
-    const std::string name = "Corvanta_Test_Basic";
-    QVERIFY(!existsNow(name));
+    QFETCH(QString, runtime);
+    QFETCH(QString, setup);
+    QFETCH(QString, holder);
+    QFETCH(QString, name);
+    QFETCH(QString, result);
+    QFETCH(int, fault);
+    QFETCH(QString, lockFile);
+    QFETCH(QString, tree);
+    QTemporaryDir tmp;
+    QVERIFY(tmp.isValid());
+    const auto expand = [&](QString text) {
+        return text.replace("<tmp>", tmp.path()).replace("<uid>", QString::number(geteuid()))
+            .replace("<pid>", QString::number(QCoreApplication::applicationPid()));
+    };
+    const QString previousDir = QDir::currentPath();
+    QDir::setCurrent(tmp.path());  // a relative runtime directory would land here
+    if (runtime == "-")
+        qunsetenv("XDG_RUNTIME_DIR");
+    else
+        qputenv("XDG_RUNTIME_DIR", expand(runtime).toUtf8());
+    if (!setup.isEmpty()) {
+        QVERIFY(QDir(tmp.path()).mkdir("elsewhere"));
+        const QString lockDir = tmp.filePath("corvanta");
+        if (setup == "dir link")
+            QVERIFY(QFile::link(tmp.filePath("elsewhere"), lockDir));
+        else
+            QVERIFY(QDir().mkdir(lockDir) && chmod(QFile::encodeName(lockDir), 0700) == 0
+                    && QFile::link(tmp.filePath("elsewhere/target"), lockDir + "/L.lock"));
+    }
+    const std::string mutexName = expand(name).toStdString();
+    HelperProcess other;
+    if (!holder.isEmpty()) {
+        other = holdLocks({expand(name)});
+        QVERIFY(other);
+        if (holder == "killed")
+            QVERIFY(killHelper(*other));
+    }
 
-    bool existed = true;
-    NamedMutex mutex = createNamedMutex(name, &existed);
-    QVERIFY(!mutex.isNull());
-    QVERIFY(!existed);
-    QVERIFY(existsNow(name));
-
-    mutex.releaseAndClose();
-    QVERIFY(mutex.isNull());
-    QVERIFY(!existsNow(name));
-
-    // Free again: the next creator owns it.
-    NamedMutex again = createNamedMutex(name, &existed);
-    QVERIFY(!again.isNull());
-    QVERIFY(!existed);
-}
-
-void TestNamedMutex::secondCreateInSameProcessFindsIt()
-{
-    const std::string name = "Corvanta_Test_Twice";
-    bool existed = true;
-    NamedMutex first = createNamedMutex(name, &existed);
-    QVERIFY(!first.isNull());
-    QVERIFY(!existed);
-
-    NamedMutex second = createNamedMutex(name, &existed);
-    QVERIFY(existed);
-    second.close();
-    // Closing the handle that did not own it leaves the owner's lock in place.
-    QVERIFY(existsNow(name));
-}
-
-void TestNamedMutex::otherProcessHolds_data()
-{
-    QTest::addColumn<bool>("kill");
-    QTest::newRow("holder releases") << false;
-    QTest::newRow("holder killed") << true;
-}
-
-void TestNamedMutex::otherProcessHolds()
-{
-    QFETCH(bool, kill);
-    const std::string name = kill ? "Corvanta_Test_Killed" : "Corvanta_Test_Released";
-    auto holder = holdLocks({QString::fromStdString(name)});
-    QVERIFY(holder);
-
-    QVERIFY(existsNow(name));
     bool existed = false;
-    NamedMutex refused = createNamedMutex(name, &existed);
-    QVERIFY(existed);
-    refused.close();
-    // A second holder process is refused as well.
-    QByteArray line;
-    auto second = startHelper(QStringLiteral("lock_holder"), {QString::fromStdString(name)}, &line);
-    QVERIFY(second);
-    QCOMPARE(line, QByteArray("busy"));
-
-    QVERIFY(kill ? killHelper(*holder) : releaseHelper(*holder));
-    QVERIFY(!existsNow(name));
-    NamedMutex mine = createNamedMutex(name, &existed);
-    QVERIFY(!mine.isNull());
-    QVERIFY(!existed);
+    MutexFault created;
+    NamedMutex mutex = createNamedMutex(mutexName, &existed, &created);
+    QCOMPARE(QString(mutex.isNull() ? "none" : existed ? "held elsewhere" : "owned"), result);
+    QCOMPARE(int(created.kind), fault);
+    MutexFault opened;
+    QCOMPARE(openNamedMutex(mutexName, &opened).isNull(), result == "none");
+    QCOMPARE(int(opened.kind), fault);
+    if (result == "owned") {
+        const QString path = expand(lockFile);
+        QVERIFY2(QFileInfo(path).isFile(), qPrintable(path));
+        QByteArray answer;
+        QVERIFY(startHelper("lock_holder", {expand(name)}, &answer));
+        QCOMPARE(answer, QByteArray("busy"));
+        if (!path.startsWith(tmp.path()))
+            QFile::remove(path);
+    }
+    QDir::setCurrent(previousDir);
+    QCOMPARE(listing(tmp.path()), tree);
 }
 
-void TestNamedMutex::waitEndsWithHolder_data()
+void TestNamedMutex::wait_data()
 {
-    QTest::addColumn<QString>("holderEnd");  // what ends the holder while the test waits
+    QTest::addColumn<QString>("on");       // "mutex" that lock_holder holds, or lock_holder's "process"
+    QTest::addColumn<QString>("end");      // how lock_holder ends: "" when told, which it never is here
     QTest::addColumn<int>("timeoutMs");
-    QTest::addColumn<bool>("expectFree");
-    QTest::addColumn<int>("minElapsedMs");
-    QTest::addColumn<int>("maxElapsedMs");
-    QTest::newRow("released during the wait") << "release" << 15000 << true << 300 << 5000;
-    QTest::newRow("killed during the wait") << "kill" << 15000 << true << 300 << 5000;
-    QTest::newRow("exits without releasing") << "exit" << 15000 << true << 300 << 5000;
-    QTest::newRow("outlasts the wait") << "never" << 600 << false << 600 << 5000;
-    QTest::newRow("zero time-out only polls") << "never" << 0 << false << 0 << 500;
+    QTest::addColumn<bool>("ended");
+    QTest::addColumn<int>("leastMs");
+    QTest::addColumn<int>("mostMs");
+    for (const char* on : {"mutex", "process"}) {
+        QTest::addRow("%s, polled", on) << on << "" << 0 << false << 0 << 500;
+        QTest::addRow("%s, outlives the wait", on) << on << "" << 300 << false << 300 << 3000;
+        QTest::addRow("%s, ends during the wait", on) << on << "--exit-after 300" << 10000 << true << 250 << 5000;
+    }
 }
 
-void TestNamedMutex::waitEndsWithHolder()
+void TestNamedMutex::wait()
 {
-    QFETCH(QString, holderEnd);
+    QFETCH(QString, on);
+    QFETCH(QString, end);
     QFETCH(int, timeoutMs);
-    QFETCH(bool, expectFree);
-    QFETCH(int, minElapsedMs);
-    QFETCH(int, maxElapsedMs);
-    const std::string name = "Corvanta_Test_Wait_" + holderEnd.toStdString() + std::to_string(timeoutMs);
-    const QString qname = QString::fromStdString(name);
-
-    QStringList options;
-    if (holderEnd == QLatin1String("release"))
-        options = QStringList{QStringLiteral("--release-after"), QStringLiteral("600")};
-    else if (holderEnd == QLatin1String("exit"))
-        options = QStringList{QStringLiteral("--exit-after"), QStringLiteral("600")};
-    auto holder = holdLocks({qname}, options);
+    QFETCH(bool, ended);
+    QFETCH(int, leastMs);
+    QFETCH(int, mostMs);
+    QTemporaryDir tmp;
+    qputenv("XDG_RUNTIME_DIR", tmp.path().toUtf8());
+    const HelperProcess holder = holdLocks({"W"}, end.split(' ', Qt::SkipEmptyParts));
     QVERIFY(holder);
-
-    NamedMutex opened = openNamedMutex(name);
-    QVERIFY(!opened.isNull());
-
-    bool free = !expectFree;
+    NamedMutex mutex = openNamedMutex("W");
+    ProcessHandle process = openProcess(holder->processId());
+    QVERIFY(!mutex.isNull() && !process.isNull());
     QElapsedTimer clock;
     clock.start();
-    std::unique_ptr<QThread> waiter(QThread::create([&] { free = waitForNamedMutex(opened, timeoutMs); }));
-    waiter->start();
-    if (holderEnd == QLatin1String("kill")) {
-        QThread::msleep(600);
-        holder->kill();
-    }
-    QVERIFY(waiter->wait(20000));
-    const qint64 elapsed = clock.elapsed();
-
-    QCOMPARE(free, expectFree);
-    QVERIFY2(elapsed >= minElapsedMs && elapsed <= maxElapsedMs, QByteArray::number(elapsed).constData());
-    QCOMPARE(existsNow(name), !expectFree);
-    holder->kill();
-    holder->waitForFinished(5000);
-}
-
-void TestNamedMutex::openNeverTakesTheLock()
-{
-    const QString name = QStringLiteral("Corvanta_Test_OpenOnly");
-    auto first = holdLocks({name});
-    QVERIFY(first);
-    NamedMutex opened = openNamedMutex(name.toStdString());
-    QVERIFY(!opened.isNull());
-    QVERIFY(releaseHelper(*first));
-
-    // The opened handle is still there, and yet another process can take the mutex.
-    auto second = holdLocks({name});
-    QVERIFY2(second, "an existence test must not hold the mutex");
-    QVERIFY(releaseHelper(*second));
-
-    // Testing a free mutex leaves it free.
-    QVERIFY(openNamedMutex(name.toStdString()).isNull());
-    auto third = holdLocks({name});
-    QVERIFY(third);
-}
-
-void TestNamedMutex::closedHandleIsNotInheritedByChildren()
-{
-    const std::string name = "Corvanta_Test_Inherit";
-    bool existed = true;
-    NamedMutex mutex = createNamedMutex(name, &existed);
-    QVERIFY(!mutex.isNull());
-
-    // A child started while the mutex is held must not keep it alive after we let go.
-    auto child = holdLocks({});
-    QVERIFY(child);
-    mutex.close();
-    QVERIFY(!existsNow(name));
-    QVERIFY(releaseHelper(*child));
-}
-
-void TestNamedMutex::moveKeepsOneOwner()
-{
-    const std::string a = "Corvanta_Test_MoveA";
-    const std::string b = "Corvanta_Test_MoveB";
-    bool existed = true;
-    NamedMutex holderA = createNamedMutex(a, &existed);
-    NamedMutex holderB = createNamedMutex(b, &existed);
-    QVERIFY(!holderA.isNull() && !holderB.isNull());
-
-    NamedMutex moved(std::move(holderA));
-    QVERIFY(holderA.isNull());
-    holderA.close();  // closing the emptied source must not touch the moved lock
-    QVERIFY(existsNow(a));
-
-    // Assigning over a held mutex gives up the old one.
-    moved = std::move(holderB);
-    QVERIFY(!existsNow(a));
-    QVERIFY(existsNow(b));
-    moved.releaseAndClose();
-    QVERIFY(!existsNow(b));
-}
-
-void TestNamedMutex::nullHandles()
-{
-    NamedMutex none;
-    QVERIFY(none.isNull());
-    QVERIFY(!waitForNamedMutex(none, 0));
-    none.close();
-    none.releaseAndClose();
-    QVERIFY(openNamedMutex("Corvanta_Test_NeverCreated").isNull());
+    QCOMPARE(on == "mutex" ? waitForNamedMutex(mutex, timeoutMs) : waitForProcessEnd(process, timeoutMs), ended);
+    QVERIFY2(clock.elapsed() >= leastMs && clock.elapsed() <= mostMs, qPrintable(QString::number(clock.elapsed())));
 }
 
 QTEST_GUILESS_MAIN(TestNamedMutex)

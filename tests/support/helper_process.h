@@ -1,6 +1,6 @@
 #pragma once
-// Starting the small helper programs built beside the test binaries (lock_holder,
-// classic_lock_holder) and waiting until they report what they hold.
+// Starting the small helper program built beside the test binaries (lock_holder) and
+// waiting until it reports what it holds.
 #include <QCoreApplication>
 #include <QProcess>
 #include <QString>
