@@ -11,7 +11,7 @@ Each row is a dict:
            patch, zstd  lib/c.bin's patch from build 1 and compressed copy, listed with these bytes
            hostile_path one more entry with this path among 30 more good ones
            extra_sizes  more entries "more/fNNNN.bin" of these sizes (None: without "size")
-           serve        {path: bytes} served instead of the listed bytes
+           serve        {path: bytes} served instead of the listed bytes or the documents
            signature    "of another manifest" or "by another key" instead of the right one
            sig_size     the signature padded with line feeds to this many bytes
   rules    {path below the row's directory: fault_server.py rule}; a relative redirect target
@@ -157,6 +157,10 @@ APPLY = [
     # HTTP errors and broken transfers of the two documents: two attempts, then no update.
     *[apply(f"{NAMES[doc]} {code}", manifest_fails(doc), rules={doc: status(code)})
       for doc, code in [(M, 404), (M, 500), (S, 403), (S, 503)]],
+    # An empty body is no document: one request, no retry.
+    *[apply(f"{NAMES[doc]} served empty", [f"[Update] tai {what} that bai -> chay ban hien tai"],
+            publish={"serve": {doc: b""}}, requests=[M, S][:1 + (doc == S)])
+      for doc, what in [(M, "manifest"), (S, ".sig")]],
     # A cut that Qt reports as a short but complete body fails the signature check instead.
     *[apply(f"{NAMES[doc]} cut mid-body", manifest_fails(doc), rules={doc: {"closeAfterBytes": cut}},
             alternatives=[[BAD_SIG], manifest_fails(doc)[:2] + [BAD_SIG]]) for doc, cut in [(M, 200), (S, 20)]],

@@ -67,7 +67,7 @@ def publish(r, out, other_key):
         if size is not None:
             entries[-1]["size"] = size
     data = json.dumps(manifest, indent=1).encode()
-    for path, content in dict(files, **{"mirror/c.bin": files[F]}, **artifacts, **p.get("serve", {})).items():
+    for path, content in dict(files, **{"mirror/c.bin": files[F]}, **artifacts).items():
         write(os.path.join(out, path), content)
     write(os.path.join(out, "manifest.json"), data)
     if p.get("signature") == "of another manifest":
@@ -75,6 +75,8 @@ def publish(r, out, other_key):
     else:
         signature = sign(data, other_key if p.get("signature") == "by another key" else DEV_KEY)
     write(os.path.join(out, "manifest.json.sig"), signature.ljust(p.get("sig_size", 0), b"\n"))
+    for path, content in p.get("serve", {}).items():
+        write(os.path.join(out, path), content)
     return dict(files, **{"manifest.json": data}), dict(files, **artifacts)
 
 

@@ -1,9 +1,6 @@
-// The signature check, against signatures made by the openssl tool. Runs with bad signatures are
-// rows of tests/blackbox and tests/hostile; the fetch rows are empty bodies no row serves.
-#include "update/bounded_network_access.h"
+// The signature check, against signatures made by the openssl tool. Runs with bad or missing
+// signatures are rows of tests/blackbox and tests/hostile.
 #include "update/manifest_signature.h"
-
-#include "support/test_server.h"
 
 #include <QTemporaryDir>
 #include <QtTest>
@@ -30,9 +27,6 @@ QByteArray sign(const QByteArray& data, const QString& key = CORV_DEV_PRIVATE_KE
     return runOpenssl({"dgst", "-sha256", "-sign", key}, data).toBase64();
 }
 
-QStringList captured;
-void captureMessage(QtMsgType, const QMessageLogContext&, const QString& message) { captured << message; }
-
 } // namespace
 
 class TestManifestSignature : public QObject {
@@ -41,8 +35,6 @@ private slots:
     void initTestCase();
     void verify_data();
     void verify();
-    void fetch_data();
-    void fetch();
 
 private:
     QTemporaryDir dir;
@@ -85,56 +77,6 @@ void TestManifestSignature::verify()
     QFETCH(QByteArray, signature);
     QFETCH(bool, valid);
     QCOMPARE(verifyManifestSignature(manifest, signature), valid);
-}
-
-void TestManifestSignature::fetch_data()
-{
-    QTest::addColumn<QByteArray>("manifest");
-    QTest::addColumn<QByteArray>("signature");
-    QTest::addColumn<QStringList>("lines");
-    QTest::addColumn<QStringList>("requests");
-    QTest::newRow("trusted") << kManifest << sign(kManifest) << QStringList()
-                             << QStringList{"a/manifest.json", "a/manifest.json.sig"};
-    QTest::newRow("empty manifest") << QByteArray() << sign(QByteArray())
-                                    << QStringList{"[Update] tai manifest that bai -> chay ban hien tai"}
-                                    << QStringList{"a/manifest.json"};
-    QTest::newRow("empty signature") << kManifest << QByteArray()
-                                     << QStringList{"[Update] tai .sig that bai -> chay ban hien tai"}
-                                     << QStringList{"a/manifest.json", "a/manifest.json.sig"};
-}
-
-void TestManifestSignature::fetch()
-{
-    QFETCH(QByteArray, manifest);
-    QFETCH(QByteArray, signature);
-    QFETCH(QStringList, lines);
-    QFETCH(QStringList, requests);
-    QTemporaryDir root;
-    QVERIFY(QDir(root.path()).mkdir("a"));
-    for (const QString name : {"a/manifest.json", "a/manifest.json.sig"}) {
-        const QByteArray& bytes = name.endsWith(".sig") ? signature : manifest;
-        QFile file(root.filePath(name));
-        QVERIFY(file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size());
-    }
-    TestServer server(root.path());
-    QVERIFY(server.start());
-
-    BoundedNetworkAccessManager network;
-    Manifest parsed;
-    QByteArray raw = "before";
-    captured.clear();
-    const QtMessageHandler previous = qInstallMessageHandler(captureMessage);
-    const bool trusted = fetchTrustedManifest(network, server.url("a/manifest.json"), parsed, raw);
-    qInstallMessageHandler(previous);
-
-    QCOMPARE(captured, lines);
-    QCOMPARE(trusted, lines.isEmpty());
-    QCOMPARE(raw, manifest);
-    QStringList asked;
-    for (const TestServer::Request& request : server.requests())
-        asked << request.path;
-    QCOMPARE(asked, requests);
-    QCOMPARE(parsed.files.isEmpty() ? QString() : parsed.files[0].path, trusted ? "bin/core.dll" : "");
 }
 
 QTEST_GUILESS_MAIN(TestManifestSignature)
