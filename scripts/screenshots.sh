@@ -17,4 +17,4 @@ cmake -S . -B "$build" -G Ninja ${CMAKE_ARGS:-} >/dev/null
 cmake --build "$build" --target ui_screenshots
 mkdir -p "$out"
 xvfb-run --auto-servernum --server-args="-screen 0 1024x768x24 -nolisten tcp" \
-  env QT_QPA_PLATFORM=xcb "$build/bin/tests/ui_screenshots" "$out"
+  env QT_QPA_PLATFORM=xcb "$build/bin/ui_screenshots" "$out"
