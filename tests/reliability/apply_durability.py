@@ -28,13 +28,12 @@ import signal
 import subprocess
 import sys
 import time
-from datetime import datetime
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 SOURCE_DIR = os.path.dirname(os.path.dirname(HERE))
-sys.path[:0] = [os.path.join(SOURCE_DIR, "tests", "blackbox"), os.path.join(SOURCE_DIR, "bench")]
+sys.path[:0] = [os.path.join(SOURCE_DIR, "tests", "support"), os.path.join(SOURCE_DIR, "bench")]
+from harness import bare, files_below, install, log_lines, logged_at, publish, tree_differences, updater_env  # noqa: E402
 from servers import Nginx  # noqa: E402
-from updater_blackbox import files_below, tree_differences, write  # noqa: E402
 
 RUN_FILES = {"updater", "updater.conf", "updater.log"}
 APPLY_FROM = "file tu kho tam"  # "[Update] dung N / M file tu kho tam" ends the download
@@ -55,31 +54,17 @@ class Site:
         self.runs = 0
 
     def publish(self, name, files, version, number):
-        source = os.path.join(self.options.scratch, "builds", name)
-        for path, content in files.items():
-            write(os.path.join(source, path), content)
-        subprocess.run([self.options.publish, "build", "--input", source, "--out", os.path.join(self.www, name),
-                        "--version", version, "--build-number", str(number), "--zstd-level", "0", "--key",
-                        os.path.join(SOURCE_DIR, "keys", "dev_private.pem")], check=True, stdout=subprocess.DEVNULL)
-        with open(os.path.join(self.www, name, "manifest.json"), "rb") as f:
-            return f.read()
+        return publish(self.options.publish, files, os.path.join(self.www, name), version, number)
 
     def install(self, files, serves):
         self.runs += 1
         inst = os.path.join(self.options.scratch, "runs", str(self.runs), "inst")
-        for path, content in files.items():
-            write(os.path.join(inst, path), content)
-        shutil.copy(self.options.updater, os.path.join(inst, "updater"))
-        url = self.nginx.url(serves + "/")
-        write(os.path.join(inst, "updater.conf"), json.dumps({"manifestUrl": url + "manifest.json"}).encode())
+        install(inst, files, self.options.updater, manifestUrl=self.nginx.url(serves + "/manifest.json"))
         return inst
 
     def start(self, inst, args=(), wrap=()):
-        env = dict(os.environ, XDG_RUNTIME_DIR=os.path.join(inst, "..", "locks"), QT_QPA_PLATFORM="offscreen",
-                   LC_ALL="C.UTF-8")
-        os.makedirs(env["XDG_RUNTIME_DIR"], mode=0o700, exist_ok=True)
-        return subprocess.Popen([*wrap, os.path.join(inst, "updater"), *args], env=env, cwd=inst,
-                                stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        return subprocess.Popen([*wrap, os.path.join(inst, "updater"), *args], cwd=inst, stdout=subprocess.DEVNULL,
+                                env=updater_env(os.path.join(inst, "..", "locks")), stderr=subprocess.DEVNULL)
 
     def run(self, inst, args=(), wrap=()):
         code = self.start(inst, args, wrap).wait(180)
@@ -87,9 +72,7 @@ class Site:
             raise RuntimeError(f"updater {' '.join(args)} ended with {code}")
 
     def log(self, inst):
-        with open(os.path.join(inst, "updater.log"), encoding="utf-8") as f:
-            return [(datetime.strptime(line[:23], "%Y-%m-%d %H:%M:%S.%f").timestamp(), line[24:].rstrip().split("] ", 2)[2])
-                    for line in f]
+        return [(logged_at(line).timestamp(), bare(line)) for line in log_lines(inst)]
 
 
 # ---------------------------------------------------------------------------------------------
