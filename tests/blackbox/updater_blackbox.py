@@ -28,12 +28,13 @@ import subprocess
 import sys
 import threading
 import time
+import types
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 SOURCE_DIR = os.path.dirname(os.path.dirname(HERE))
 sys.path[:0] = [HERE, os.path.join(SOURCE_DIR, "tests", "support"), os.path.join(SOURCE_DIR, "bench")]
-from harness import (DEV_KEY, RUN_LIMIT_S, SPAWN_LOCK, files_below, install, log_lines, logged_at,  # noqa: E402
-                     publish, read, run_rows, sign, spawn, tree_differences, updater_env, wait_all, write,
+from harness import (DEV_KEY, RUN_LIMIT_S, files_below, install, log_lines, logged_at,  # noqa: E402
+                     log_problems, publish, read, run_rows, sign, spawn, tree_problems, updater_env, wait_all, write,
                      written_beside)
 from servers import Nginx  # noqa: E402
 from updater_rows import BUILDS, BUILD_NUMBERS, ROWS  # noqa: E402
@@ -209,14 +210,10 @@ class Wine:
 
     def __init__(self, options):
         self.updater, self.helper, self.scratch = options.updater, options.helper, options.scratch
-        self.prefix_lock = threading.RLock()
-
-    def prefix(self, index):
-        """The worker's prefix: the first is made with wineboot, the others are copies of it."""
-        with self.prefix_lock:
-            return self.make_prefix(index)
+        self.prefix_lock = threading.Lock()
 
     def make_prefix(self, index):
+        """The worker's prefix: the first is made with wineboot, the others are copies of it."""
         path = os.path.join(self.scratch, f"wineprefix-{index}")
         if os.path.exists(os.path.join(path, "ready")):
             return path
@@ -230,13 +227,14 @@ class Wine:
             quiet(["wine", "reg", "add", r"HKCU\Software\Wine\X11 Driver", "/v", "Managed", "/d", "N", "/f"], env=env)
             quiet(["wineserver", "-w"], env=env)
         else:
-            sh(["cp", "-a", self.prefix(0), partial])
+            sh(["cp", "-a", self.make_prefix(0), partial])
         write(os.path.join(partial, "ready"), b"")
         os.rename(partial, path)
         return path
 
     def start_worker(self, worker, trusted_ca):
-        worker.prefix = self.prefix(worker.index)
+        with self.prefix_lock:
+            worker.prefix = self.make_prefix(worker.index)
         env = self.env(worker, None)
         # Kept until stop_worker, so that every run starts quickly; it ends by itself a minute
         # after the last Windows process when the harness is killed.
@@ -264,11 +262,6 @@ class Wine:
 
     def inst_in_log(self, inst):
         return "Z:" + inst
-
-
-class Worker:
-    def __init__(self, index):
-        self.index, self.display, self.prefix = index, Xvfb(), None
 
 
 class Harness:
@@ -301,7 +294,8 @@ class Harness:
         `key`, `patches`, and `manifest`: keys set in the published manifest, None removing one,
         a callable changing it; the result is signed again with the same key)."""
         spec = spec if isinstance(spec, dict) else {"build": spec}
-        build, key = spec["build"], DEV_KEY if spec.get("key", "dev") == "dev" else os.path.join(self.keys, "private.pem")
+        build = spec["build"]
+        key = DEV_KEY if spec.get("key", "dev") == "dev" else os.path.join(self.keys, "private.pem")
         # Whole files only, unless the row asks for compressed copies and patches from delta_from.
         manifest = publish(self.options.publish, self.build_files(build), out, spec.get("version", build.split("+")[0]),
                            spec.get("number", BUILD_NUMBERS[build]), key,
@@ -336,8 +330,7 @@ class Harness:
     def url(self, r):
         if r["server"] == "refused":
             return f"http://127.0.0.1:1/{r['name']}/"
-        tls = {"http": None, "https": 0, "https-rogue": 1}[r["server"]]
-        return self.nginx.url(r["name"] + "/", tls=tls)
+        return self.nginx.url(r["name"] + "/", tls={"http": None, "https": 0, "https-rogue": 1}[r["server"]])
 
     def install(self, r, inst):
         installed = files_below(os.path.join(self.run_dir, "installed", r["name"]))
@@ -360,16 +353,13 @@ class Harness:
         return expected
 
     def expected_tree(self, r, installed):
-        if r["tree"] == "installed":
-            tree = dict(installed)
-        else:
-            tree = dict(self.build_files(r["tree"]), **{"manifest.json": read(os.path.join(self.www, r["name"],
-                                                                                          "manifest.json"))})
-        for path, data in r.get("tree_extra", {}).items():
-            tree[self.own_name(path)] = data
-        for path, data in r.get("cache_after", {}).items():
-            tree[".update-cache/" + path] = data
-        return tree
+        """The installation afterwards but updater.conf and updater.log; the running updater's
+        own file stays as it was."""
+        tree = dict(installed) if r["tree"] == "installed" else dict(
+            self.build_files(r["tree"]), **{"manifest.json": read(os.path.join(self.www, r["name"], "manifest.json"))})
+        tree.update({self.own_name(path): data for path, data in r.get("tree_extra", {}).items()})
+        tree.update({".update-cache/" + path: data for path, data in r.get("cache_after", {}).items()})
+        return dict(tree, **{self.target.self_name: read(self.options.updater)})
 
     def run_row(self, r, worker):
         """Runs one row; returns the list of what did not hold, or why it cannot run here."""
@@ -379,13 +369,10 @@ class Harness:
         exe = os.path.join(inst, self.target.self_name)
         env = self.target.env(worker, row_dir)
         trusted_ca = self.trusted if r["server"] == "https" and self.target.name == "native" else None
-        if trusted_ca and os.geteuid() != 0:
-            return "mounting the certificate directory needs root"
-        if r.get("locks") and os.geteuid() != 0:
-            return "giving the lock directory to another user needs root"
+        if os.geteuid() != 0 and (trusted_ca or r.get("locks")):
+            return "needs root: to mount the certificate directory, or to give the lock directory away"
         locks = self.target.break_locks(row_dir, r["locks"]) if r.get("locks") else None
-        with SPAWN_LOCK:
-            dead = subprocess.Popen(["true"])
+        dead = spawn(["true"])
         dead.wait()
         mark = self.nginx.log_mark()
         problems = []
@@ -438,10 +425,9 @@ class Harness:
         raw = log_lines(inst)
         lines = [self.normalize(line[24:], r, inst).replace(locks or "{locks}", "{locks}") for line in raw]
         expected_lines = r["lines"] + (r.get("wine_adds", []) if self.target.name == "wine" else [])
-        if lines != expected_lines:
-            problems.append("log lines:\n      " + "\n      ".join(lines) + "\n    expected:\n      "
-                            + "\n      ".join(expected_lines))
-        problems += self.compare_tree(inst, self.expected_tree(r, installed))
+        problems += log_problems(lines, expected_lines)
+        problems += tree_problems(inst, self.expected_tree(r, installed),
+                                  lambda path: path in ("updater.conf", "updater.log"))
         problems += written_beside(row_dir, ["inst", "locks"])
         requests = [q.uri[len(r["name"]) + 2:] for q in self.nginx.requests(mark) if q.uri.startswith(f"/{r['name']}/")]
         expected_requests = [self.own_name(p) for p in r["requests"]]
@@ -457,17 +443,6 @@ class Harness:
         for name in (self.target.inst_in_log(inst), inst):
             line = line.replace(name, "{inst}")
         return line.replace(self.url(r), "{url}")
-
-    def compare_tree(self, inst, expected):
-        actual = files_below(inst)
-        problems = [] if actual.pop(self.target.self_name, None) == read(self.options.updater) else \
-            ["the running updater's own file changed"]
-        actual.pop("updater.conf", None)
-        actual.pop("updater.log", None)
-        problems += tree_differences(expected, actual)
-        if os.path.exists(os.path.join(inst, ".staging")):
-            problems.append(".staging is left")
-        return problems
 
     def close_box(self, worker, process, r, box, boxes, recorder):
         """Finds the closing message box and presses Return in it. A box given
@@ -516,12 +491,8 @@ class Harness:
             self.nginx.stop()
 
     def open_worker(self, index):
-        worker = Worker(index)
-        try:
-            self.target.start_worker(worker, self.trusted)
-        except Exception:
-            worker.display.stop()
-            raise
+        worker = types.SimpleNamespace(index=index, display=Xvfb(), prefix=None)
+        self.target.start_worker(worker, self.trusted)
         return worker
 
     def close_worker(self, worker):
@@ -532,18 +503,15 @@ class Harness:
 def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
     parser.add_argument("--target", choices=["native", "wine"], required=True)
-    parser.add_argument("--updater", required=True, help="the updater executable (updater.exe for wine)")
-    parser.add_argument("--publish", required=True, help="the native corvanta-publish")
-    parser.add_argument("--lock-holder", help="native: tests' lock_holder")
-    parser.add_argument("--helper", help="wine: win32_test_helper.exe")
-    parser.add_argument("--x11-probe", help="native: tests' x11_probe, which compares message boxes")
-    parser.add_argument("--scratch", required=True, help="working directory, kept between runs (Wine prefixes)")
+    parser.add_argument("--updater", type=os.path.abspath, required=True, help="the updater (updater.exe for wine)")
+    parser.add_argument("--publish", type=os.path.abspath, required=True, help="the native corvanta-publish")
+    parser.add_argument("--lock-holder", type=os.path.abspath, help="native: tests' lock_holder")
+    parser.add_argument("--helper", type=os.path.abspath, help="wine: win32_test_helper.exe")
+    parser.add_argument("--x11-probe", type=os.path.abspath, help="native: tests' x11_probe (compares boxes)")
+    parser.add_argument("--scratch", type=os.path.abspath, required=True, help="kept between runs (Wine prefixes)")
     parser.add_argument("--jobs", type=int, default=2)
     parser.add_argument("--rows", default="", help="only the rows whose name matches this expression")
     options = parser.parse_args()
-    for name in ("updater", "publish", "lock_holder", "helper", "x11_probe", "scratch"):
-        if getattr(options, name):
-            setattr(options, name, os.path.abspath(getattr(options, name)))
     os.makedirs(options.scratch, exist_ok=True)
     target = (Native if options.target == "native" else Wine)(options)
     return Harness(options, target).run()

@@ -29,8 +29,8 @@ import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path[:0] = [HERE, os.path.join(os.path.dirname(HERE), "support")]
-from harness import (bare, files_below, install, log_lines, read, run_rows, sign, spawn, tree_differences,  # noqa: E402
-                     updater_env, wait_all, write, written_beside)
+from harness import (bare, files_below, install, log_lines, log_problems, read, run_rows, sign, spawn,  # noqa: E402
+                     tree_differences, tree_problems, updater_env, wait_all, write, written_beside)
 from hostile_rows import BUILD1, BUILD2, C2, F, PACKED_PATH, PATCH_PATH, ROWS, C1, sha256  # noqa: E402
 
 FAULT_SERVER = os.path.join(os.path.dirname(HERE), "support", "fault_server.py")
@@ -95,9 +95,9 @@ def plant(kind, path, inst, outside):
         os.symlink("/dev/zero" if kind == "zero" else target, full)
 
 
-def installation(files):
-    """The installation's files but the log and the cache."""
-    return {p: d for p, d in files.items() if p != "updater.log" and not p.startswith(".update-cache/")}
+def ignored(path):
+    """Not the installation's files: the log and the cache."""
+    return path == "updater.log" or path.startswith(".update-cache/")
 
 
 def matches(expected, lines):
@@ -145,8 +145,8 @@ class Runner:
                         self.other_key], check=True)
         self.published, rules = {}, {}
         for r in self.rows:
-            base = f"r{r['index']:03d}/"
-            self.published[r["index"]] = publish(r, os.path.join(self.www, base), self.other_key)
+            base = r["base"] + "/"
+            self.published[base] = publish(r, os.path.join(self.www, base), self.other_key)
             for path, rule in r.get("rules", {}).items():
                 target = rule.get("redirectTo", "://")
                 rules[base + path] = rule if "://" in target else dict(rule, redirectTo=base + target)
@@ -156,20 +156,19 @@ class Runner:
         self.url = f"http://127.0.0.1:{self.server.stdout.readline().strip()}/"
 
     def run_row(self, r, _):
-        tmp = os.path.join(self.top, "runs", f"r{r['index']:03d}", "tmp")
+        tmp = os.path.join(self.top, "runs", r["base"], "tmp")
         if r.get("volume"):
             os.makedirs(tmp)
             # A small filesystem needs root and a working mount; without them the row is skipped.
             if subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={r['volume']}", "tmpfs", tmp]).returncode:
                 return f"cannot mount a {r['volume']} tmpfs"
         try:
-            return self.run_installation(r["index"], r)
+            return self.run_installation(r["base"], r)
         finally:
             if r.get("volume"):
                 subprocess.run(["umount", tmp], check=True)
 
-    def run_installation(self, index, r):
-        base = f"r{index:03d}"
+    def run_installation(self, base, r):
         url = self.url + base + "/"
         row_dir = os.path.join(self.top, "runs", base)
         tmp, home, outside = (os.path.join(row_dir, d) for d in ("tmp", "home", "outside"))
@@ -185,7 +184,7 @@ class Runner:
         if r.get("link"):
             plant(*r["link"], inst, outside)
         outside_before = list(os.walk(outside)), files_below(outside)
-        before = installation(files_below(inst))
+        before = {p: d for p, d in files_below(inst).items() if not ignored(p)}
 
         env = updater_env(os.path.join(row_dir, "locks"), TMPDIR=tmp, HOME=home)
         modes, problems = [r["mode"]] + ([r["then"]] if r.get("then") else []), []
@@ -200,18 +199,14 @@ class Runner:
         tags = tuple("[UpdatePrefetch] " if mode == "prefetch" else "[Update] " for mode in modes)
         lines = [bare(line).replace(url, "{url}") for line in log_lines(inst) if bare(line).startswith(tags)]
         if not any(matches(expected, lines) for expected in [r["lines"]] + r.get("alternatives", [])):
-            problems.append("log lines:\n      " + "\n      ".join(lines) + "\n    expected:\n      "
-                            + "\n      ".join(str(p) for p in r["lines"]))
+            problems += log_problems(lines, r["lines"])
 
         problems += written_beside(tmp, ["inst"]) + written_beside(home, [])
         if (list(os.walk(outside)), files_below(outside)) != outside_before:
             problems.append(f"written through the link at {r['link'][1]}")
-        if os.path.lexists(os.path.join(inst, ".staging")):
-            problems.append(".staging is left")
-        tree, truth = self.published[index]
-        actual = files_below(inst)
-        problems += tree_differences(dict(before, **tree) if r.get("updates") else before, installation(actual))
-        for path, data in actual.items():
+        tree, truth = self.published[base + "/"]
+        problems += tree_problems(inst, dict(before, **tree) if r.get("updates") else before, ignored)
+        for path, data in files_below(inst).items():
             rel = path[len(CACHE):]
             part = rel.endswith(".part")
             right = truth.get(rel[:-5] if part else rel)
@@ -219,7 +214,7 @@ class Runner:
                                            or not (right.startswith(data) if part else data == right)):
                 problems.append(f"cache holds bad bytes in {rel} ({len(data or b'')} bytes)")
         if "cache" in r:
-            problems += self.cache_differences(r, index, url, files_below(os.path.join(inst, ".update-cache")))
+            problems += self.cache_differences(r, base, url, files_below(os.path.join(inst, ".update-cache")))
         requests = self.requests_of(base)
         if "requests" in r and [q for q, _ in requests] != r["requests"]:
             problems.append(f"requests {[q for q, _ in requests]}, expected {r['requests']}")
@@ -246,12 +241,12 @@ class Runner:
                 app.kill()
         return app, tick
 
-    def cache_differences(self, r, index, url, actual):
+    def cache_differences(self, r, base, url, actual):
         """The cache against the row's `cache`: bytes, a published file's name, or a JSON document."""
         expected = {}
         for path, value in r["cache"].items():
             if isinstance(value, str):
-                value = read(os.path.join(self.www, f"r{index:03d}", value))
+                value = read(os.path.join(self.www, base, value))
             elif isinstance(value, dict):
                 value = json.loads(json.dumps(value).replace("{url}", url))
                 if actual.get(path):
@@ -261,13 +256,10 @@ class Runner:
 
     def requests_of(self, base):
         """The row's requests, "path" or "path bytes=N-" with a Range header, and their times."""
-        found = []
         with open(os.path.join(self.top, "control", "requests.jsonl"), encoding="utf-8") as f:
-            for record in map(json.loads, f):
-                if record["path"].startswith(base + "/"):
-                    ranges = [v for k, v in record["headers"] if k == "range"]
-                    found.append((" ".join([record["path"][len(base) + 1:]] + ranges), record["time"]))
-        return found
+            records = [json.loads(line) for line in f]
+        return [(" ".join([q["path"][len(base) + 1:]] + [v for k, v in q["headers"] if k == "range"]), q["time"])
+                for q in records if q["path"].startswith(base + "/")]
 
     def run(self):
         code = run_rows(self.rows, self.options.jobs, self.run_row)
@@ -278,14 +270,13 @@ class Runner:
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
-    parser.add_argument("--updater", required=True)
-    parser.add_argument("--scratch", required=True)
+    parser.add_argument("--updater", type=os.path.abspath, required=True)
+    parser.add_argument("--scratch", type=os.path.abspath, required=True)
     parser.add_argument("--slow", action="store_true", help="the rows that wait out time limits, and only those")
     parser.add_argument("--jobs", type=int, default=2)
     parser.add_argument("--rows", default="", help="only the rows whose name matches this expression")
     options = parser.parse_args()
-    options.updater, options.scratch = os.path.abspath(options.updater), os.path.abspath(options.scratch)
-    rows = [dict(r, index=i) for i, r in enumerate(ROWS)
+    rows = [dict(r, base=f"r{i:03d}") for i, r in enumerate(ROWS)
             if r.get("slow", False) == options.slow and re.search(options.rows, r["name"])]
     return Runner(options, rows).run()
 

@@ -3,6 +3,7 @@ and published builds, installations, the updater's environment and log, and the 
 rows (a failed row never stops the others)."""
 
 import base64
+import concurrent.futures
 import datetime
 import json
 import os
@@ -123,6 +124,18 @@ def tree_differences(expected, actual):
                if expected[p] != actual[p]])
 
 
+def tree_problems(inst, expected, ignored):
+    """What differs between expected and the installation but its paths for which ignored holds,
+    and a ".staging" left."""
+    actual = {p: d for p, d in files_below(inst).items() if not ignored(p)}
+    return tree_differences(expected, actual) + ([".staging is left"] * os.path.lexists(os.path.join(inst, ".staging")))
+
+
+def log_problems(lines, expected):
+    return [] if lines == expected else ["log lines:\n      " + "\n      ".join(lines) + "\n    expected:\n      "
+                                         + "\n      ".join(map(str, expected))]
+
+
 def written_beside(top, own):
     """What a run left in top besides the entries it owns."""
     extra = sorted(set(os.listdir(top)) - set(own))
@@ -130,41 +143,31 @@ def written_beside(top, own):
 
 
 def run_rows(rows, jobs, run_row, open_worker=lambda index: None, close_worker=lambda worker: None, label=""):
-    """run_row(row, worker) for every row on jobs threads, each with a worker of its own; it
+    """run_row(row, worker) for every row on jobs threads, each row with one of jobs workers; it
     returns the row's problems, or why the row cannot run here. Prints a line a row; returns
     the exit code."""
-    pending, results, began = queue.SimpleQueue(), {}, time.monotonic()
-    for i in range(len(rows)):
-        pending.put(i)
+    began, workers = time.monotonic(), queue.SimpleQueue()
+    for index in range(jobs):
+        workers.put(open_worker(index))
 
-    def work(index):
-        worker = open_worker(index)
+    def one(r):
+        worker, started = workers.get(), time.monotonic()
         try:
-            while not pending.empty():
-                try:
-                    i, started = pending.get_nowait(), time.monotonic()
-                except queue.Empty:
-                    break
-                try:
-                    outcome = run_row(rows[i], worker)
-                except Exception as e:  # a broken row is a failed row, the others go on
-                    outcome = [f"{type(e).__name__}: {e}"]
-                results[i] = outcome, time.monotonic() - started
+            return run_row(r, worker), time.monotonic() - started
+        except Exception as e:  # a broken row is a failed row, the others go on
+            return [f"{type(e).__name__}: {e}"], time.monotonic() - started
         finally:
-            close_worker(worker)
-    threads = [threading.Thread(target=work, args=(index,)) for index in range(jobs)]
-    for t in threads:
-        t.start()
-    for t in threads:
-        t.join()
+            workers.put(worker)
+    with concurrent.futures.ThreadPoolExecutor(jobs) as pool:
+        results = list(pool.map(one, rows))
+    for _ in range(jobs):
+        close_worker(workers.get())
     failed = skipped = 0
-    for i, r in enumerate(rows):
-        outcome, seconds = results.get(i, (["not run"], 0))
-        skipped += isinstance(outcome, str)
-        failed += bool(outcome) and not isinstance(outcome, str)
-        status = f"skip ({outcome})" if isinstance(outcome, str) else "FAIL" if outcome else "ok"
-        print(f"{status:4} {label}{seconds:5.1f} s  {r['name']}")
-        for problem in [] if isinstance(outcome, str) else outcome:
+    for r, (outcome, seconds) in zip(rows, results):
+        skip = isinstance(outcome, str)
+        skipped, failed = skipped + skip, failed + (bool(outcome) and not skip)
+        print(f"{f'skip ({outcome})' if skip else 'FAIL' if outcome else 'ok':4} {label}{seconds:5.1f} s  {r['name']}")
+        for problem in [] if skip else outcome:
             print("    " + problem)
     print(f"{len(rows) - failed - skipped} of {len(rows)} rows passed{f' {label}' if label else ''}"
           f"{f', {skipped} skipped' if skipped else ''} in {time.monotonic() - began:.1f} s")
