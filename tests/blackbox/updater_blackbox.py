@@ -22,24 +22,23 @@ import base64
 import datetime
 import json
 import os
-import queue
 import re
 import shutil
-import struct
 import subprocess
 import sys
 import threading
 import time
-import zlib
+import types
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 SOURCE_DIR = os.path.dirname(os.path.dirname(HERE))
-sys.path.insert(0, os.path.join(SOURCE_DIR, "bench"))
-sys.path.insert(0, HERE)
+sys.path[:0] = [HERE, os.path.join(SOURCE_DIR, "tests", "support"), os.path.join(SOURCE_DIR, "bench")]
+from harness import (DEV_KEY, RUN_LIMIT_S, files_below, install, log_lines, logged_at,  # noqa: E402
+                     log_problems, publish, read, run_rows, sign, spawn, tree_problems, updater_env, wait_all, write,
+                     written_beside)
 from servers import Nginx  # noqa: E402
 from updater_rows import BUILDS, BUILD_NUMBERS, ROWS  # noqa: E402
 
-RUN_LIMIT_S = 90
 WINE_ENV = {"WINEDEBUG": "-all", "WINEDLLOVERRIDES": "mscoree,mshtml="}
 BOX_TITLE = "Corvanta — Cập nhật"
 # The status window: 360 x 90, centred on the 1024 x 768 screen of Xvfb.
@@ -55,70 +54,6 @@ def quiet(argv, **kwargs):
     subprocess.run(argv, check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, **kwargs)
 
 
-def write(path, data):
-    os.makedirs(os.path.dirname(path), exist_ok=True)
-    with open(path, "wb") as f:
-        f.write(data)
-
-
-def sign(data, key_path):
-    """The manifest signature: base64 of the DER ECDSA signature over SHA-256."""
-    der = subprocess.run(["openssl", "dgst", "-sha256", "-sign", key_path], input=data, check=True,
-                         stdout=subprocess.PIPE).stdout
-    return base64.b64encode(der)
-
-
-# A child forked while another thread still has a fresh copy of an executable open for writing
-# keeps that descriptor until its exec, and exec of the copy then fails with ETXTBSY: copies
-# of executables and starts of processes take turns.
-SPAWN_LOCK = threading.Lock()
-
-
-def spawn(argv, **kwargs):
-    with SPAWN_LOCK:
-        return subprocess.Popen(argv, **kwargs)
-
-
-def wait_all(processes, limit_s):
-    """Waits for every process (killing those still running after limit_s); returns their exit
-    codes and the moments they were seen ending, in the order given."""
-    ends = [None] * len(processes)
-    deadline = time.monotonic() + limit_s
-    while None in ends:
-        for i, process in enumerate(processes):
-            if ends[i] is None and (process.poll() is not None or time.monotonic() > deadline):
-                if process.poll() is None:
-                    process.kill()
-                    process.wait()
-                    process.returncode = f"killed after {limit_s} s"
-                ends[i] = time.monotonic()
-        time.sleep(0.05)
-    return [p.returncode for p in processes], ends
-
-
-def files_below(top):
-    """relative path -> bytes of every file below top (links to files followed), None for what
-    is no regular file (a FIFO, a device, a dangling link), which is never opened."""
-    found = {}
-    for base, _, names in os.walk(top):
-        for name in names:
-            path = os.path.join(base, name)
-            data = None
-            if os.path.isfile(path):
-                with open(path, "rb") as f:
-                    data = f.read()
-            found[os.path.relpath(path, top).replace(os.sep, "/")] = data
-    return found
-
-
-def tree_differences(expected, actual):
-    """What differs between two maps of files_below."""
-    return ([f"missing {p}" for p in sorted(set(expected) - set(actual))]
-            + [f"unexpected {p}" for p in sorted(set(actual) - set(expected))]
-            + [f"{p} differs from the expected bytes" for p in sorted(set(expected) & set(actual))
-               if expected[p] != actual[p]])
-
-
 class Pki:
     """A private CA with a server certificate for 127.0.0.1, made with openssl at test time."""
 
@@ -130,12 +65,10 @@ class Pki:
             "-days", "2", "-subj", f"/CN={name}", "-addext", "basicConstraints=critical,CA:TRUE",
             "-addext", "keyUsage=critical,keyCertSign,cRLSign"])
         sh(["openssl", "x509", "-in", self.ca, "-outform", "der", "-out", self.ca_der])
-        sh(["openssl", "req", "-newkey", "rsa:2048", "-nodes", "-keyout", self.key, "-out", p("server.csr"),
-            "-subj", "/CN=127.0.0.1"])
-        with open(p("server.ext"), "w") as f:
-            f.write("subjectAltName=IP:127.0.0.1\nextendedKeyUsage=serverAuth\nbasicConstraints=CA:FALSE\n")
-        sh(["openssl", "x509", "-req", "-in", p("server.csr"), "-CA", self.ca, "-CAkey", p("ca.key"),
-            "-CAcreateserial", "-days", "2", "-extfile", p("server.ext"), "-out", self.cert])
+        sh(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", self.key, "-out", self.cert,
+            "-CA", self.ca, "-CAkey", p("ca.key"), "-days", "2", "-subj", "/CN=127.0.0.1",
+            "-addext", "subjectAltName=IP:127.0.0.1", "-addext", "extendedKeyUsage=serverAuth",
+            "-addext", "basicConstraints=CA:FALSE"])
         # A certificate directory as OpenSSL looks things up: the CA under its subject hash.
         self.dir = p("certs")
         os.makedirs(self.dir, exist_ok=True)
@@ -144,14 +77,12 @@ class Pki:
 
 
 class Xvfb:
-    """One virtual X display; its screen is also a file (-fbdir) for screenshots."""
+    """One virtual X display."""
 
-    def __init__(self, top):
-        os.makedirs(top, exist_ok=True)
-        self.fb = os.path.join(top, "Xvfb_screen0")
+    def __init__(self):
         read_end, write_end = os.pipe()
         self.process = subprocess.Popen(
-            ["Xvfb", "-displayfd", str(write_end), "-screen", "0", "1024x768x24", "-nolisten", "tcp", "-fbdir", top],
+            ["Xvfb", "-displayfd", str(write_end), "-screen", "0", "1024x768x24", "-nolisten", "tcp"],
             pass_fds=[write_end], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         os.close(write_end)
         with os.fdopen(read_end) as f:
@@ -160,31 +91,6 @@ class Xvfb:
     def stop(self):
         self.process.terminate()
         self.process.wait(10)
-
-    def screenshot(self, png_path, x, y, width, height):
-        """Writes the rectangle of the screen as a PNG (the XWD file of -fbdir, 32 bits a pixel)."""
-        with open(self.fb, "rb") as f:
-            data = f.read()
-        fields = struct.unpack(">25I", data[:100])
-        header_size, byte_order, bytes_per_line, ncolors = fields[0], fields[7], fields[12], fields[19]
-        masks = fields[14:17]
-        order = "<" if byte_order == 0 else ">"
-        start = header_size + ncolors * 12
-        rows = []
-        for row in range(y, y + height):
-            offset = start + row * bytes_per_line + x * 4
-            pixels = struct.unpack(f"{order}{width}I", data[offset:offset + width * 4])
-            line = bytearray(b"\0")
-            for pixel in pixels:
-                for mask in masks:
-                    line.append((pixel & mask) >> ((mask & -mask).bit_length() - 1))
-            rows.append(bytes(line))
-
-        def chunk(kind, body):
-            return struct.pack(">I", len(body)) + kind + body + struct.pack(">I", zlib.crc32(kind + body))
-        png = (b"\x89PNG\r\n\x1a\n" + chunk(b"IHDR", struct.pack(">IIBBBBB", width, height, 8, 2, 0, 0, 0))
-               + chunk(b"IDAT", zlib.compress(b"".join(rows), 9)) + chunk(b"IEND", b""))
-        write(png_path, png)
 
 
 class MapRecorder:
@@ -267,10 +173,7 @@ class Native:
         pass
 
     def env(self, worker, row_dir):
-        locks = os.path.join(row_dir, "locks")
-        os.makedirs(locks, exist_ok=True)
-        return dict(os.environ, XDG_RUNTIME_DIR=locks, QT_QPA_PLATFORM="xcb", DISPLAY=worker.display.display,
-                    LC_ALL="C.UTF-8")
+        return updater_env(os.path.join(row_dir, "locks"), QT_QPA_PLATFORM="xcb", DISPLAY=worker.display.display)
 
     def break_locks(self, row_dir, how):
         """Leaves the row's lock directory as a run must refuse it."""
@@ -307,14 +210,10 @@ class Wine:
 
     def __init__(self, options):
         self.updater, self.helper, self.scratch = options.updater, options.helper, options.scratch
-        self.prefix_lock = threading.RLock()
-
-    def prefix(self, index):
-        """The worker's prefix: the first is made with wineboot, the others are copies of it."""
-        with self.prefix_lock:
-            return self.make_prefix(index)
+        self.prefix_lock = threading.Lock()
 
     def make_prefix(self, index):
+        """The worker's prefix: the first is made with wineboot, the others are copies of it."""
         path = os.path.join(self.scratch, f"wineprefix-{index}")
         if os.path.exists(os.path.join(path, "ready")):
             return path
@@ -328,13 +227,14 @@ class Wine:
             quiet(["wine", "reg", "add", r"HKCU\Software\Wine\X11 Driver", "/v", "Managed", "/d", "N", "/f"], env=env)
             quiet(["wineserver", "-w"], env=env)
         else:
-            sh(["cp", "-a", self.prefix(0), partial])
+            sh(["cp", "-a", self.make_prefix(0), partial])
         write(os.path.join(partial, "ready"), b"")
         os.rename(partial, path)
         return path
 
     def start_worker(self, worker, trusted_ca):
-        worker.prefix = self.prefix(worker.index)
+        with self.prefix_lock:
+            worker.prefix = self.make_prefix(worker.index)
         env = self.env(worker, None)
         # Kept until stop_worker, so that every run starts quickly; it ends by itself a minute
         # after the last Windows process when the harness is killed.
@@ -364,13 +264,6 @@ class Wine:
         return "Z:" + inst
 
 
-class Worker:
-    def __init__(self, index, scratch):
-        self.index = index
-        self.display = Xvfb(os.path.join(scratch, f"display-{index}"))
-        self.prefix = None
-
-
 class Harness:
     def __init__(self, options, target):
         self.options, self.target = options, target
@@ -396,30 +289,20 @@ class Harness:
     def build_files(self, build):
         return {self.own_name(path): data for path, data in BUILDS[build].items()}
 
-    def publish_build(self, build, out, version=None, number=None, key="dev", delta_from=None):
-        source = out + ".input"
-        for path, data in self.build_files(build).items():
-            write(os.path.join(source, path), data)
-        key_path = os.path.join(SOURCE_DIR, "keys", "dev_private.pem") if key == "dev" else \
-            os.path.join(self.keys, "private.pem")
-        # Whole files only, unless the row asks for compressed copies and patches from delta_from.
-        smaller = ["--delta-from", delta_from] if delta_from else ["--zstd-level", "0"]
-        sh([self.options.publish, "build", "--input", source, "--out", out, "--version", version or build.split("+")[0],
-            "--build-number", str(number if number is not None else BUILD_NUMBERS[build]), "--key", key_path]
-           + smaller)
-        return key_path
-
     def publish_as(self, spec, out, delta_from=None):
         """Publishes a build named by a row ("2.0", or a dict with `build`, `version`, `number`,
         `key`, `patches`, and `manifest`: keys set in the published manifest, None removing one,
         a callable changing it; the result is signed again with the same key)."""
         spec = spec if isinstance(spec, dict) else {"build": spec}
-        key = self.publish_build(spec["build"], out, spec.get("version"), spec.get("number"), spec.get("key", "dev"),
-                                 delta_from if spec.get("patches") else None)
+        build = spec["build"]
+        key = DEV_KEY if spec.get("key", "dev") == "dev" else os.path.join(self.keys, "private.pem")
+        # Whole files only, unless the row asks for compressed copies and patches from delta_from.
+        manifest = publish(self.options.publish, self.build_files(build), out, spec.get("version", build.split("+")[0]),
+                           spec.get("number", BUILD_NUMBERS[build]), key,
+                           *[["--delta-from", delta_from]] if spec.get("patches") else [])
         edit = spec.get("manifest")
         if edit:
-            with open(os.path.join(out, "manifest.json"), "rb") as f:
-                manifest = json.loads(f.read())
+            manifest = json.loads(manifest)
             if callable(edit):
                 edit(manifest)
             else:
@@ -440,22 +323,21 @@ class Harness:
             os.remove(os.path.join(out, path))
         if published.get("tamper") == "signature":
             sig_path = os.path.join(out, "manifest.json.sig")
-            with open(sig_path, "rb") as f:
-                der = bytearray(base64.b64decode(f.read()))
+            der = bytearray(base64.b64decode(read(sig_path)))
             der[-1] ^= 0x01  # still a well-formed signature, of nothing that was signed
             write(sig_path, base64.b64encode(bytes(der)))
 
     def url(self, r):
         if r["server"] == "refused":
             return f"http://127.0.0.1:1/{r['name']}/"
-        tls = {"http": None, "https": 0, "https-rogue": 1}[r["server"]]
-        return self.nginx.url(r["name"] + "/", tls=tls)
+        return self.nginx.url(r["name"] + "/", tls={"http": None, "https": 0, "https-rogue": 1}[r["server"]])
 
     def install(self, r, inst):
-        installed = os.path.join(self.run_dir, "installed", r["name"])
-        expected = {path: data for path, data in files_below(installed).items() if path != "manifest.json.sig"}
-        for path, data in expected.items():
-            write(os.path.join(inst, path), data)
+        installed = files_below(os.path.join(self.run_dir, "installed", r["name"]))
+        expected = {path: data for path, data in installed.items() if path != "manifest.json.sig"}
+        url = self.url(r)
+        install(inst, expected, self.options.updater, self.target.self_name,
+                **({"manifestUrl": url + "manifest.json", "baseUrl": url} if r.get("config", True) else {}))
         for path, change in r.get("damage", {}).items():
             full = os.path.join(inst, path)
             if change is None:
@@ -466,44 +348,31 @@ class Harness:
                 write(full, change)
         for path in r.get("read_only", []):
             os.chmod(os.path.join(inst, path), 0o444)  # Wine shows it as FILE_ATTRIBUTE_READONLY
-        with SPAWN_LOCK:
-            shutil.copy(self.options.updater, os.path.join(inst, self.target.self_name))
         for path, data in r.get("cache", {}).items():
             write(os.path.join(inst, ".update-cache", path), data)
-        url = self.url(r)
-        if r.get("config", True):
-            write(os.path.join(inst, "updater.conf"),
-                  json.dumps({"manifestUrl": url + "manifest.json", "baseUrl": url}).encode())
         return expected
 
     def expected_tree(self, r, installed):
-        if r["tree"] == "installed":
-            tree = dict(installed)
-        else:
-            tree = self.build_files(r["tree"])
-            with open(os.path.join(self.www, r["name"], "manifest.json"), "rb") as f:
-                tree["manifest.json"] = f.read()
-        for path, data in r.get("tree_extra", {}).items():
-            tree[self.own_name(path)] = data
-        for path, data in r.get("cache_after", {}).items():
-            tree[".update-cache/" + path] = data
-        return tree
+        """The installation afterwards but updater.conf and updater.log; the running updater's
+        own file stays as it was."""
+        tree = dict(installed) if r["tree"] == "installed" else dict(
+            self.build_files(r["tree"]), **{"manifest.json": read(os.path.join(self.www, r["name"], "manifest.json"))})
+        tree.update({self.own_name(path): data for path, data in r.get("tree_extra", {}).items()})
+        tree.update({".update-cache/" + path: data for path, data in r.get("cache_after", {}).items()})
+        return dict(tree, **{self.target.self_name: read(self.options.updater)})
 
     def run_row(self, r, worker):
-        """Runs one row; returns the list of what did not hold, or None when it cannot run here."""
+        """Runs one row; returns the list of what did not hold, or why it cannot run here."""
         row_dir = os.path.join(self.run_dir, "rows", r["name"])
         inst = os.path.join(row_dir, "inst")
         installed = self.install(r, inst)
         exe = os.path.join(inst, self.target.self_name)
         env = self.target.env(worker, row_dir)
         trusted_ca = self.trusted if r["server"] == "https" and self.target.name == "native" else None
-        if trusted_ca and os.geteuid() != 0:
-            return None  # mounting the certificate directory needs root
-        if r.get("locks") and os.geteuid() != 0:
-            return None  # giving the lock directory to another user needs root
+        if os.geteuid() != 0 and (trusted_ca or r.get("locks")):
+            return "needs root: to mount the certificate directory, or to give the lock directory away"
         locks = self.target.break_locks(row_dir, r["locks"]) if r.get("locks") else None
-        with SPAWN_LOCK:
-            dead = subprocess.Popen(["true"])
+        dead = spawn(["true"])
         dead.wait()
         mark = self.nginx.log_mark()
         problems = []
@@ -553,23 +422,19 @@ class Harness:
             recorder.stop()
             if windows != r["windows"]:
                 problems.append(f"windows {windows}, expected {r['windows']}")
-        raw = open(os.path.join(inst, "updater.log"), encoding="utf-8").read().splitlines() \
-            if os.path.exists(os.path.join(inst, "updater.log")) else []
+        raw = log_lines(inst)
         lines = [self.normalize(line[24:], r, inst).replace(locks or "{locks}", "{locks}") for line in raw]
         expected_lines = r["lines"] + (r.get("wine_adds", []) if self.target.name == "wine" else [])
-        if lines != expected_lines:
-            problems.append("log lines:\n      " + "\n      ".join(lines) + "\n    expected:\n      "
-                            + "\n      ".join(expected_lines))
-        problems += self.compare_tree(inst, self.expected_tree(r, installed))
-        beside = sorted(set(os.listdir(row_dir)) - {"inst", "locks"})
-        if beside:
-            problems.append(f"written beside the installation: {beside}")
+        problems += log_problems(lines, expected_lines)
+        problems += tree_problems(inst, self.expected_tree(r, installed),
+                                  lambda path: path in ("updater.conf", "updater.log"))
+        problems += written_beside(row_dir, ["inst", "locks"])
         requests = [q.uri[len(r["name"]) + 2:] for q in self.nginx.requests(mark) if q.uri.startswith(f"/{r['name']}/")]
         expected_requests = [self.own_name(p) for p in r["requests"]]
         if requests != expected_requests:
             problems.append(f"requests {requests}, expected {expected_requests}")
         if r.get("waits"):
-            first = datetime.datetime.strptime(raw[0][:23], "%Y-%m-%d %H:%M:%S.%f") if raw else None
+            first = logged_at(raw[0]) if raw else None
             if not first or "at" not in live_end or first < live_end["at"] - datetime.timedelta(seconds=0.5):
                 problems.append(f"first log line at {first}, the waited-for process ended at {live_end.get('at')}")
         return problems
@@ -579,20 +444,8 @@ class Harness:
             line = line.replace(name, "{inst}")
         return line.replace(self.url(r), "{url}")
 
-    def compare_tree(self, inst, expected):
-        actual = files_below(inst)
-        with open(self.options.updater, "rb") as f:
-            problems = [] if actual.pop(self.target.self_name, None) == f.read() else \
-                ["the running updater's own file changed"]
-        actual.pop("updater.conf", None)
-        actual.pop("updater.log", None)
-        problems += tree_differences(expected, actual)
-        if os.path.exists(os.path.join(inst, ".staging")):
-            problems.append(".staging is left")
-        return problems
-
     def close_box(self, worker, process, r, box, boxes, recorder):
-        """Finds the closing message box, takes its picture, and presses Return in it. A box given
+        """Finds the closing message box and presses Return in it. A box given
         as (kind, text) must look exactly like a box of that kind and text drawn by x11_probe
         (natively), and the updater's lock must be free while it is up."""
         env = dict(os.environ, DISPLAY=worker.display.display)
@@ -606,11 +459,6 @@ class Harness:
             return [f"no window named {BOX_TITLE} appeared (updater exit code {process.poll()})"]
         sh(["xdotool", "mousemove", "0", "0"], env=env)  # no pointer in the picture
         time.sleep(1.0)  # let it paint
-        geometry = dict(line.split("=") for line in sh(["xdotool", "getwindowgeometry", "--shell", window[0]],
-                                                         env=env).decode().split())
-        if r["name"] == "proactive-message-box":
-            picture = os.path.join(self.options.screenshots or self.run_dir, f"{self.target.name}-outcome-3-updated.png")
-            worker.display.screenshot(picture, *(int(geometry[k]) for k in ("X", "Y", "WIDTH", "HEIGHT")))
         problems = [] if process.poll() is None else ["the updater ended before the box was closed"]
         boxes.append(int(window[0]))
         if isinstance(box, tuple) and self.target.name == "native":
@@ -636,67 +484,34 @@ class Harness:
 
     def run(self):
         self.nginx.start()
-        jobs = queue.Queue()
-        for r in self.rows:
-            jobs.put(r)
-        results = {}
+        try:
+            return run_rows(self.rows, self.options.jobs, self.run_row, self.open_worker, self.close_worker,
+                            self.target.name)
+        finally:
+            self.nginx.stop()
 
-        def work(index):
-            worker = Worker(index, self.scratch)
-            try:
-                self.target.start_worker(worker, self.trusted)
-                while True:
-                    try:
-                        r = jobs.get_nowait()
-                    except queue.Empty:
-                        break
-                    began = time.monotonic()
-                    try:
-                        problems = self.run_row(r, worker)
-                    except Exception as e:  # a broken row is a failed row, the others go on
-                        problems = [f"{type(e).__name__}: {e}"]
-                    results[r["name"]] = (problems, time.monotonic() - began)
-                self.target.stop_worker(worker)
-            finally:
-                worker.display.stop()
+    def open_worker(self, index):
+        worker = types.SimpleNamespace(index=index, display=Xvfb(), prefix=None)
+        self.target.start_worker(worker, self.trusted)
+        return worker
 
-        began = time.monotonic()
-        threads = [threading.Thread(target=work, args=(i,)) for i in range(self.options.jobs)]
-        for t in threads:
-            t.start()
-        for t in threads:
-            t.join()
-        self.nginx.stop()
-        failed = skipped = 0
-        for r in self.rows:
-            problems, seconds = results.get(r["name"], (["not run"], 0))
-            failed += bool(problems)
-            skipped += problems is None
-            status = "skip (needs root)" if problems is None else "FAIL" if problems else "ok"
-            print(f"{status:4} {self.target.name:6} {r['name']:32} {seconds:5.1f} s")
-            for problem in problems or []:
-                print("    " + problem)
-        print(f"{len(self.rows) - failed - skipped} of {len(self.rows)} rows passed on {self.target.name}"
-              f"{f', {skipped} skipped' if skipped else ''} in {time.monotonic() - began:.1f} s")
-        return 1 if failed else 0
+    def close_worker(self, worker):
+        self.target.stop_worker(worker)
+        worker.display.stop()
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
     parser.add_argument("--target", choices=["native", "wine"], required=True)
-    parser.add_argument("--updater", required=True, help="the updater executable (updater.exe for wine)")
-    parser.add_argument("--publish", required=True, help="the native corvanta-publish")
-    parser.add_argument("--lock-holder", help="native: tests' lock_holder")
-    parser.add_argument("--helper", help="wine: win32_test_helper.exe")
-    parser.add_argument("--x11-probe", help="native: tests' x11_probe, which compares message boxes")
-    parser.add_argument("--scratch", required=True, help="working directory, kept between runs (Wine prefixes)")
+    parser.add_argument("--updater", type=os.path.abspath, required=True, help="the updater (updater.exe for wine)")
+    parser.add_argument("--publish", type=os.path.abspath, required=True, help="the native corvanta-publish")
+    parser.add_argument("--lock-holder", type=os.path.abspath, help="native: tests' lock_holder")
+    parser.add_argument("--helper", type=os.path.abspath, help="wine: win32_test_helper.exe")
+    parser.add_argument("--x11-probe", type=os.path.abspath, help="native: tests' x11_probe (compares boxes)")
+    parser.add_argument("--scratch", type=os.path.abspath, required=True, help="kept between runs (Wine prefixes)")
     parser.add_argument("--jobs", type=int, default=2)
     parser.add_argument("--rows", default="", help="only the rows whose name matches this expression")
-    parser.add_argument("--screenshots", help="where the message box's picture goes")
     options = parser.parse_args()
-    for name in ("updater", "publish", "lock_holder", "helper", "x11_probe", "scratch", "screenshots"):
-        if getattr(options, name):
-            setattr(options, name, os.path.abspath(getattr(options, name)))
     os.makedirs(options.scratch, exist_ok=True)
     target = (Native if options.target == "native" else Wine)(options)
     return Harness(options, target).run()

@@ -19,7 +19,6 @@ time of every request).
 """
 
 import argparse
-import concurrent.futures
 import json
 import os
 import re
@@ -29,13 +28,13 @@ import sys
 import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, HERE)
+sys.path[:0] = [HERE, os.path.join(os.path.dirname(HERE), "support")]
+from harness import (bare, files_below, install, log_lines, log_problems, read, run_rows, sign, spawn,  # noqa: E402
+                     tree_differences, tree_problems, updater_env, wait_all, write, written_beside)
 from hostile_rows import BUILD1, BUILD2, C2, F, PACKED_PATH, PATCH_PATH, ROWS, C1, sha256  # noqa: E402
-from updater_blackbox import SPAWN_LOCK, files_below, sign, spawn, tree_differences, write  # noqa: E402
 
 FAULT_SERVER = os.path.join(os.path.dirname(HERE), "support", "fault_server.py")
-DEV_KEY = os.path.join(os.path.dirname(os.path.dirname(HERE)), "keys", "dev_private.pem")
-RUN_LIMIT_S, PEAK_RSS_LIMIT_KIB, FILE_SIZE_LIMIT = 90, 262144, 4194304
+PEAK_RSS_LIMIT_KIB, FILE_SIZE_LIMIT = 262144, 4194304
 CACHE = ".update-cache/2.0/files/"
 
 
@@ -71,9 +70,9 @@ def publish(r, out, other_key):
         write(os.path.join(out, path), content)
     write(os.path.join(out, "manifest.json"), data)
     if p.get("signature") == "of another manifest":
-        signature = sign(json.dumps(manifest_of(files, fullVersion="2.1", buildNumber=12)).encode(), DEV_KEY)
+        signature = sign(json.dumps(manifest_of(files, fullVersion="2.1", buildNumber=12)).encode())
     else:
-        signature = sign(data, other_key if p.get("signature") == "by another key" else DEV_KEY)
+        signature = sign(data, *[other_key] if p.get("signature") == "by another key" else [])
     write(os.path.join(out, "manifest.json.sig"), signature.ljust(p.get("sig_size", 0), b"\n"))
     for path, content in p.get("serve", {}).items():
         write(os.path.join(out, path), content)
@@ -83,11 +82,8 @@ def publish(r, out, other_key):
 def plant(kind, path, inst, outside):
     """Plants a link (or a FIFO) at path in the installation, pointing outside it."""
     full, target = os.path.join(inst, path), os.path.join(outside, "target")
-    if os.path.exists(full) and kind in ("file", "hard"):
-        with open(full, "rb") as f:
-            write(target, f.read())
-    elif kind in ("file", "hard"):
-        write(target, C2[:1000])  # a ".part" that would be resumed
+    if kind in ("file", "hard"):  # a ".part" that would be resumed, unless the installation has the file
+        write(target, read(full) if os.path.exists(full) else C2[:1000])
     elif kind == "dir":
         write(os.path.join(target, "keep.txt"), b"outside")
     if os.path.lexists(full):
@@ -101,13 +97,9 @@ def plant(kind, path, inst, outside):
         os.symlink("/dev/zero" if kind == "zero" else target, full)
 
 
-def installation(files):
-    """The installation's files but the log and the cache."""
-    return {p: d for p, d in files.items() if p != "updater.log" and not p.startswith(".update-cache/")}
-
-
-def outside_state(top):
-    return list(os.walk(top)), files_below(top)
+def ignored(path):
+    """Not the installation's files: the log and the cache."""
+    return path == "updater.log" or path.startswith(".update-cache/")
 
 
 def matches(expected, lines):
@@ -119,28 +111,28 @@ def matches(expected, lines):
     return re.fullmatch("\n".join(f"(?:{line(p)})" for p in expected), "\n".join(lines)) is not None
 
 
-def run_bounded(argv, env, tick=lambda: None):
+def run_bounded(argv, env, tick):
     """Runs the updater with its file size bounded, sampling its resident high-water mark and
-    calling tick() every 50 ms; returns what went wrong and that mark in KiB."""
-    process = spawn(["prlimit", f"--fsize={FILE_SIZE_LIMIT}", "--"] + argv, env=env,
-                    stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-    began, peak = time.monotonic(), 0
-    while process.poll() is None:
+    calling tick() every 50 ms; returns what went wrong."""
+    process, peak = spawn(["prlimit", f"--fsize={FILE_SIZE_LIMIT}", "--"] + argv, env=env,
+                          stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL), [0]
+
+    def sample():
         tick()
         try:
             with open(f"/proc/{process.pid}/status") as f:
-                peak = max(peak, int(re.search(r"VmHWM:\s+(\d+) kB", f.read()).group(1)))
+                peak[0] = max(peak[0], int(re.search(r"VmHWM:\s+(\d+) kB", f.read()).group(1)))
         except (OSError, AttributeError):
             pass
-        if peak > PEAK_RSS_LIMIT_KIB or time.monotonic() - began > RUN_LIMIT_S:
+        if peak[0] > PEAK_RSS_LIMIT_KIB:
             process.kill()
-            process.wait()
-            return [f"resident memory grew beyond {PEAK_RSS_LIMIT_KIB} KiB" if peak > PEAK_RSS_LIMIT_KIB
-                    else f"still running after {RUN_LIMIT_S} s"], peak
-        time.sleep(0.05)
-    if process.returncode < 0:
-        return [f"ended by signal {-process.returncode} (SIGXFSZ: a file grew beyond {FILE_SIZE_LIMIT} bytes)"], peak
-    return [f"exit code {process.returncode}"] if process.returncode else [], peak
+    code = wait_all([process], tick=sample)[0][0]
+    if peak[0] > PEAK_RSS_LIMIT_KIB:
+        return [f"resident memory grew beyond {PEAK_RSS_LIMIT_KIB} KiB"]
+    if isinstance(code, str) or code == 0:
+        return [code] if code else []
+    return [f"ended by signal {-code} (SIGXFSZ: a file grew beyond {FILE_SIZE_LIMIT} bytes)" if code < 0
+            else f"exit code {code}"]
 
 
 class Runner:
@@ -154,86 +146,69 @@ class Runner:
         subprocess.run(["openssl", "genpkey", "-algorithm", "EC", "-pkeyopt", "ec_paramgen_curve:P-256", "-out",
                         self.other_key], check=True)
         self.published, rules = {}, {}
-        for index, r in self.rows:
-            base = f"r{index:03d}/"
-            self.published[index] = publish(r, os.path.join(self.www, base), self.other_key)
+        for r in self.rows:
+            base = r["base"] + "/"
+            self.published[base] = publish(r, os.path.join(self.www, base), self.other_key)
             for path, rule in r.get("rules", {}).items():
                 target = rule.get("redirectTo", "://")
                 rules[base + path] = rule if "://" in target else dict(rule, redirectTo=base + target)
-        write(os.path.join(control, "rules.json"), json.dumps(rules).encode())
+        write(os.path.join(control, "rules.json"), json.dumps(rules))
         self.server = subprocess.Popen([sys.executable, FAULT_SERVER, self.www, control], stdin=subprocess.PIPE,
                                        stdout=subprocess.PIPE, text=True)
         self.url = f"http://127.0.0.1:{self.server.stdout.readline().strip()}/"
 
-    def run_row(self, index, r):
-        tmp = os.path.join(self.top, "runs", f"r{index:03d}", "tmp")
+    def run_row(self, r, _):
+        tmp = os.path.join(self.top, "runs", r["base"], "tmp")
         if r.get("volume"):
             os.makedirs(tmp)
-            # A small filesystem needs root and a working mount; without them the row says so and passes.
+            # A small filesystem needs root and a working mount; without them the row is skipped.
             if subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={r['volume']}", "tmpfs", tmp]).returncode:
-                print(f"skipped (cannot mount a {r['volume']} tmpfs): {r['name']}")
-                return [], 0
+                return f"cannot mount a {r['volume']} tmpfs"
         try:
-            return self.run_installation(index, r)
+            return self.run_installation(r["base"], r)
         finally:
             if r.get("volume"):
                 subprocess.run(["umount", tmp], check=True)
 
-    def run_installation(self, index, r):
-        base = f"r{index:03d}"
+    def run_installation(self, base, r):
         url = self.url + base + "/"
         row_dir = os.path.join(self.top, "runs", base)
-        tmp, home, outside, locks = (os.path.join(row_dir, d) for d in ("tmp", "home", "outside", "locks"))
+        tmp, home, outside = (os.path.join(row_dir, d) for d in ("tmp", "home", "outside"))
         inst = os.path.join(tmp, "inst")
-        for d in (home, outside, locks):
+        for d in (home, outside):
             os.makedirs(d, mode=0o700)
-        installed = dict(BUILD1, **{"manifest.json": json.dumps(manifest_of(BUILD1, fullVersion="1.0", buildNumber=10)),
-                                    "updater.conf": json.dumps({"manifestUrl": url + "manifest.json"})})
-        for path, data in installed.items():
-            write(os.path.join(inst, path), data if isinstance(data, bytes) else data.encode())
-        with SPAWN_LOCK:
-            shutil.copy(self.options.updater, os.path.join(inst, "updater"))
+        install(inst, dict(BUILD1, **{"manifest.json": json.dumps(manifest_of(BUILD1, fullVersion="1.0",
+                                                                              buildNumber=10))}),
+                self.options.updater, manifestUrl=url + "manifest.json")
         seed = r.get("seed", {})
         for path, data in ({"2.0/files/" + F + ".part": C2[:seed]} if isinstance(seed, int) else seed).items():
             write(os.path.join(inst, ".update-cache", path), data)
         if r.get("link"):
             plant(*r["link"], inst, outside)
-        outside_before = outside_state(outside)
-        before = installation(files_below(inst))
+        outside_before = list(os.walk(outside)), files_below(outside)
+        before = {p: d for p, d in files_below(inst).items() if not ignored(p)}
 
-        env = dict(os.environ, TMPDIR=tmp, HOME=home, XDG_RUNTIME_DIR=locks, QT_QPA_PLATFORM="offscreen")
-        modes = [r["mode"]] + ([r["then"]] if r.get("then") else [])
-        problems, peak = [], 0
+        env = updater_env(os.path.join(row_dir, "locks"), TMPDIR=tmp, HOME=home)
+        modes, problems = [r["mode"]] + ([r["then"]] if r.get("then") else []), []
         for run, mode in enumerate(modes):
             args = ["--prefetch-only"] if mode == "prefetch" else []
             app, tick = self.application(r, inst) if run == 0 and "app_ends" in r else (None, lambda: None)
-            more, high = run_bounded([os.path.join(inst, "updater")] + args
-                                     + (["--wait-pid", str(app.pid)] if app else []), env, tick)
-            problems, peak = problems + more, max(peak, high)
+            problems += run_bounded([os.path.join(inst, "updater")] + args
+                                    + (["--wait-pid", str(app.pid)] if app else []), env, tick)
             if app:
                 app.kill()
                 app.wait()
         tags = tuple("[UpdatePrefetch] " if mode == "prefetch" else "[Update] " for mode in modes)
-        log = os.path.join(inst, "updater.log")
-        with open(log, encoding="utf-8") if os.path.isfile(log) else open(os.devnull) as f:
-            texts = [re.sub(r"^\S+ \S+ \[\w\] \[[^\]]*\] ", "", line.rstrip("\n")) for line in f]
-        lines = [t.replace(url, "{url}") for t in texts if t.startswith(tags)]
+        lines = [bare(line).replace(url, "{url}") for line in log_lines(inst) if bare(line).startswith(tags)]
         if not any(matches(expected, lines) for expected in [r["lines"]] + r.get("alternatives", [])):
-            problems.append("log lines:\n      " + "\n      ".join(lines) + "\n    expected:\n      "
-                            + "\n      ".join(str(p) for p in r["lines"]))
+            problems += log_problems(lines, r["lines"])
 
-        if os.listdir(tmp) != ["inst"]:
-            problems.append(f"written outside the installation: {sorted(set(os.listdir(tmp)) - {'inst'})}")
-        if os.listdir(home):
-            problems.append(f"written into HOME: {os.listdir(home)}")
-        if outside_state(outside) != outside_before:
+        problems += written_beside(tmp, ["inst"]) + written_beside(home, [])
+        if (list(os.walk(outside)), files_below(outside)) != outside_before:
             problems.append(f"written through the link at {r['link'][1]}")
-        if os.path.lexists(os.path.join(inst, ".staging")):
-            problems.append(".staging is left")
-        tree, truth = self.published[index]
-        actual = files_below(inst)
-        problems += tree_differences(dict(before, **tree) if r.get("updates") else before, installation(actual))
-        for path, data in actual.items():
+        tree, truth = self.published[base + "/"]
+        problems += tree_problems(inst, dict(before, **tree) if r.get("updates") else before, ignored)
+        for path, data in files_below(inst).items():
             rel = path[len(CACHE):]
             part = rel.endswith(".part")
             right = truth.get(rel[:-5] if part else rel)
@@ -241,7 +216,7 @@ class Runner:
                                            or not (right.startswith(data) if part else data == right)):
                 problems.append(f"cache holds bad bytes in {rel} ({len(data or b'')} bytes)")
         if "cache" in r:
-            problems += self.cache_differences(r, index, url, files_below(os.path.join(inst, ".update-cache")))
+            problems += self.cache_differences(r, base, url, files_below(os.path.join(inst, ".update-cache")))
         requests = self.requests_of(base)
         if "requests" in r and [q for q, _ in requests] != r["requests"]:
             problems.append(f"requests {[q for q, _ in requests]}, expected {r['requests']}")
@@ -251,7 +226,7 @@ class Runner:
             took = [t - asked[0] for _, t in requests if asked and t > asked[0]][:1]
             if not took or not least <= took[0] <= most:
                 problems.append(f"{took} s from the request of {path} to the next, not {least}-{most} s")
-        return problems, peak
+        return problems
 
     def application(self, r, inst):
         """The process --wait-pid names, and what ends it: app_ends seconds after the start, or
@@ -268,13 +243,12 @@ class Runner:
                 app.kill()
         return app, tick
 
-    def cache_differences(self, r, index, url, actual):
+    def cache_differences(self, r, base, url, actual):
         """The cache against the row's `cache`: bytes, a published file's name, or a JSON document."""
         expected = {}
         for path, value in r["cache"].items():
             if isinstance(value, str):
-                with open(os.path.join(self.www, f"r{index:03d}", value), "rb") as f:
-                    value = f.read()
+                value = read(os.path.join(self.www, base, value))
             elif isinstance(value, dict):
                 value = json.loads(json.dumps(value).replace("{url}", url))
                 if actual.get(path):
@@ -284,49 +258,27 @@ class Runner:
 
     def requests_of(self, base):
         """The row's requests, "path" or "path bytes=N-" with a Range header, and their times."""
-        found = []
         with open(os.path.join(self.top, "control", "requests.jsonl"), encoding="utf-8") as f:
-            for record in map(json.loads, f):
-                if record["path"].startswith(base + "/"):
-                    ranges = [v for k, v in record["headers"] if k == "range"]
-                    found.append((" ".join([record["path"][len(base) + 1:]] + ranges), record["time"]))
-        return found
+            records = [json.loads(line) for line in f]
+        return [(" ".join([q["path"][len(base) + 1:]] + [v for k, v in q["headers"] if k == "range"]), q["time"])
+                for q in records if q["path"].startswith(base + "/")]
 
     def run(self):
-        began = time.monotonic()
-        with concurrent.futures.ThreadPoolExecutor(self.options.jobs) as pool:
-            futures = {index: pool.submit(self.timed, index, r) for index, r in self.rows}
+        code = run_rows(self.rows, self.options.jobs, self.run_row)
         self.server.stdin.close()
         self.server.wait(30)
-        failed = 0
-        for index, r in self.rows:
-            problems, peak, seconds = futures[index].result()
-            failed += bool(problems)
-            print(f"{'FAIL' if problems else 'ok':4} {seconds:5.1f} s {peak // 1024:4} MiB  {r['name']}")
-            for problem in problems:
-                print("    " + problem)
-        print(f"{len(self.rows) - failed} of {len(self.rows)} rows passed in {time.monotonic() - began:.1f} s")
-        return 1 if failed else 0
-
-    def timed(self, index, r):
-        began = time.monotonic()
-        try:
-            problems, peak = self.run_row(index, r)
-        except Exception as e:  # a broken row is a failed row, the others go on
-            problems, peak = [f"{type(e).__name__}: {e}"], 0
-        return problems, peak, time.monotonic() - began
+        return code
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
-    parser.add_argument("--updater", required=True)
-    parser.add_argument("--scratch", required=True)
+    parser.add_argument("--updater", type=os.path.abspath, required=True)
+    parser.add_argument("--scratch", type=os.path.abspath, required=True)
     parser.add_argument("--slow", action="store_true", help="the rows that wait out time limits, and only those")
     parser.add_argument("--jobs", type=int, default=2)
     parser.add_argument("--rows", default="", help="only the rows whose name matches this expression")
     options = parser.parse_args()
-    options.updater, options.scratch = os.path.abspath(options.updater), os.path.abspath(options.scratch)
-    rows = [(i, r) for i, r in enumerate(ROWS)
+    rows = [dict(r, base=f"r{i:03d}") for i, r in enumerate(ROWS)
             if r.get("slow", False) == options.slow and re.search(options.rows, r["name"])]
     return Runner(options, rows).run()
 

@@ -28,13 +28,13 @@ import signal
 import subprocess
 import sys
 import time
-from datetime import datetime
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 SOURCE_DIR = os.path.dirname(os.path.dirname(HERE))
-sys.path[:0] = [os.path.join(SOURCE_DIR, "tests", "blackbox"), os.path.join(SOURCE_DIR, "bench")]
+sys.path[:0] = [os.path.join(SOURCE_DIR, "tests", "support"), os.path.join(SOURCE_DIR, "bench")]
+from harness import (bare, files_below, install, log_lines, logged_at, publish, read, tree_problems,  # noqa: E402
+                     updater_env)
 from servers import Nginx  # noqa: E402
-from updater_blackbox import files_below, tree_differences, write  # noqa: E402
 
 RUN_FILES = {"updater", "updater.conf", "updater.log"}
 APPLY_FROM = "file tu kho tam"  # "[Update] dung N / M file tu kho tam" ends the download
@@ -55,41 +55,23 @@ class Site:
         self.runs = 0
 
     def publish(self, name, files, version, number):
-        source = os.path.join(self.options.scratch, "builds", name)
-        for path, content in files.items():
-            write(os.path.join(source, path), content)
-        subprocess.run([self.options.publish, "build", "--input", source, "--out", os.path.join(self.www, name),
-                        "--version", version, "--build-number", str(number), "--zstd-level", "0", "--key",
-                        os.path.join(SOURCE_DIR, "keys", "dev_private.pem")], check=True, stdout=subprocess.DEVNULL)
-        with open(os.path.join(self.www, name, "manifest.json"), "rb") as f:
-            return f.read()
+        return publish(self.options.publish, files, os.path.join(self.www, name), version, number)
 
     def install(self, files, serves):
         self.runs += 1
         inst = os.path.join(self.options.scratch, "runs", str(self.runs), "inst")
-        for path, content in files.items():
-            write(os.path.join(inst, path), content)
-        shutil.copy(self.options.updater, os.path.join(inst, "updater"))
-        url = self.nginx.url(serves + "/")
-        write(os.path.join(inst, "updater.conf"), json.dumps({"manifestUrl": url + "manifest.json"}).encode())
+        install(inst, files, self.options.updater, manifestUrl=self.nginx.url(serves + "/manifest.json"))
         return inst
 
-    def start(self, inst, args=(), wrap=()):
-        env = dict(os.environ, XDG_RUNTIME_DIR=os.path.join(inst, "..", "locks"), QT_QPA_PLATFORM="offscreen",
-                   LC_ALL="C.UTF-8")
-        os.makedirs(env["XDG_RUNTIME_DIR"], mode=0o700, exist_ok=True)
-        return subprocess.Popen([*wrap, os.path.join(inst, "updater"), *args], env=env, cwd=inst,
-                                stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-
-    def run(self, inst, args=(), wrap=()):
-        code = self.start(inst, args, wrap).wait(180)
-        if code != 0:
-            raise RuntimeError(f"updater {' '.join(args)} ended with {code}")
+    def run(self, inst, args=(), wrap=(), wait=True):
+        process = subprocess.Popen([*wrap, os.path.join(inst, "updater"), *args], cwd=inst, stdout=subprocess.DEVNULL,
+                                   env=updater_env(os.path.join(inst, "..", "locks")), stderr=subprocess.DEVNULL)
+        if wait and process.wait(180) != 0:
+            raise RuntimeError(f"updater {' '.join(args)} ended with {process.returncode}")
+        return process
 
     def log(self, inst):
-        with open(os.path.join(inst, "updater.log"), encoding="utf-8") as f:
-            return [(datetime.strptime(line[:23], "%Y-%m-%d %H:%M:%S.%f").timestamp(), line[24:].rstrip().split("] ", 2)[2])
-                    for line in f]
+        return [(logged_at(line).timestamp(), bare(line)) for line in log_lines(inst)]
 
 
 # ---------------------------------------------------------------------------------------------
@@ -157,10 +139,8 @@ def crash(site, options):
     expected = dict(two, **{"manifest.json": manifest_two})
 
     def finished(inst, stage):
-        actual = {p: c for p, c in files_below(inst).items() if p not in RUN_FILES}
-        problems = tree_differences(expected, actual)
-        return [f"{stage}: {p}" for p in problems + [f"{d} left" for d in (".staging", ".update-cache")
-                                                     if os.path.exists(os.path.join(inst, d))]]
+        left = [".update-cache is left"] * os.path.exists(os.path.join(inst, ".update-cache"))
+        return [f"{stage}: {p}" for p in tree_problems(inst, expected, RUN_FILES.__contains__) + left]
 
     # An uninterrupted run places the apply inside the run.
     inst = site.install(installed, "b2")
@@ -181,7 +161,7 @@ def crash(site, options):
         slot, slots = (i - half, options.trials - half) if in_apply else (i, half)
         delay = (slot + rng.random()) / slots * (apply_span if in_apply else total)
         inst = site.install(installed, "b2")
-        process, began = site.start(inst), time.monotonic()
+        process, began = site.run(inst, wait=False), time.monotonic()
         log = os.path.join(inst, "updater.log")
         while in_apply and process.poll() is None and time.monotonic() - began < 180 and not (
                 os.path.exists(log) and APPLY_FROM in open(log, encoding="utf-8").read()):
@@ -337,13 +317,11 @@ def trace(site, options):
         site.run(inst, args, ["strace", "-f", "-s", "4096", "-o", record, "-e",
                               "trace=fsync,fdatasync,rename,renameat,renameat2,link,linkat,openat"])
         seconds = time.monotonic() - began
-        with open(record, encoding="latin-1") as f:
-            found, moved = write_through_problems(events_of(f.read(), inst), inst)
+        found, moved = write_through_problems(events_of(read(record).decode("latin-1"), inst), inst)
         found += [] if sorted(set(moved)) == moved_in else [f"moved in {sorted(set(moved))}, not {moved_in}"]
         found += [] if site.log(inst)[-1][1] == last else [f"last log line {site.log(inst)[-1][1]!r}"]
         if "--prefetch-only" in args:
-            with open(os.path.join(inst, moved_in[0])) as f:
-                state = json.load(f)["files"]
+            state = json.loads(read(os.path.join(inst, moved_in[0])))["files"]
             found += [] if len(moved) <= seconds + 2 else [f"{len(moved)} saves of state.json in {seconds:.1f} s"]
             found += [] if state and all(f["done"] for f in state) else ["the last state.json has files not done"]
         print(f"{'ok' if not found else 'FAIL'}: {name}" + "".join(f"\n      {p}" for p in found), flush=True)
@@ -353,16 +331,14 @@ def trace(site, options):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("--updater", required=True)
-    parser.add_argument("--publish", required=True, help="corvanta-publish, which publishes the builds")
-    parser.add_argument("--scratch", required=True, help="working directory, emptied first")
+    parser.add_argument("--updater", type=os.path.abspath, required=True)
+    parser.add_argument("--publish", type=os.path.abspath, required=True, help="corvanta-publish")
+    parser.add_argument("--scratch", type=os.path.abspath, required=True, help="working directory, emptied first")
     parser.add_argument("mode", choices=["crash", "trace"])
     parser.add_argument("--trials", type=int, default=12)
     parser.add_argument("--seed", type=int)
     parser.add_argument("--large-mib", type=int, nargs="*", default=[8, 6, 4, 12], help="the large files' sizes")
     options = parser.parse_args()
-    options.updater, options.publish, options.scratch = map(os.path.abspath, (options.updater, options.publish,
-                                                                               options.scratch))
     site = Site(options)
     try:
         problems = (crash if options.mode == "crash" else trace)(site, options)
