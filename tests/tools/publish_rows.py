@@ -12,7 +12,8 @@ path of content C. Step fields: files (before it), umask, program ({cmake}: one 
 line), listed (after a build, each manifest entry in order, "path", "path zstd" or "path zstd patch:C": size and
 SHA-256 are the input file's, each artifact lies in .zstd/ as listed, is smaller than what it stands in for and
 decodes with the zstd tool to the file; out/ holds just these, the documents and `left`), header (the manifest's
-keys but "files"; HEADER), after (path -> content or permission bits), embeds (the one key, with LF line ends, in
+keys but "files"; HEADER), after (path -> content or permission bits), trace (the last renames below out/ and
+runs of writes, in order, as strace sees them), embeds (the one key, with LF line ends, in
 {kb}'s key library). No step changes anything outside its output (--out, --out-dir; CMake's -B, --build), the tool
 nothing when it fails; each published signature verifies with openssl and with the tool's verify.
 """
@@ -78,7 +79,7 @@ OWN_KEY = {"out/manifest.json.sig": "sig:out/manifest.json:{k}/private.pem"}
 ROWS = [
     # Hidden, nested, empty, non-ASCII and multi-chunk files, in code-unit order: "." and capitals
     # before lower case, "bin.txt" before "bin/".
-    R("publishes every file, sorted and hashed, readable by everyone whatever the umask",
+    R("publishes every file, sorted and hashed, readable by everyone whatever the umask, manifest.json last",
       {"in/.config/settings.ini": b"[ui]\nlang=vi\n", "in/Zeta.txt": b"upper case sorts first", "in/b.txt": b"beta",
        "in/bin.txt": b"a dot sorts before a slash", "in/bin/core.dll": "pattern:2621441:7",
        "in/bin/plugins/p.dll": "pattern:4096:8", "in/empty.dat": b"",
@@ -86,7 +87,8 @@ ROWS = [
       S(BUILD, 0, published(8, "2.5", COPIES.format(2, "ies", 0, 0, "es")), umask=0o077, listed=[
           ".config/settings.ini", "Zeta.txt", "b.txt", "bin.txt", "bin/core.dll zstd", "bin/plugins/p.dll zstd",
           "empty.dat", "tài liệu/ghi chú.txt"], after={"out/bin/plugins/p.dll": 0o644, "out/manifest.json": 0o644,
-                                                       "out": 0o755, "out/bin/plugins": 0o755})),
+                                                       "out": 0o755, "out/bin/plugins": 0o755},
+        trace=["write", "manifest.json", "manifest.json.sig", "write"])),
     R("republishing replaces the older build, keeps the files it dropped, patches from the tree it replaces; build "
       "number 0, an empty product and arch are left out",
       {"in/app.exe": "text1", "in/old.dll": b"only in build 1", "in/same.dat": b"unchanged"},
@@ -312,8 +314,10 @@ def serve(w, copy):
     put(w, "out/manifest.json.sig", content("sig:out/manifest.json", w))
 
 
-def run(program, args, w, umask=-1):
-    done = subprocess.run([program] + args, cwd=w, capture_output=True, timeout=840, umask=umask)
+def run(program, args, w, umask=-1, trace=None):
+    strace = ["strace", "-f", "-qq", "-e", "trace=rename,renameat,renameat2,write,pwrite64", "-o", trace]
+    done = subprocess.run((strace if trace else []) + [program] + args, cwd=w, capture_output=True, timeout=840,
+                          umask=umask)
     out, err = (stream.decode("utf-8", "replace").split("\n")[:-1] for stream in (done.stdout, done.stderr))
     progress = r'corvanta-publish: (copied \d+/\d+ files|compressing "|making a patch of ")'
     return done.returncode, out, [line for line in err if not re.match(progress, line)]
@@ -364,7 +368,8 @@ def run_row(row, o):
                 put(w, resolve(path, ctx), content(resolve(spec, ctx) if isinstance(spec, str) else spec, w))
             args, where = [resolve(a, ctx) for a in step["args"]], f"step {number}"
             before = snapshot(w)
-            code, out, err = run(resolve(step.get("program", o.publish), ctx), args, w, step.get("umask", -1))
+            trace = f"{w}.trace" if "trace" in step else None
+            code, out, err = run(resolve(step.get("program", o.publish), ctx), args, w, step.get("umask", -1), trace)
             expect(code, step["exit"], f"{where}: exit status (stderr {err})")
             for stream, got in (("out", out), ("err", err)):
                 wanted = [resolve(line, ctx) for line in step.get(stream, [])]
@@ -385,6 +390,14 @@ def run_row(row, o):
                 path = f"{w}/{resolve(path, ctx)}"
                 expect(*((oct(os.stat(path).st_mode & 0o7777), oct(want)) if isinstance(want, int) else
                          (read(path), content(want, w))), f"{where}: {path}")
+            if trace:
+                events = []
+                for line in open(trace, encoding="latin-1"):
+                    renamed = re.search(r'rename\w*\(.*"([^"]*)"(?:, \w+)?\) = 0', line)
+                    event = os.path.relpath(renamed.group(1), f"{w}/out") if renamed else "write" * ("write" in line)
+                    events += [event] if event and events[-1:] != [event] else []
+                os.remove(trace)
+                expect(events[-len(step["trace"]):], step["trace"], f"{where}: the last renames and writes")
             if "embeds" in step:
                 expect(re.findall(rb"-----BEGIN PUBLIC KEY-----[^\0]*", read(f"{o.key_build}/libcorv_public_key.a")),
                        [read(resolve(step["embeds"], ctx)).replace(b"\r\n", b"\n")], f"{where}: the embedded key")
