@@ -19,8 +19,8 @@ Each row is a dict:
   seed     lib/c.bin.part of that many right bytes in the cache before the run, or
            {path below .update-cache: bytes}
   volume   the size of a tmpfs mounted for the row's installation (root only; skipped elsewhere)
-  app_ends  the run names a process with --wait-pid, which ends this many seconds after the
-           start, or once (path, size): the installation's file holds that many bytes
+  app_ends  the run names a process with --wait-pid, which ends once the server saw a request
+           for this path, or once (path, size): the installation's file holds that many bytes
   then     the mode of a second run after the first; its lines follow the first run's
   link     (kind, path): planted in the installation first, kind "dir" or "file" (a link to a
            directory or a file outside the installation, the file holding what the
@@ -400,7 +400,7 @@ PLAN_AND_RESUME = [
     # The application closes: the run stops where it is, the .part and state.json keep the
     # bytes, and the next run, prefetch or apply, asks only for the rest.
     prefetch("the application closes during the manifest request", [P + "app da dong -> dung tai",
-             P + "dung - xong 0 file, con 0"], rules={M: {"stallBeforeSeconds": 10}}, app_ends=0.5, requests=[M],
+             P + "dung - xong 0 file, con 0"], rules={M: {"stallBeforeSeconds": 10}}, app_ends=M, requests=[M],
              cache={}),
     prefetch("the application closes during lib/c.bin", CLOSED, rules=HELD, app_ends=CLOSE_AT, requests=FIRST,
              cache=cached(state=DONE_AB + [(F, 25000, False)], paths=("a.bin", "e.txt"),

@@ -19,6 +19,7 @@ time of every request).
 """
 
 import argparse
+import io
 import json
 import os
 import re
@@ -192,7 +193,7 @@ class Runner:
         modes, problems = [r["mode"]] + ([r["then"]] if r.get("then") else []), []
         for run, mode in enumerate(modes):
             args = ["--prefetch-only"] if mode == "prefetch" else []
-            app, tick = self.application(r, inst) if run == 0 and "app_ends" in r else (None, lambda: None)
+            app, tick = self.application(r, inst, base) if run == 0 and "app_ends" in r else (None, lambda: None)
             problems += run_bounded([os.path.join(inst, "updater")] + args
                                     + (["--wait-pid", str(app.pid)] if app else []), env, tick)
             if app:
@@ -228,17 +229,17 @@ class Runner:
                 problems.append(f"{took} s from the request of {path} to the next, not {least}-{most} s")
         return problems
 
-    def application(self, r, inst):
-        """The process --wait-pid names, and what ends it: app_ends seconds after the start, or
-        once the installation's file (path, size) holds that many bytes."""
-        app, began, ends = spawn(["sleep", "600"]), time.monotonic(), r["app_ends"]
+    def application(self, r, inst, base):
+        """The process --wait-pid names, and what ends it: once the server saw a request for the
+        path app_ends names, or once the installation's file (path, size) holds that many bytes."""
+        app, ends = spawn(["sleep", "600"]), r["app_ends"]
 
         def tick():
             if isinstance(ends, tuple):
                 path = os.path.join(inst, ends[0])
                 due = os.path.isfile(path) and os.path.getsize(path) >= ends[1]
             else:
-                due = time.monotonic() - began >= ends
+                due = ends in [q.split(" ")[0] for q, _ in self.requests_of(base)]
             if due and app.poll() is None:
                 app.kill()
         return app, tick
@@ -258,8 +259,9 @@ class Runner:
 
     def requests_of(self, base):
         """The row's requests, "path" or "path bytes=N-" with a Range header, and their times."""
-        with open(os.path.join(self.top, "control", "requests.jsonl"), encoding="utf-8") as f:
-            records = [json.loads(line) for line in f]
+        log = os.path.join(self.top, "control", "requests.jsonl")
+        with open(log, encoding="utf-8") if os.path.exists(log) else io.StringIO() as f:
+            records = [json.loads(line) for line in f if line.endswith("\n")]
         return [(" ".join([q["path"][len(base) + 1:]] + [v for k, v in q["headers"] if k == "range"]), q["time"])
                 for q in records if q["path"].startswith(base + "/")]
 
