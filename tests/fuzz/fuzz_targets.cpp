@@ -90,10 +90,8 @@ int configInput(const uint8_t* data, size_t size)
 // Manifest bytes, NUL, signature text; without a NUL, the signature of a fixed manifest.
 int signatureInput(const uint8_t* data, size_t size)
 {
-    const QByteArray input = bytes(data, size);
-    const int split = input.indexOf('\0');
-    const QByteArray manifest = split < 0 ? QByteArray("{\"fullVersion\":\"1\"}") : input.left(split);
-    const QByteArray signature = input.mid(split + 1);
+    const QByteArray input = bytes(data, size), manifest = input.contains('\0') ? input.left(input.indexOf('\0')) : "{}";
+    const QByteArray signature = input.mid(input.indexOf('\0') + 1);
     require(verifyManifestSignature(manifest, signature) == verifyManifestSignature(manifest, signature),
             "the check is not deterministic");
     return 0;
@@ -107,10 +105,8 @@ QList<QByteArray> treeOf(const QString& root)
                          QDirIterator::Subdirectories);
          it.hasNext();) {
         QFile file(it.next());
-        if (it.fileInfo().isSymLink())
-            found.append("link to " + it.fileInfo().symLinkTarget().toUtf8());
-        else if (it.fileInfo().isFile() && file.open(QIODevice::ReadOnly))
-            found.append(file.readAll());
+        if (it.fileInfo().isSymLink() || (it.fileInfo().isFile() && file.open(QIODevice::ReadOnly)))
+            found.append(file.isOpen() ? file.readAll() : "link to " + it.fileInfo().symLinkTarget().toUtf8());
     }
     std::sort(found.begin(), found.end());
     return found;
@@ -125,25 +121,25 @@ int repairWalkInput(const uint8_t* data, size_t size)
     static const bool made = QDir().mkpath(outside) && writeFile(outside + "/victim", "victim")
         && writeFile(outside + "/victim.bak", "victim backup");
     require(made && QDir(tree).removeRecursively() && QDir().mkpath(tree), "scratch tree");
-    const QList<QByteArray> lines = bytes(data, size).split('\n');
-    for (int index = 0; index < qMin(64, lines.size()); ++index) {
-        QString path = tree; // up to 8 names of at most 100 bytes, none made through a link
-        bool throughLink = false;
-        int depth = 0;
-        for (QByteArray part : lines[index].mid(1).split('/')) {
-            part = part.replace('\0', QByteArray()).left(100);
-            if (!part.isEmpty() && part != "." && part != ".." && depth++ < 8)
-                throughLink = throughLink || QFileInfo(path += '/' + QFile::decodeName(part)).isSymLink();
+    const QList<QByteArray> lines = bytes(data, size).split('\n').mid(0, 64);
+    for (const bool links : { false, true }) { // made last, so that nothing is made through one
+        for (const QByteArray& line : lines) {
+            QString path = tree;
+            int names = 0; // up to 8 of at most 100 bytes
+            for (const QByteArray& name : line.mid(1).split('/'))
+                if (!name.isEmpty() && name != "." && name != ".." && !name.contains('\0') && names++ < 8)
+                    path += '/' + QFile::decodeName(name.left(100));
+            const QFileInfo info(path), parent(info.path());
+            if (path == tree || info.exists() || info.isSymLink() || links != (line[0] == 'l' || line[0] == 'm')
+                || (links ? !parent.isDir() || parent.isSymLink() : !QDir().mkpath(info.path())))
+                continue;
+            if (line[0] == 'f')
+                writeFile(path, "content " + line);
+            else if (line[0] == 'd')
+                QDir().mkpath(path);
+            else if (links)
+                QFile::link(line[0] == 'l' ? outside : outside + "/victim", path);
         }
-        if (depth == 0 || throughLink || QFileInfo::exists(path) || !QDir().mkpath(QFileInfo(path).path()))
-            continue;
-        const char kind = lines[index].at(0);
-        if (kind == 'f')
-            writeFile(path, "content " + QByteArray::number(index));
-        else if (kind == 'd')
-            QDir().mkpath(path);
-        else if (kind == 'l' || kind == 'm')
-            QFile::link(kind == 'l' ? outside : outside + "/victim", path);
     }
     QList<QByteArray> before = treeOf(tree);
     UpdateSession session;

@@ -64,19 +64,12 @@ void list(Path root, Path below, std::set<std::string>& found)
 
 std::string result(bool ok) { return ok ? "ok" : "failed " + std::to_string(lastError()); }
 
-// openOwnFile below root/own, then a write of text or a read: "refused", "written" or "read ...".
+// openOwnFile below root/own and a write of text: "refused", "written" or "opened".
 std::string own(Path root, const char* relPath, OwnFileMode mode, const std::string& text = "")
 {
     const int fd = openOwnFile(root + "\\own", relPath, mode);
-    std::string done = fd < 0 ? "refused" : mode == OwnFileMode::Read ? "read " : "written";
-    char buffer[256];
-    for (int got; fd >= 0 && mode == OwnFileMode::Read && (got = _read(fd, buffer, sizeof buffer)) > 0;)
-        done.append(buffer, size_t(got));
-    if (fd >= 0 && mode != OwnFileMode::Read && _write(fd, text.data(), unsigned(text.size())) != int(text.size()))
-        done = "not written";
-    if (fd >= 0)
-        _close(fd);
-    return done;
+    const bool written = fd >= 0 && !text.empty() && _write(fd, text.data(), unsigned(text.size())) == int(text.size());
+    return fd < 0 ? "refused" : (_close(fd), written ? "written" : "opened");
 }
 
 std::string mutexName(bool release)
