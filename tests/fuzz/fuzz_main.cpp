@@ -4,13 +4,11 @@
 #include <QCoreApplication>
 #include <cstring>
 
-namespace {
-const FuzzTarget* target = nullptr;
-}
+static const FuzzTarget* target = nullptr;
 
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv)
 {
-    // The updater's code logs through Qt; millions of lines would only slow the fuzzer down.
+    // The updater logs through Qt; millions of lines would only slow the fuzzer down.
     qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString&) {});
     static QCoreApplication app(*argc, *argv);
     for (const FuzzTarget& each : kFuzzTargets)
@@ -18,7 +16,4 @@ extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv)
     return 0;
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
-{
-    return target->entry(data, size);
-}
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) { return target->entry(data, size); }

@@ -7,9 +7,7 @@
 #include "update/update_session.h"
 #include "update/updater_config.h"
 
-#include <QDir>
 #include <QDirIterator>
-#include <QFile>
 #include <QTemporaryDir>
 
 #include <algorithm>
@@ -26,204 +24,166 @@ void require(bool holds, const char* rule)
     }
 }
 
-QByteArray bytes(const uint8_t* data, size_t size)
-{
-    return QByteArray(reinterpret_cast<const char*>(data), int(size));
-}
+QByteArray bytes(const uint8_t* data, size_t size) { return QByteArray(reinterpret_cast<const char*>(data), int(size)); }
 
 bool writeFile(const QString& path, const QByteArray& content)
 {
     QFile file(path);
-    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(content) == content.size();
+    return file.open(QIODevice::WriteOnly) && file.write(content) == content.size();
 }
 
-QByteArray readFile(const QString& path)
+// A path in the scratch directory of all targets, on a memory file system when there is one:
+// the repair syncs every rename.
+QString scratch(const QString& name)
 {
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<unreadable>");
-}
-
-// A scratch directory, on a memory file system when there is one: the repair syncs every rename.
-QTemporaryDir& scratch()
-{
-    static QTemporaryDir dir(QDir(QStringLiteral("/dev/shm")).exists()
-                                 ? QStringLiteral("/dev/shm/corv-fuzz-XXXXXX")
-                                 : QDir::tempPath() + QStringLiteral("/corv-fuzz-XXXXXX"));
+    static QTemporaryDir dir(QDir(QStringLiteral("/dev/shm")).exists() ? QStringLiteral("/dev/shm/corv-fuzz-XXXXXX")
+                                                                       : QDir::tempPath() + "/corv-fuzz-XXXXXX");
     require(dir.isValid(), "scratch directory");
-    return dir;
+    return dir.filePath(name);
 }
 
-// Relative, "/"-separated, without empty, "." or ".." names, drive letters or backslashes.
+// Relative, "/"-separated, normalised, without empty, "." or ".." names, drive letters or backslashes.
 bool isSafeRelative(const QString& path)
 {
-    const QStringList parts = path.split(QLatin1Char('/'));
-    return !path.isEmpty() && !path.contains(QLatin1Char(':')) && !path.contains(QLatin1Char('\\'))
-        && !parts.contains(QString()) && !parts.contains(QStringLiteral(".")) && !parts.contains(QStringLiteral(".."));
+    const QStringList parts = path.split('/');
+    return !path.contains(':') && !path.contains('\\') && !parts.contains("") && !parts.contains(".")
+        && !parts.contains("..") && safeRelativePath(path) == path;
 }
 
-// Manifest bytes: a parsed manifest has safe, normalised paths, lower-case hashes, a version;
-// a rejected one leaves the record as it was.
-int parseManifestInput(const uint8_t* data, size_t size)
+// A rejected manifest leaves the record as it was; an accepted one has a version and files with
+// safe paths and lower-case hashes.
+int manifestInput(const uint8_t* data, size_t size)
 {
     Manifest manifest;
-    manifest.fullVersion = QStringLiteral("untouched");
+    manifest.fullVersion = "untouched";
     if (!parseManifest(bytes(data, size), &manifest)) {
-        require(manifest.fullVersion == QLatin1String("untouched") && manifest.files.isEmpty(),
-                "a rejected manifest changed the record");
+        require(manifest.fullVersion == "untouched" && manifest.files.isEmpty(), "a rejected manifest changed the record");
         return 0;
     }
-    require(!manifest.fullVersion.isEmpty() && !manifest.files.isEmpty(),
-            "an accepted manifest without version or files");
-    for (const ManifestFile& file : manifest.files) {
-        require(isSafeRelative(file.path) && safeRelativePath(file.path) == file.path,
-                "an accepted path that is unsafe or not normalised");
-        require(!file.sha256.isEmpty() && file.sha256 == file.sha256.toLower(), "an accepted hash not in lower case");
-    }
+    require(!manifest.fullVersion.isEmpty() && !manifest.files.isEmpty(), "an accepted manifest without version or files");
+    for (const ManifestFile& file : manifest.files)
+        require(isSafeRelative(file.path) && !file.sha256.isEmpty() && file.sha256 == file.sha256.toLower(),
+                "an accepted path that is unsafe, or a hash not in lower case");
     return 0;
 }
 
-// A path (UTF-8): the result is empty or a normalised relative path that stays below its root.
+// A path (UTF-8) passes as a safe relative path that stays below its root, or not at all.
 int safePathInput(const uint8_t* data, size_t size)
 {
     const QString safe = safeRelativePath(QString::fromUtf8(bytes(data, size)));
-    require(safe.isEmpty() || (isSafeRelative(safe) && safeRelativePath(safe) == safe),
-            "an unsafe or unstable path passed");
-    require(safe.isEmpty() || QDir::cleanPath(QStringLiteral("/root/") + safe).startsWith(QStringLiteral("/root/")),
-            "a passed path leaves its root");
+    require(safe.isEmpty() || (isSafeRelative(safe) && QDir::cleanPath("/root/" + safe).startsWith("/root/")),
+            "an unsafe path passed");
     return 0;
 }
 
 // The bytes of updater.conf.
 int configInput(const uint8_t* data, size_t size)
 {
-    require(writeFile(scratch().filePath(QStringLiteral("updater.conf")), bytes(data, size)), "scratch configuration");
+    require(writeFile(scratch("updater.conf"), bytes(data, size)), "scratch configuration");
     QString manifestUrl, baseUrl;
-    if (readUpdaterConfig(scratch().path(), manifestUrl, baseUrl))
-        require(!manifestUrl.isEmpty() && (baseUrl.endsWith(QLatin1Char('/')) || baseUrl == manifestUrl),
-                "an accepted configuration without a manifest URL or with a base URL that is no directory");
+    require(!readUpdaterConfig(scratch(""), manifestUrl, baseUrl)
+                || (!manifestUrl.isEmpty() && (baseUrl.endsWith('/') || baseUrl == manifestUrl)),
+            "an accepted configuration without a manifest URL or with a base URL that is no directory");
     return 0;
 }
 
-// Manifest bytes, a NUL byte, signature text; without a NUL the input is the signature of a fixed manifest.
+// Manifest bytes, NUL, signature text; without a NUL, the signature of a fixed manifest.
 int signatureInput(const uint8_t* data, size_t size)
 {
-    const QByteArray input = bytes(data, size);
-    const int split = input.indexOf('\0');
-    const QByteArray manifest = split < 0 ? QByteArray("{\"fullVersion\":\"1\"}") : input.left(split);
-    const QByteArray signature = input.mid(split + 1);
+    const QByteArray input = bytes(data, size), manifest = input.contains('\0') ? input.left(input.indexOf('\0')) : "{}";
+    const QByteArray signature = input.mid(input.indexOf('\0') + 1);
     require(verifyManifestSignature(manifest, signature) == verifyManifestSignature(manifest, signature),
             "the check is not deterministic");
     return 0;
 }
 
-// The sorted contents of the regular files below root and the targets of its links.
+// The sorted contents of the files below root, and the targets of its links.
 QList<QByteArray> treeOf(const QString& root)
 {
     QList<QByteArray> found;
-    QDirIterator it(root, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
-                    QDirIterator::Subdirectories);
-    while (it.hasNext()) {
-        const QFileInfo info(it.next());
-        if (info.isSymLink())
-            found.append("link to " + info.symLinkTarget().toUtf8());
-        else if (info.isFile())
-            found.append(readFile(info.filePath()));
+    for (QDirIterator it(root, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
+                         QDirIterator::Subdirectories);
+         it.hasNext();) {
+        QFile file(it.next());
+        if (it.fileInfo().isSymLink() || (it.fileInfo().isFile() && file.open(QIODevice::ReadOnly)))
+            found.append(file.isOpen() ? file.readAll() : "link to " + it.fileInfo().symLinkTarget().toUtf8());
     }
     std::sort(found.begin(), found.end());
     return found;
 }
 
-// One line per entry of an installation tree: a kind letter and a relative path ("f" file,
-// "d" directory, "l" link to a directory outside the tree, "m" link to a file outside it). The
-// repair of an interrupted apply then walks the tree: it may only delete or rename what lies in
-// it, and never touch anything outside it.
+// One line per entry of an installation: a kind letter ("f" file, "d" directory, "l" link to a
+// directory outside, "m" link to a file outside) and a relative path. The repair of an
+// interrupted apply may only delete or rename what lies in the installation.
 int repairWalkInput(const uint8_t* data, size_t size)
 {
-    const QString base = scratch().filePath(QStringLiteral("walk"));
-    const QString outside = base + QStringLiteral("/outside");
-    const QString tree = base + QStringLiteral("/tree");
-    static const bool made = QDir().mkpath(outside) && writeFile(outside + QStringLiteral("/victim"), "victim")
-        && writeFile(outside + QStringLiteral("/victim.bak"), "victim backup");
+    const QString outside = scratch("walk/outside"), tree = scratch("walk/tree");
+    static const bool made = QDir().mkpath(outside) && writeFile(outside + "/victim", "victim")
+        && writeFile(outside + "/victim.bak", "victim backup");
     require(made && QDir(tree).removeRecursively() && QDir().mkpath(tree), "scratch tree");
-    const QList<QByteArray> lines = bytes(data, size).split('\n');
-    for (int index = 0; index < qMin(64, lines.size()); ++index) {
-        QStringList parts; // up to 8 names of at most 100 bytes, without ".", ".." or NUL
-        for (QByteArray part : lines[index].mid(1).split('/')) {
-            part = part.replace('\0', QByteArray()).left(100);
-            if (!part.isEmpty() && part != "." && part != ".." && parts.size() < 8)
-                parts.append(QFile::decodeName(part));
-        }
-        // Nothing is made through a link: what the walk may touch stays below the tree.
-        QString path = tree;
-        bool throughLink = false;
-        for (const QString& part : parts)
-            throughLink = throughLink || QFileInfo(path += QLatin1Char('/') + part).isSymLink();
-        if (parts.isEmpty() || throughLink || QFileInfo::exists(path) || !QDir().mkpath(QFileInfo(path).path()))
-            continue;
-        switch (lines[index].at(0)) {
-        case 'f':
-            writeFile(path, "content " + QByteArray::number(index));
-            break;
-        case 'd':
-            QDir().mkpath(path);
-            break;
-        case 'l':
-            QFile::link(outside, path);
-            break;
-        case 'm':
-            QFile::link(outside + QStringLiteral("/victim"), path);
-            break;
+    const QList<QByteArray> lines = bytes(data, size).split('\n').mid(0, 64);
+    for (const bool links : { false, true }) { // made last, so that nothing is made through one
+        for (const QByteArray& line : lines) {
+            QString path = tree;
+            int names = 0; // up to 8 of at most 100 bytes
+            for (const QByteArray& name : line.mid(1).split('/'))
+                if (!name.isEmpty() && name != "." && name != ".." && !name.contains('\0') && names++ < 8)
+                    path += '/' + QFile::decodeName(name.left(100));
+            const QFileInfo info(path), parent(info.path());
+            if (path == tree || info.exists() || info.isSymLink() || links != (line[0] == 'l' || line[0] == 'm')
+                || (links ? !parent.isDir() || parent.isSymLink() : !QDir().mkpath(info.path())))
+                continue;
+            if (line[0] == 'f')
+                writeFile(path, "content " + line);
+            else if (line[0] == 'd')
+                QDir().mkpath(path);
+            else if (links)
+                QFile::link(line[0] == 'l' ? outside : outside + "/victim", path);
         }
     }
     QList<QByteArray> before = treeOf(tree);
     UpdateSession session;
     session.appDir = tree;
     repairInterruptedApply(session);
-    require(treeOf(outside) == QList<QByteArray>({ "victim", "victim backup" }),
-            "the repair changed files outside the installation");
-    require(QDir(base).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot)
-                == QStringList({ QStringLiteral("outside"), QStringLiteral("tree") }),
+    require(treeOf(outside) == QList<QByteArray>({ "victim", "victim backup" }), "the repair changed files outside");
+    require(QDir(scratch("walk")).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot)
+                == QStringList({ "outside", "tree" }),
             "the repair wrote beside the installation");
-    // Files and links are only deleted or renamed: everything left was there before.
     for (const QByteArray& entry : treeOf(tree))
         require(before.removeOne(entry), "the repair made up a file or a link");
     return 0;
 }
 
-// An artifact: the first byte picks a compressed file (even) or a patch against a fixed source of
-// 8000 bytes (odd), the next two the expected size (little endian, plus one), the rest is the zstd
-// data. The decoder never hands on more than that size, and succeeds only with exactly that many bytes.
+// The first byte picks a compressed file (even) or a patch against a fixed source of 8000 bytes
+// (odd), the next two give the expected size (little endian, plus one), the rest is zstd data.
+// The decoder hands on at most that size and succeeds only with exactly that many bytes.
 int artifactInput(const uint8_t* data, size_t size)
 {
-    const QString source = scratch().filePath(QStringLiteral("source"));
-    static const bool sourceWritten = [&source] {
+    static const bool sourceWritten = [] {
         QByteArray lines;
         for (int i = 0; lines.size() < 8000; ++i)
             lines += "line " + QByteArray::number(i) + '\n';
-        return writeFile(source, lines.left(8000));
+        return writeFile(scratch("source"), lines.left(8000));
     }();
-    const QString artifact = scratch().filePath(QStringLiteral("artifact.zst"));
     if (size < 3)
         return 0;
-    require(sourceWritten && writeFile(artifact, bytes(data + 3, size - 3)), "scratch artifact");
+    require(sourceWritten && writeFile(scratch("artifact.zst"), bytes(data + 3, size - 3)), "scratch artifact");
     const qint64 expected = qint64(data[1] | (data[2] << 8)) + 1;
     qint64 handedOn = 0;
     QString error;
-    const bool decoded = decodeArtifact(
-        artifact, data[0] % 2 ? source : QString(), expected,
-        [&handedOn, expected](const char*, qint64 length) {
-            require((handedOn += length) <= expected, "more output than the file's size");
-            return true;
-        },
-        &error);
-    require(decoded ? handedOn == expected && error.isEmpty() : !error.isEmpty(),
-            "a result without its length or its reason");
+    const bool decoded = decodeArtifact(scratch("artifact.zst"), data[0] % 2 ? scratch("source") : QString(), expected,
+                                        [&](const char*, qint64 length) {
+                                            require((handedOn += length) <= expected, "more output than the size");
+                                            return true;
+                                        },
+                                        &error);
+    require(decoded ? handedOn == expected && error.isEmpty() : !error.isEmpty(), "a result without its length or reason");
     return 0;
 }
 
 } // namespace
 
 const FuzzTarget kFuzzTargets[6] = {
-    { "manifest", &parseManifestInput }, { "safe_path", &safePathInput },     { "config", &configInput },
-    { "signature", &signatureInput },    { "repair_walk", &repairWalkInput }, { "artifact", &artifactInput },
+    { "manifest", &manifestInput },   { "safe_path", &safePathInput },     { "config", &configInput },
+    { "signature", &signatureInput }, { "repair_walk", &repairWalkInput }, { "artifact", &artifactInput },
 };

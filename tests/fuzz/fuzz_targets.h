@@ -1,7 +1,6 @@
 #pragma once
-// The fuzzed entry points, by name (also their corpus directories' names). Each runs one input
-// through a piece of the updater that reads untrusted data and checks what must hold for any
-// input; a broken rule aborts the process, which libFuzzer and the corpus run report.
+// The fuzzed entry points by name (also their corpus directories' names): each runs one input
+// through a reader of untrusted data and aborts when a rule that must hold for any input breaks.
 #include <cstddef>
 #include <cstdint>
 
