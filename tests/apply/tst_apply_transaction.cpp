@@ -123,9 +123,7 @@ void ApplyTransactionTest::apply()
         }
         const QStringList parts = fault.split(' ');
         const QString source = parts[1].startsWith('@') ? stagedPath(parts[1].mid(1)) : dir + '/' + parts[1];
-        const FileCall call = parts[0] == QLatin1String("replace") ? FileCall::ReplaceFile
-                              : parts[0] == QLatin1String("move")  ? FileCall::MoveFile
-                                                                    : FileCall::ReplaceFileAfterRename;
+        const auto call = FileCall(QStringList{"replace", "move", "renamed"}.indexOf(parts[0]));  // in FileCall's order
         corv::platform::injectFileFailure(call, QDir::toNativeSeparators(source).toStdString(), parts[2].toULong());
     }
     UpdateSession session;

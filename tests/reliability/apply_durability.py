@@ -1,20 +1,18 @@
 #!/usr/bin/env python3
 """The real updater's apply against nginx on 127.0.0.1, killed or traced.
 
-  apply_durability.py --updater U --publish P --scratch DIR crash [--trials N] [--seed S]
-  apply_durability.py --updater U --publish P --scratch DIR trace
+  apply_durability.py --updater U --publish P --scratch DIR crash|trace [--trials N] [--seed S]
 
-crash: an installation of build 1 is updated to build 2 and the updater killed with SIGKILL at a
-moment of the run, half of them spread over the whole run, half over its apply (timed from the
-log line that ends the download). After the kill every file holds its build-1 or its build-2
-bytes, or exists only as its ".bak" with the build-1 bytes, and nothing else is there; the next
-run leaves exactly build 2. At least one kill must land inside the apply.
+crash: build 1 is updated to build 2 and the updater killed with SIGKILL, half of the trials spread
+over the run, half over its apply (from the log line that ends the download). Every file then
+holds its build-1 or build-2 bytes, or exists only as its ".bak" with the build-1 bytes, nothing
+else is there, and the next run leaves exactly build 2. One kill at least lands inside the apply.
 
-trace: strace records real runs. Every rename or link into the installation (outside ".staging",
-and in ".update-cache" only state.json) comes after an fsync of the moved file, when the run
-wrote it, and is followed by an fsync of its directory before the next move (moves without an
-fsync between them are one group) or the end. Only final names are moved in, exactly those of
-the row. The checker's own rows show that it flags what breaks a rule.
+trace: in strace's record of real runs, every rename or link into the installation (not into
+".staging", into ".update-cache" only of state.json) follows an fsync of the moved file when the
+run wrote it, and an fsync of its directory follows before the next move (moves without an fsync
+between them are one group) or the end; exactly the row's final names are moved in. The
+checker's own rows show that it flags what breaks a rule.
 """
 
 import argparse
@@ -242,7 +240,7 @@ CHECKER_ROWS = [
     (WRITTEN + FILE_SYNC + REPLACE + SECOND + DIR_SYNC, 3),
     ('1 openat(AT_FDCWD</>, "/i/.update-cache/v/files/x.part", O_WRONLY|O_CREAT, 0666) = 5</i/.update-cache/v/files/x.part>\n'
      '1 rename("/i/.update-cache/v/files/x.part", "/i/.update-cache/v/files/x") = 0\n'
-     '1 openat(AT_FDCWD</>, "/i/.update-cache/v/state.json.tmp", O_WRONLY|O_CREAT|O_TRUNC, 0666) = 5</i/.update-cache/v/state.json.tmp>\n'
+     '1 openat(3</i/.update-cache/v>, "state.json.tmp", O_WRONLY|O_CREAT, 0666) = 5</i/.update-cache/v/state.json.tmp>\n'
      '1 rename("/i/.update-cache/v/state.json.tmp", "/i/.update-cache/v/state.json") = 0\n', 2),
 ]
 
@@ -299,9 +297,8 @@ def trace(site, options):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("--updater", type=os.path.abspath, required=True)
-    parser.add_argument("--publish", type=os.path.abspath, required=True, help="corvanta-publish")
-    parser.add_argument("--scratch", type=os.path.abspath, required=True, help="working directory, emptied first")
+    for option in ("--updater", "--publish", "--scratch"):  # --publish: corvanta-publish; --scratch: emptied first
+        parser.add_argument(option, type=os.path.abspath, required=True)
     parser.add_argument("mode", choices=["crash", "trace"])
     parser.add_argument("--trials", type=int, default=12)
     parser.add_argument("--seed", type=int)
