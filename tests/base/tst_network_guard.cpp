@@ -1,6 +1,7 @@
 // The guard that keeps a network access manager believing the network is reachable. Qt never
 // reports the network gone in the updater's own runs here, so the reports are made by hand.
 #include "base/network_guard.h"
+#include "support/log_capture.h"
 
 #include <QNetworkAccessManager>
 #include <QtTest>
@@ -8,14 +9,6 @@
 // The accessibility API is deprecated in Qt 5.15; the guard drives it all the same.
 QT_WARNING_PUSH
 QT_WARNING_DISABLE_DEPRECATED
-
-namespace {
-QStringList warnings;
-void captureHandler(QtMsgType type, const QMessageLogContext&, const QString& text)
-{
-    warnings << QString::number(type) + ' ' + text;
-}
-} // namespace
 
 class TestNetworkGuard : public QObject {
     Q_OBJECT
@@ -41,8 +34,7 @@ void TestNetworkGuard::guard()
     QFETCH(QString, steps);
     QFETCH(int, lines);
     QNetworkAccessManager manager;
-    warnings.clear();
-    const QtMessageHandler previous = qInstallMessageHandler(captureHandler);
+    LogCapture capture;
     for (const QString& step : steps.split('|')) {
         const auto value = QNetworkAccessManager::NetworkAccessibility(step.section(' ', 1).toInt());
         if (step == "install" || step == "install null") {
@@ -55,16 +47,12 @@ void TestNetworkGuard::guard()
             manager.blockSignals(false);
         } else if (step.startsWith("emit ")) {
             emit manager.networkAccessibleChanged(value);
-        } else if (manager.networkAccessible() != value) {
-            qInstallMessageHandler(previous);
-            QFAIL(qPrintable(step + " after " + steps));
+        } else {
+            QVERIFY2(manager.networkAccessible() == value, qPrintable(step + " after " + steps));
         }
     }
-    qInstallMessageHandler(previous);
-    QStringList expected;
-    for (int i = 0; i < lines; ++i)
-        expected << QString::number(QtWarningMsg) + " [bearer] Qt bao NotAccessible -> ep lai Accessible";
-    QCOMPARE(warnings, expected);
+    QCOMPARE(capture.lines(),
+             QStringList(QVector<QString>(lines, "W [bearer] Qt bao NotAccessible -> ep lai Accessible").toList()));
 }
 
 QT_WARNING_POP

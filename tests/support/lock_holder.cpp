@@ -19,27 +19,21 @@ int main(int argc, char** argv)
     long releaseAfterMs = -1;
     long exitAfterMs = -1;
     std::vector<corv::platform::NamedMutex> held;
+    std::setvbuf(stdout, nullptr, _IONBF, 0);  // each answer reaches the waiting test at once
     for (int i = 1; i < argc; ++i) {
-        if (std::strcmp(argv[i], "--release-after") == 0 && i + 1 < argc) {
-            releaseAfterMs = std::atol(argv[++i]);
-            continue;
-        }
-        if (std::strcmp(argv[i], "--exit-after") == 0 && i + 1 < argc) {
-            exitAfterMs = std::atol(argv[++i]);
+        const bool release = std::strcmp(argv[i], "--release-after") == 0;
+        if ((release || std::strcmp(argv[i], "--exit-after") == 0) && i + 1 < argc) {
+            (release ? releaseAfterMs : exitAfterMs) = std::atol(argv[++i]);
             continue;
         }
         bool alreadyExisted = false;
-        corv::platform::NamedMutex mutex = corv::platform::createNamedMutex(argv[i], &alreadyExisted);
-        if (mutex.isNull() || alreadyExisted) {
-            std::printf("busy\n");
-            std::fflush(stdout);
+        held.push_back(corv::platform::createNamedMutex(argv[i], &alreadyExisted));
+        if (held.back().isNull() || alreadyExisted) {
+            std::puts("busy");
             return 1;
         }
-        held.push_back(std::move(mutex));
     }
-    std::printf("held\n");
-    std::fflush(stdout);
-
+    std::puts("held");
     if (exitAfterMs >= 0) {
         std::this_thread::sleep_for(std::chrono::milliseconds(exitAfterMs));
         std::_Exit(0);

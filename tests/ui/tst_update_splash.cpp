@@ -61,8 +61,6 @@ QString missingGlyphs(const QString& text, const QFont& font)
     return missing;
 }
 
-const QString kLong = QString::fromUtf8("Đang tải bản cập nhật (12345 tệp)… ").repeated(6).trimmed();
-
 } // namespace
 
 class TestUpdateSplash : public QObject {
@@ -92,10 +90,8 @@ void TestUpdateSplash::showStatus_data()
 {
     QTest::addColumn<QString>("steps");  // "show TEXT", "move" (the user drags it), "hide"; separated by "|"
     QTest::addColumn<bool>("movedAway"); // false: centred on the screen at the end
-    QTest::newRow("first text") << QString::fromUtf8("show Đang kiểm tra cập nhật…") << false;
     QTest::newRow("a visible window is never moved again") << "show a|move|show b|show c" << true;
     QTest::newRow("a hidden window is centred anew") << "show a|move|hide|show b" << false;
-    QTest::newRow("a long text wraps") << "show a|show " + kLong << false;
 }
 
 void TestUpdateSplash::showStatus()
@@ -124,10 +120,6 @@ void TestUpdateSplash::showStatus()
     QCOMPARE(label(splash, 1)->text(), text);
     QCOMPARE(splash.pos(), movedAway ? QPoint(13, 27) : centred());
     QCOMPARE(splash.size(), QSize(360, 90));
-    QLabel* status = label(splash, 1);
-    QVERIFY(splash.rect().contains(status->geometry()) && status->geometry().right() <= 360 - 20);
-    const int lines = status->heightForWidth(status->width()) / status->fontMetrics().lineSpacing();
-    QCOMPARE(lines >= 2, text == kLong);
 }
 
 void TestUpdateSplash::glyphs_data()
@@ -136,9 +128,8 @@ void TestUpdateSplash::glyphs_data()
     QTest::addColumn<QString>("text");
     QTest::addColumn<QString>("missing");
     QTest::newRow("title") << 0 << "Corvanta" << "";
-    for (const char* text : {"Đang khởi động…", "Đang kiểm tra cập nhật…", "Đang tải bản cập nhật (1234567890 tệp)…",
-                             "Đang áp bản cập nhật…", "Cập nhật hoàn tất."})
-        QTest::newRow(text) << 1 << QString::fromUtf8(text) << "";
+    QTest::newRow("status texts") << 1 << QString::fromUtf8("Đang khởi động… Đang kiểm tra cập nhật… Đang tải bản cập nhật "
+                                                            "(1234567890 tệp)… Đang áp bản cập nhật… Cập nhật hoàn tất.") << "";
     // U+0378 is unassigned: no font draws it, and the check must say so.
     QTest::newRow("unassigned character") << 1 << QString::fromUcs4(U"a\u0378b") << QString::fromUcs4(U"\u0378");
 }
@@ -150,9 +141,7 @@ void TestUpdateSplash::glyphs()
     QFETCH(QString, missing);
     UpdateSplash splash;
     splash.ensurePolished();  // the style sheets set the labels' fonts
-    QVERIFY2(missingGlyphs(text, label(splash, row)->font()) == missing,
-             qPrintable("no installed font draws \"" + missingGlyphs(text, label(splash, row)->font())
-                        + "\" (install fonts-dejavu-core)"));
+    QCOMPARE(missingGlyphs(text, label(splash, row)->font()), missing);
 }
 
 QTEST_MAIN(TestUpdateSplash)
