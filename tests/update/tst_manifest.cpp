@@ -52,15 +52,13 @@ class TestManifest : public QObject {
 private slots:
     void parse_data();
     void parse();
-    void safeRelativePath_data();
-    void safeRelativePath();
 };
 
 void TestManifest::parse_data()
 {
     QTest::addColumn<QByteArray>("json");
     QTest::addColumn<bool>("installed");  // read as the installed manifest.json instead of parsed from memory
-    QTest::addColumn<QString>("parsed");  // describe() of the result, or "rejected"
+    QTest::addColumn<QString>("parsed");  // describe() of the result, or "rejected"; for "path:" the safe path
     const QString a = QString(kA), b = QString(kB), c = QString(kC);
     const auto row = [](const char* name, const QByteArray& json, const QString& parsed, bool installed = false) {
         QTest::newRow(name) << json << installed << parsed;
@@ -131,6 +129,11 @@ void TestManifest::parse_data()
         files(entry(QByteArray("d/").repeated(2097152) + "x") + "," + entry("z") + "," + entry("z/y")), "rejected");
 
     const QByteArray good = files(R"({"path": "bin/a.dll", "size": 9, "sha256": "AA"})");
+    const QStringList paths = {
+        "a\\b/c\\d", "a/b/c/d", "a\\\\b\\", "a/b", "a/../b", "", "...", "...", "..a/b../.c/c.", "..a/b../.c/c.", " a /b ", " a /b ",
+        "CON/nul.txt", "CON/nul.txt", "", "", QString(10 << 20, '/'), ""};
+    for (int i = 0; i < paths.size(); i += 2)
+        row(qPrintable("path " + paths[i].left(40)), "path:" + paths[i].toUtf8(), paths[i + 1]);
     row("installed", good, "-1 v  : bin/a.dll|9|aa", true);
     row("installed, 16 MiB", good + QByteArray(16777216 - good.size(), ' '), "-1 v  : bin/a.dll|9|aa", true);
     row("installed, beyond 16 MiB", good + QByteArray(16777217 - good.size(), ' '), "rejected", true);
@@ -142,6 +145,10 @@ void TestManifest::parse()
     QFETCH(QByteArray, json);
     QFETCH(bool, installed);
     QFETCH(QString, parsed);
+    if (json.startsWith("path:")) {
+        QCOMPARE(safeRelativePath(QString::fromUtf8(json.mid(5))), parsed);
+        return;
+    }
     Manifest manifest;
     manifest.fullVersion = "untouched";
     bool ok = false;
@@ -158,25 +165,6 @@ void TestManifest::parse()
     // A rejected manifest leaves the record as it was.
     QCOMPARE(ok ? describe(manifest) : "rejected " + describe(manifest), parsed == "rejected" ? "rejected -1 untouched  :" : parsed);
     QVERIFY(!parseManifest(json, nullptr));
-}
-
-void TestManifest::safeRelativePath_data()
-{
-    QTest::addColumn<QString>("path");
-    QTest::addColumn<QString>("safe");  // "" for a path that must be rejected
-    const QStringList rows = {
-        "a.dll", "a.dll", "bin/plugins/x.dll", "bin/plugins/x.dll", "bin\\x.dll", "bin/x.dll", "a\\b/c\\d", "a/b/c/d",
-        "a//b/", "a/b", "a\\\\b\\", "a/b", "...", "...", "..a/b../.c/c.", "..a/b../.c/c.", " a /b ", " a /b ",
-        "CON/nul.txt", "CON/nul.txt", "", "", QString(10 << 20, '/'), ""};
-    for (int i = 0; i < rows.size(); i += 2)
-        QTest::newRow(qPrintable(rows[i].left(40))) << rows[i] << rows[i + 1];
-}
-
-void TestManifest::safeRelativePath()
-{
-    QFETCH(QString, path);
-    QFETCH(QString, safe);
-    QCOMPARE(::safeRelativePath(path), safe);
 }
 
 QTEST_GUILESS_MAIN(TestManifest)
