@@ -1,5 +1,6 @@
-#include "fuzz_targets.h"
-
+// The fuzzed entry points by name (also their corpus directories' names): each runs one input
+// through a reader of untrusted data and aborts when a rule that must hold for any input breaks.
+// fuzz_corpus runs them on their corpora; built with libFuzzer, the program named fuzz_<name> fuzzes one.
 #include "apply/artifact_decoder.h"
 #include "apply/interrupted_apply_repair.h"
 #include "update/manifest.h"
@@ -7,12 +8,18 @@
 #include "update/update_session.h"
 #include "update/updater_config.h"
 
+#include <QCoreApplication>
 #include <QDirIterator>
 #include <QTemporaryDir>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+
+struct FuzzTarget {
+    const char* name;
+    int (*entry)(const uint8_t* data, size_t size);
+};
 
 namespace {
 
@@ -121,25 +128,21 @@ int repairWalkInput(const uint8_t* data, size_t size)
     static const bool made = QDir().mkpath(outside) && writeFile(outside + "/victim", "victim")
         && writeFile(outside + "/victim.bak", "victim backup");
     require(made && QDir(tree).removeRecursively() && QDir().mkpath(tree), "scratch tree");
-    const QList<QByteArray> lines = bytes(data, size).split('\n').mid(0, 64);
-    for (const bool links : { false, true }) { // made last, so that nothing is made through one
-        for (const QByteArray& line : lines) {
-            QString path = tree;
-            int names = 0; // up to 8 of at most 100 bytes
-            for (const QByteArray& name : line.mid(1).split('/'))
-                if (!name.isEmpty() && name != "." && name != ".." && !name.contains('\0') && names++ < 8)
-                    path += '/' + QFile::decodeName(name.left(100));
-            const QFileInfo info(path), parent(info.path());
-            if (path == tree || info.exists() || info.isSymLink() || links != (line[0] == 'l' || line[0] == 'm')
-                || (links ? !parent.isDir() || parent.isSymLink() : !QDir().mkpath(info.path())))
-                continue;
-            if (line[0] == 'f')
-                writeFile(path, "content " + line);
-            else if (line[0] == 'd')
-                QDir().mkpath(path);
-            else if (links)
-                QFile::link(line[0] == 'l' ? outside : outside + "/victim", path);
-        }
+    QList<QByteArray> lines = bytes(data, size).split('\n').mid(0, 64);
+    const auto isLink = [](const QByteArray& line) { return line.startsWith('l') || line.startsWith('m'); };
+    std::stable_partition(lines.begin(), lines.end(), [&](const QByteArray& line) { return !isLink(line); });
+    for (const QByteArray& line : lines) { // links last, so that nothing is made through one
+        const QString relative = safeRelativePath(QFile::decodeName(line.mid(1, 400))), path = tree + '/' + relative;
+        const QFileInfo info(path), parent(info.path());
+        if (relative.isEmpty() || relative.contains(QChar(0)) || info.exists() || info.isSymLink()
+            || (isLink(line) ? !parent.isDir() || parent.isSymLink() : !QDir().mkpath(info.path())))
+            continue;
+        if (line[0] == 'f')
+            writeFile(path, "content " + line);
+        else if (line[0] == 'd')
+            QDir().mkpath(path);
+        else if (isLink(line))
+            QFile::link(line[0] == 'l' ? outside : outside + "/victim", path);
     }
     QList<QByteArray> before = treeOf(tree);
     UpdateSession session;
@@ -183,7 +186,22 @@ int artifactInput(const uint8_t* data, size_t size)
 
 } // namespace
 
-const FuzzTarget kFuzzTargets[6] = {
+extern const FuzzTarget kFuzzTargets[6] = {
     { "manifest", &manifestInput },   { "safe_path", &safePathInput },     { "config", &configInput },
     { "signature", &signatureInput }, { "repair_walk", &repairWalkInput }, { "artifact", &artifactInput },
 };
+
+static const FuzzTarget* fuzzed = nullptr;
+
+extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv)
+{
+    // The updater logs through Qt; millions of lines would only slow the fuzzer down.
+    qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString&) {});
+    static QCoreApplication app(*argc, *argv);
+    const QString program = QFileInfo(QCoreApplication::applicationFilePath()).fileName();
+    for (const FuzzTarget& each : kFuzzTargets)
+        fuzzed = program == QLatin1String("fuzz_") + each.name ? &each : fuzzed;
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) { return fuzzed->entry(data, size); }
