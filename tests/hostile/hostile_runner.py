@@ -161,7 +161,7 @@ class Runner:
     def run_row(self, r, _):
         tmp = os.path.join(self.top, "runs", r["base"], "tmp")
         if r.get("volume"):
-            os.makedirs(tmp)
+            os.makedirs(tmp, exist_ok=True)  # a run killed before its umount cannot remove it
             # A small filesystem needs root and a working mount; without them the row is skipped.
             if subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={r['volume']}", "tmpfs", tmp]).returncode:
                 return f"cannot mount a {r['volume']} tmpfs"
