@@ -508,6 +508,11 @@ PREFETCH = [
     prefetch("hard link at .update-cache/2.0/files/lib/c.bin.part",
              START + [P + "lib/c.bin resume tu 1000 byte"] + DONE,
              link=("hard", ".update-cache/2.0/files/lib/c.bin.part")),
+    # A directory at a ".part"'s name cannot be written: the file is left to the updater.
+    prefetch("directory at .update-cache/2.0/files/lib/c.bin.part",
+             START + four_times([FRESH, P + 'khong mo duoc "*"']) + [LEFT], seed={f"2.0/files/{F}.part/x": b"x"},
+             cache=cached(state=DONE_AB + [(F, 0, False)], paths=("a.bin", "e.txt"),
+                          **{f"2.0/files/{F}.part/x": b"x"})),
 
     # Bodies beyond their bound, as in apply mode.
     prefetch("endless manifest", [DOCUMENT_FAILED + "body larger than 16777216 bytes"], rules={M: ENDLESS}),
