@@ -45,7 +45,7 @@ Each row is a dict:
   targets    the targets the row runs on (default both)
 """
 
-import hashlib
+from harness import sha256  # the harnesses put tests/support on the path first
 
 
 def pattern(size, seed):
@@ -86,10 +86,6 @@ UPDATED = [
 BAD_SIGNATURE = ['[W] [apply] [Update] CHU KY MANIFEST SAI -> KHONG ap, chay ban hien tai']
 # Qt's text for a certificate that does not lead to a CA the system trusts.
 UNTRUSTED = '"SSL handshake failed"'
-
-
-def sha256(data):
-    return hashlib.sha256(data).hexdigest()
 
 
 def compressed(path):

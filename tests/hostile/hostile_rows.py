@@ -43,13 +43,12 @@ Each row is a dict:
 
 import os
 import re
-import subprocess
 import sys
-import tempfile
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "blackbox"))
-from updater_blackbox import write  # noqa: E402
-from updater_rows import pattern, sha256  # noqa: E402
+TESTS = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+sys.path[:0] = [os.path.join(TESTS, "support"), os.path.join(TESTS, "blackbox")]
+from harness import sha256, zstd  # noqa: E402
+from updater_rows import pattern  # noqa: E402
 
 
 def numbered(edition):
@@ -70,25 +69,13 @@ EMPTY_E = dict(BUILD2, **{"e.txt": b""})
 C1, C2 = BUILD1[F], BUILD2[F]
 
 
-def zstd(content, source=None):
-    """content compressed at level 19 by the zstd tool, or as a patch from source."""
-    with tempfile.TemporaryDirectory() as top:
-        write(os.path.join(top, "in"), content)
-        write(os.path.join(top, "from"), source or b"")
-        smaller = ["--long=31", f"--patch-from={top}/from"] if source is not None else []
-        subprocess.run(["zstd", "-q", "-f", "-19", *smaller, f"{top}/in", "-o", f"{top}/out"], check=True,
-                       stderr=subprocess.DEVNULL)
-        with open(f"{top}/out", "rb") as f:
-            return f.read()
-
-
-PATCH, PACKED, OTHER_PATCH = zstd(C2, C1), zstd(C2), zstd(C2, OLDER[F])
+PATCH, PACKED, OTHER_PATCH = zstd(["-19"], C2, C1), zstd(["-19"], C2), zstd(["-19"], C2, OLDER[F])
 PATCH_PATH, PACKED_PATH = f".zstd/{sha256(C1)}-{sha256(C2)}.zst", f".zstd/{sha256(C2)}.zst"
 CORRUPT_PATCH = bytearray(PATCH)
 CORRUPT_PATCH[len(PATCH) // 2] ^= 0x55
 CORRUPT_PATCH = bytes(CORRUPT_PATCH)
 # From a pipe the tool knows no size to shrink its window to: 256 MiB.
-WIDE_WINDOW = subprocess.run(["zstd", "-q", "--long=28", "-c"], input=C2, stdout=subprocess.PIPE, check=True).stdout
+WIDE_WINDOW = zstd(["--long=28"], C2)
 
 ENDLESS, GZIP = {"endless": True}, {"gzipBytes": 1 << 30}  # 1 GiB of zeros in about 1 MB of gzip
 CHUNKED = {"endless": True, "chunked": True}
@@ -306,8 +293,8 @@ APPLY = [
         ("with a byte after its frame", PACKED + b"x", "du lieu thua sau frame zstd"),
         ("of two frames", PACKED * 2, "du lieu thua sau frame zstd"),
         ("that is no zstd", pattern(5000, 7), "zstd: Unknown frame descriptor"),
-        ("a byte longer", zstd(C2 + b"x"), "giai ra qua 60000 byte"),
-        ("a byte shorter", zstd(C2[:-1]), "giai ra 59999 / 60000 byte"),
+        ("a byte longer", zstd(["-19"], C2 + b"x"), "giai ra qua 60000 byte"),
+        ("a byte shorter", zstd(["-19"], C2[:-1]), "giai ra 59999 / 60000 byte"),
         ("with a window beyond the limit", WIDE_WINDOW, "zstd: Frame requires too much memory for decoding")]],
     # A link at the cache or at another build's directory in it goes as a link.
     *[apply(f"link at {path}", WHOLE, link=("dir", path), updates=True)

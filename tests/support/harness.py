@@ -5,12 +5,14 @@ rows (a failed row never stops the others)."""
 import base64
 import concurrent.futures
 import datetime
+import hashlib
 import json
 import os
 import queue
 import re
 import shutil
 import subprocess
+import tempfile
 import threading
 import time
 
@@ -28,6 +30,20 @@ def write(path, data):
 def read(path):
     with open(path, "rb") as f:
         return f.read()
+
+
+def sha256(data):
+    return hashlib.sha256(data).hexdigest()
+
+
+def zstd(args, data, source=None):
+    """What Debian's zstd tool makes of data with args ("-19", "-d", ...), as a patch from source
+    if one is given: an encoder independent of the updater's own code."""
+    with tempfile.NamedTemporaryFile() as earlier:
+        write(earlier.name, source or b"")
+        # From a pipe the tool knows no size to shrink its window to: --stream-size tells it.
+        patch = [f"--stream-size={len(data)}", "--long=31", f"--patch-from={earlier.name}"] if source else []
+        return subprocess.run(["zstd", "-q", "-c", *args, *patch], input=data, capture_output=True, check=True).stdout
 
 
 def sign(data, key=DEV_KEY):

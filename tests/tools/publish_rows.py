@@ -32,8 +32,8 @@ import tempfile
 import threading
 
 SOURCE_DIR = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
-sys.path.insert(0, os.path.join(SOURCE_DIR, "tests", "blackbox"))
-from updater_blackbox import sign, write  # noqa: E402
+sys.path[:0] = [os.path.join(SOURCE_DIR, "tests", d) for d in ("support", "blackbox")]
+from harness import read, sha256 as sha, sign, write, zstd  # noqa: E402
 from updater_rows import pattern  # noqa: E402
 
 
@@ -228,22 +228,6 @@ ROWS.append(R("embedded key accepted, with CR LF line ends", {},
 def expect(actual, expected, what):
     if actual != expected:
         raise AssertionError(f"{what}:\n  got      {actual!r}\n  expected {expected!r}")
-
-
-def sha(data):
-    return hashlib.sha256(data).hexdigest()
-
-
-def read(path):
-    with open(path, "rb") as f:
-        return f.read()
-
-
-def zstd(args, data, source=None):
-    with tempfile.NamedTemporaryFile() as earlier:
-        write(earlier.name, source or b"")
-        patch = [f"--stream-size={len(data)}", "--long=31", f"--patch-from={earlier.name}"] if source else []
-        return subprocess.run(["zstd", "-q", "-c", *args, *patch], input=data, capture_output=True, check=True).stdout
 
 
 @functools.lru_cache(maxsize=None)
