@@ -448,6 +448,7 @@ PREFETCH = [
     *[prefetch(name, START + four_times([FRESH, f'{P}"lib/c.bin" HTTP {code} -> bo file nay']) + [LEFT],
                rules={F: rule})
       for name, code, rule in [("file 404", 404, status(404)), ("file 503", 503, status(503)),
+                               ("file 503 without a body", 503, dict(status(503), emptyBody=True)),
                                ("file redirect loop", 302, {"redirectTo": F})]],
     # Every cut keeps its bytes: the next attempt resumes where the last one ended. A cut that
     # Qt reports as a short but complete body fails the length check instead.
@@ -500,6 +501,9 @@ PREFETCH = [
              START + four_times([FRESH, P + 'khong mo duoc "*"']) + [LEFT], seed={f"2.0/files/{F}.part/x": b"x"},
              cache=cached(state=DONE_AB + [(F, 0, False)], paths=("a.bin", "e.txt"),
                           **{f"2.0/files/{F}.part/x": b"x"})),
+    prefetch("directory at the .part of an empty file",
+             START[:3] + four_times([P + "e.txt tai tu dau 0 KB", P + 'khong mo duoc "*"']) + [FRESH, DONE[0], LEFT],
+             publish={"build": EMPTY_E}, seed={"2.0/files/e.txt.part/x": b"x"}),
 
     # Bodies beyond their bound, as in apply mode.
     prefetch("endless manifest", [DOCUMENT_FAILED + "body larger than 16777216 bytes"], rules={M: ENDLESS}),

@@ -64,7 +64,7 @@ class Handler(BaseHTTPRequestHandler):
             return self.send_short(302, b"redirect\n", Location=location if "://" in location
                                    else "/" + location.lstrip("/"))
         if rule.get("status", 0) > 0:
-            return self.send_short(rule["status"], b"status %d\n" % rule["status"])
+            return self.send_short(rule["status"], b"" if rule.get("emptyBody") else b"status %d\n" % rule["status"])
         if not full.startswith(self.server.root + os.sep) or not os.path.isfile(full):
             return self.send_short(404, b"not found\n")
         if rule.get("endless"):
