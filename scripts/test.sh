@@ -10,15 +10,22 @@ ensure_packages cmake ninja-build g++ pkg-config qtbase5-dev libssl-dev libzstd-
                 fonts-dejavu-core x11-utils xdotool strace time nginx-light openssl \
                 g++-mingw-w64-x86-64 wine wine64 python3-pefile rsync curl clang libclang-rt-14-dev
 
+# Each step names itself with the time since the start, so a slow run shows where it went.
+step() { echo "==== $1 (at $((SECONDS / 60))m$((SECONDS % 60))s)"; }
+trap 'step "end, exit status $?"' EXIT
+
 build=${BUILD_DIR:-build}
+step build
 cmake -S . -B "$build" -G Ninja ${CMAKE_ARGS:-}
 cmake --build "$build"
 
 # Every libFuzzer target for a few seconds, from the seed corpora in tests/fuzz/corpus.
+step fuzzing
 scripts/fuzz.sh "${FUZZ_SECONDS:-10}"
 
 # Many suites wait on real timers and processes rather than the CPU, so run more than one per core.
 jobs=$(( $(nproc) * 2 ))
+step tests
 ctest --test-dir "$build" --output-on-failure -j "$jobs" ${CTEST_ARGS:-}
 
 # The Windows pass: updater.exe cross-built against the static Qt and OpenSSL of
@@ -28,7 +35,8 @@ ctest --test-dir "$build" --output-on-failure -j "$jobs" ${CTEST_ARGS:-}
 # WINDOWS=0 leaves the pass out.
 toolchain=${CORVANTA_WINDOWS_TOOLCHAIN:-$HOME/.cache/corvanta-windows-toolchain}
 if [[ ${WINDOWS:-} == 1 || ( ${WINDOWS:-} != 0 && -f $toolchain/prefix/toolchain.complete ) ]]; then
-    [[ ${WINDOWS:-} == 1 ]] && scripts/windows-toolchain.sh
+    [[ ${WINDOWS:-} == 1 ]] && step "Windows toolchain" && scripts/windows-toolchain.sh
+    step "Windows build and rows"
     cmake -S . -B "$build-win" -G Ninja -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64-x86_64.cmake -DBUILD_TESTING=OFF
     cmake --build "$build-win"
     # pefile is Debian's python3-pefile, so Debian's interpreter.
@@ -47,6 +55,7 @@ fi
 # killed while its exit-time leak check runs leaves the checker's "Unable to get registers
 # from thread N" there, which says nothing about our code.
 if [[ ${SANITIZE:-1} != 0 ]]; then
+    step "sanitizer build and tests"
     cmake -S . -B "$build-asan" -G Ninja -DCORV_SANITIZE=ON ${CMAKE_ARGS:-}
     cmake --build "$build-asan"
     reports="$build-asan/sanitizer-reports"
