@@ -39,6 +39,7 @@ private slots:
 private:
     QTemporaryDir dir;
     QString otherKey;
+    QByteArray otherPublicKey, ed25519PublicKey;
 };
 
 void TestManifestSignature::initTestCase()
@@ -46,6 +47,9 @@ void TestManifestSignature::initTestCase()
     otherKey = dir.filePath("other.pem");
     runOpenssl({"ecparam", "-name", "prime256v1", "-genkey", "-noout", "-out", otherKey});
     QVERIFY(!sign(kManifest).isEmpty() && !sign(kManifest, otherKey).isEmpty());
+    otherPublicKey = runOpenssl({"ec", "-in", otherKey, "-pubout"});
+    ed25519PublicKey = runOpenssl({"pkey", "-pubout"}, runOpenssl({"genpkey", "-algorithm", "ed25519"}));
+    QVERIFY(otherPublicKey.startsWith("-----BEGIN PUBLIC KEY") && ed25519PublicKey.startsWith("-----BEGIN PUBLIC KEY"));
 }
 
 void TestManifestSignature::verify_data()
@@ -53,22 +57,32 @@ void TestManifestSignature::verify_data()
     QTest::addColumn<QByteArray>("manifest");
     QTest::addColumn<QByteArray>("signature");
     QTest::addColumn<bool>("valid");
+    QTest::addColumn<QByteArray>("publicKey");
     const QByteArray sig = sign(kManifest);
     const QByteArray der = QByteArray::fromBase64(sig);
     QByteArray flipped = der;
     flipped[flipped.size() - 1] = char(flipped.back() ^ 0x01);
 
-    QTest::newRow("as published") << kManifest << sig << true;
-    QTest::newRow("CR LF after it") << kManifest << sig + "\r\n" << true;
-    QTest::newRow("blanks, tabs and line breaks around") << kManifest << " \t\r\n" + sig + "\n\n\t " << true;
-    QTest::newRow("characters outside the alphabet skipped") << kManifest << sig.left(10) + "*\x01!" + sig.mid(10) << true;
-    QTest::newRow("manifest changed by one byte") << QByteArray(kManifest).replace("153", "154") << sig << false;
-    QTest::newRow("manifest with one more line feed") << kManifest + "\n" << sig << false;
-    QTest::newRow("signed by another key") << kManifest << sign(kManifest, otherKey) << false;
-    QTest::newRow("DER truncated by one byte") << kManifest << der.chopped(1).toBase64() << false;
-    QTest::newRow("DER with one bit flipped") << kManifest << flipped.toBase64() << false;
-    QTest::newRow("only whitespace") << kManifest << QByteArray(" \r\n\t") << false;
-    QTest::newRow("only characters outside the alphabet") << kManifest << QByteArray("!!*** ~~ ## \x01") << false;
+    // The key column empty: the key built into the updater.
+    const auto row = [](const char* name, const QByteArray& manifest, const QByteArray& signature, bool valid,
+                        const QByteArray& publicKey = QByteArray()) {
+        QTest::newRow(name) << manifest << signature << valid << publicKey;
+    };
+    row("as published", kManifest, sig, true);
+    row("CR LF after it", kManifest, sig + "\r\n", true);
+    row("blanks, tabs and line breaks around", kManifest, " \t\r\n" + sig + "\n\n\t ", true);
+    row("characters outside the alphabet skipped", kManifest, sig.left(10) + "*\x01!" + sig.mid(10), true);
+    row("manifest changed by one byte", QByteArray(kManifest).replace("153", "154"), sig, false);
+    row("manifest with one more line feed", kManifest + "\n", sig, false);
+    row("signed by another key", kManifest, sign(kManifest, otherKey), false);
+    row("DER truncated by one byte", kManifest, der.chopped(1).toBase64(), false);
+    row("DER with one bit flipped", kManifest, flipped.toBase64(), false);
+    row("only whitespace", kManifest, QByteArray(" \r\n\t"), false);
+    row("only characters outside the alphabet", kManifest, QByteArray("!!*** ~~ ## \x01"), false);
+    row("another key's signature, checked with its key", kManifest, sign(kManifest, otherKey), true, otherPublicKey);
+    row("a key that does not parse", kManifest, sig, false,
+        QByteArray("-----BEGIN PUBLIC KEY-----\nAAAA\n-----END PUBLIC KEY-----\n"));
+    row("an Ed25519 key, which takes no SHA-256", kManifest, sig, false, ed25519PublicKey);
 }
 
 void TestManifestSignature::verify()
@@ -76,7 +90,10 @@ void TestManifestSignature::verify()
     QFETCH(QByteArray, manifest);
     QFETCH(QByteArray, signature);
     QFETCH(bool, valid);
-    QCOMPARE(verifyManifestSignature(manifest, signature), valid);
+    QFETCH(QByteArray, publicKey);
+    QCOMPARE(publicKey.isEmpty() ? verifyManifestSignature(manifest, signature)
+                                 : verifySignatureWithPublicKey(manifest, signature, publicKey.constData()),
+             valid);
 }
 
 QTEST_GUILESS_MAIN(TestManifestSignature)
