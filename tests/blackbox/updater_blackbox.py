@@ -19,6 +19,7 @@ namespace of the updater's own (root only).
 
 import argparse
 import base64
+import concurrent.futures
 import datetime
 import json
 import os
@@ -277,8 +278,9 @@ class Harness:
         self.rogue = Pki(os.path.join(self.run_dir, "pki-rogue"), "Corvanta Rogue CA")
         self.keys = os.path.join(self.run_dir, "keys")
         sh([options.publish, "keygen", "--out-dir", self.keys])
-        for r in self.rows:
-            self.publish(r)
+        # Each row's builds go to directories of its own: published side by side.
+        with concurrent.futures.ThreadPoolExecutor(options.jobs) as pool:
+            list(pool.map(self.publish, self.rows))
         self.nginx = Nginx(os.path.join(self.run_dir, "nginx"), self.www,
                            rate_limited={f"/{r['name']}/": r["rate"] for r in self.rows if "rate" in r},
                            tls=[(self.trusted.cert, self.trusted.key), (self.rogue.cert, self.rogue.key)])
