@@ -79,14 +79,12 @@ struct Transaction {
         return true;
     }
 
-    // Every replaced file is in place for good: the backups go. A backup is a file this run put
-    // there; removeOwnPath also deletes a read-only one (Windows keeps the attribute of the file
-    // it replaced).
+    // Every replaced file is in place for good: the backups go, never through a link planted
+    // since, read-only ones too (Windows keeps the attribute of the file it replaced).
     void commit()
     {
         for (const auto& pair : replaced)
-            if (!QFile::remove(pair.first))
-                removeOwnPath(pair.first);
+            removeOwnPath(pair.first);
         for (const auto& pair : movedAside)
             removeOwnPath(pair.first);
     }
