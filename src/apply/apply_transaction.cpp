@@ -32,17 +32,22 @@ struct Transaction {
     // (asidePath, originalPath), in order.
     QList<QPair<QString, QString>> movedAside;
     QSet<QString> directoriesChecked;  // each directory is looked at once, not once per file
+    QSet<QString> parentsReady;        // directories that files may be moved into
     // The error of the move that failed, taken at once: on Windows the Qt calls made before it
     // is logged (thread-local lookups) reset GetLastError() to 0.
     unsigned long moveError = 0;
 
     // Moves whatever stands where `path` must be (a directory for a file, or a file for a
-    // directory) aside. False when that move failed.
-    bool clearShapeObstacle(const QString& path, bool wantDirectory)
+    // directory) aside. False when that move failed; `present` tells whether something of the
+    // right shape is left there.
+    bool clearShapeObstacle(const QString& path, bool wantDirectory, bool* present = nullptr)
     {
         const QFileInfo info(path);
+        const bool exists = info.exists();
+        if (present)
+            *present = exists && info.isDir() == wantDirectory;
         // Nothing there, or the right shape already (a link to a directory counts as one).
-        if ((!info.exists() && !info.isSymLink()) || info.isDir() == wantDirectory)
+        if ((!exists && !info.isSymLink()) || info.isDir() == wantDirectory)
             return true;
         const QString aside = path + kBackupSuffix;
         // A backup beside a file that exists is garbage, as in the repair; a link there is
@@ -74,10 +79,10 @@ struct Transaction {
         return true;
     }
 
+    // Every replaced file is in place for good: the backups go, never through a link planted
+    // since, read-only ones too (Windows keeps the attribute of the file it replaced).
     void commit()
     {
-        // removeOwnPath also deletes a read-only backup (Windows keeps the attribute of the
-        // file it replaced).
         for (const auto& pair : replaced)
             removeOwnPath(pair.first);
         for (const auto& pair : movedAside)
@@ -98,6 +103,8 @@ struct Transaction {
             removeEmptyDirectories(it->second);
             moveWithoutReplacing(it->first, it->second);
         }
+        QString unsynced;
+        endMoveBatch(&unsynced);
     }
 
     static void removeEmptyDirectories(const QString& path)
@@ -142,6 +149,8 @@ bool applyStagedFiles(UpdateSession& session, const QList<StagedFile>& staged)
     }
     Transaction transaction;
     bool ok = true;
+    // Each directory is synced once, after its last move and before the backups go.
+    beginMoveBatch();
 
     for (const StagedFile& file : staged) {
         const QString relPath = safeRelativePath(file.relPath);
@@ -164,13 +173,19 @@ bool applyStagedFiles(UpdateSession& session, const QList<StagedFile>& staged)
             continue;
         }
 
-        if (!transaction.clearParents(session.appDir, relPath) || !transaction.clearShapeObstacle(target, false)) {
+        const QString parent = QFileInfo(target).path();
+        bool present = false;
+        if ((!transaction.parentsReady.contains(parent) && !transaction.clearParents(session.appDir, relPath))
+            || !transaction.clearShapeObstacle(target, false, &present)) {
             qWarning() << "[Update] them moi" << file.relPath << "that bai, GetLastError=" << transaction.moveError;
             ok = false;
             break;
         }
-        QDir().mkpath(QFileInfo(target).path());
-        if (!QFileInfo::exists(target)) {
+        if (!transaction.parentsReady.contains(parent)) {
+            QDir().mkpath(parent);
+            transaction.parentsReady.insert(parent);
+        }
+        if (!present) {
             if (!moveFileWriteThrough(file.stagedPath, target)) {
                 const unsigned long error = corv::platform::lastError();
                 qWarning() << "[Update] them moi" << file.relPath << "that bai, GetLastError=" << error;
@@ -190,6 +205,15 @@ bool applyStagedFiles(UpdateSession& session, const QList<StagedFile>& staged)
         transaction.replaced.append({backup, target});
     }
 
+    QString unsynced;
+    if (ok && !endMoveBatch(&unsynced)) {
+        // The moves may not outlive a power loss: undone like a failed one, batched again.
+        const unsigned long error = corv::platform::lastError();
+        qWarning() << "[Update] dong bo thu muc" << QDir(session.appDir).relativeFilePath(unsynced)
+                   << "that bai, GetLastError=" << error;
+        ok = false;
+        beginMoveBatch();
+    }
     if (ok) {
         transaction.commit();
         return true;
@@ -206,7 +230,7 @@ void writeInstalledManifest(UpdateSession& session, const QByteArray& manifestBy
     const QString written = staging + QStringLiteral("/manifest.json");
     QFile file;
     if (makeOwnDirectory(staging) && openOwnFile(file, written, QIODevice::WriteOnly) && file.write(manifestBytes) == manifestBytes.size()
-        && file.flush()) {
+        && syncWrittenFile(file)) {
         file.close();
         moveFileWriteThrough(written, installedManifestPath(session.appDir));
     }

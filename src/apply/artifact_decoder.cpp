@@ -148,7 +148,8 @@ bool decodeArtifactToFile(const QString& artifactPath, const QString& sourcePath
         [&output](const char* data, qint64 length) { return output.write(data, length) == length; }, error);
     if (!decoded)
         return false;
-    if (!output.flush())
+    // The output is staged as it is: its data is on disk before it is moved into place.
+    if (!syncWrittenFile(output))
         return failWith(error, QStringLiteral("ghi dia hong"));
     return true;
 }

@@ -48,3 +48,17 @@ bool replaceInstalledFile(const QString& newPath, const QString& targetPath, con
     qWarning() << "[Update] ReplaceFile hong err=" << replaceError << "va ghi ban moi cung hong err=" << writeError;
     return false;
 }
+
+void beginMoveBatch()
+{
+    corv::platform::deferDirectorySyncs();
+}
+
+bool endMoveBatch(QString* failedDirectory)
+{
+    std::string directory;
+    if (corv::platform::syncDeferredDirectories(&directory))
+        return true;
+    *failedDirectory = QDir::fromNativeSeparators(QString::fromStdString(directory));
+    return false;
+}

@@ -11,14 +11,16 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QSet>
 
 #include <algorithm>
 
 namespace {
 
 // A cached file into a new file of staging, in blocks, never the whole file at once; neither
-// side is reached through a link.
-bool copyReplacing(const QString& from, const QString& to)
+// side is reached through a link. A copy that is staged as it is gets synced to disk.
+enum class Copy { ToResume, ToStage };
+bool copyReplacing(const QString& from, const QString& to, Copy purpose)
 {
     QFile source;
     QFile target;
@@ -28,7 +30,7 @@ bool copyReplacing(const QString& from, const QString& to)
     for (;;) {
         const qint64 read = source.read(buffer.data(), buffer.size());
         if (read == 0)
-            return target.flush();
+            return purpose == Copy::ToStage ? syncWrittenFile(target) : target.flush();
         if (read < 0 || target.write(buffer.constData(), read) != read)
             return false;
     }
@@ -71,7 +73,7 @@ bool stageFromArtifact(Transfer& transfer, const ManifestFile& file, const Manif
         const QString part = cachePartPath(transfer.version, packed.path);
         const qint64 have = cachePartSize(transfer.version, packed.path);
         // Bounded by the artifact's size, like a whole file by its own.
-        const bool resumed = have > 0 && have < packed.size && copyReplacing(part, staged);
+        const bool resumed = have > 0 && have < packed.size && copyReplacing(part, staged, Copy::ToResume);
         if (resumed)
             qInfo() << "[Update]" << packed.path << "noi tiep tu kho tam:" << have << "byte";
         if (!httpGetToFile(transfer.session.network, url, staged, resumed ? have : 0, packed.size,
@@ -118,6 +120,11 @@ bool downloadToStaging(UpdateSession& session, const QList<ManifestFile>& change
     makeOwnDirectory(staging);
     Transfer transfer{session, staging, baseUrl, version};
     qint64 wholeBytes = 0;
+    // Nothing can come from a cache without a directory for this build: looked at once here
+    // rather than by a few opens per file.
+    const QString cacheDir = cacheVersionDir(version);
+    const bool cacheHeld = !cacheDir.isEmpty() && QFileInfo(cacheDir + QStringLiteral("/files")).isDir();
+    QSet<QString> madeDirectories;
 
     auto giveUp = [&](const ManifestFile& file) {
         qWarning() << "[Update] tai" << file.path << "that bai -> huy, chay ban hien tai";
@@ -132,16 +139,20 @@ bool downloadToStaging(UpdateSession& session, const QList<ManifestFile>& change
         if (safePath.isEmpty())
             return giveUp(file);
         const QString dst = staging + QLatin1Char('/') + safePath;
-        makeOwnDirectory(QFileInfo(dst).path());
+        const QString dstDir = QFileInfo(dst).path();
+        if (!madeDirectories.contains(dstDir)) {
+            makeOwnDirectory(dstDir);
+            madeDirectories.insert(dstDir);
+        }
         // Every download is bounded by the manifest size (0 admits only an empty body): a
         // server that sends without end cannot fill the disk.
         const QString url = baseUrl + file.path;
         const qint64 bound = fileSizeBound(file);
         wholeBytes += qMax<qint64>(0, file.size);
 
-        const QString cached = findCompleteCachedFile(version, file);
+        const QString cached = cacheHeld ? findCompleteCachedFile(version, file) : QString();
         if (!cached.isEmpty()) {
-            if (copyReplacing(cached, dst)) {
+            if (copyReplacing(cached, dst, Copy::ToStage)) {
                 ++transfer.fromCache;
                 staged.append({dst, file.path});
                 continue;
@@ -168,22 +179,29 @@ bool downloadToStaging(UpdateSession& session, const QList<ManifestFile>& change
             continue;
         }
 
+        // The download hashes the file as it writes it; only a file resumed from the cache's
+        // partial one is read again.
+        QString digest;
+        const auto download = [&](qint64 offset) {
+            return httpGetToFile(session.network, url, dst, offset, bound, &transfer.bodyBytes, &digest);
+        };
+        const auto stagedHash = [&] { return digest.isEmpty() ? sha256OfFile(dst) : digest; };
         const QString part = cachePartPath(version, file.path);
-        const qint64 have = cachePartSize(version, file.path);
+        const qint64 have = cacheHeld ? cachePartSize(version, file.path) : 0;
         const bool resumable = have > 0 && !part.isEmpty() && have < bound;
         bool downloaded = false;
-        if (resumable && copyReplacing(part, dst)) {
+        if (resumable && copyReplacing(part, dst, Copy::ToResume)) {
             qInfo() << "[Update]" << file.path << "noi tiep tu kho tam:" << have << "byte";
-            downloaded = httpGetToFile(session.network, url, dst, have, bound, &transfer.bodyBytes);
+            downloaded = download(have);
             if (!downloaded) {
                 qWarning() << "[Update] tai tiep" << file.path << "that bai -> thu lai tu dau";
                 removeOwnPath(dst);
             }
         }
-        if (!downloaded && !httpGetToFile(session.network, url, dst, 0, bound, &transfer.bodyBytes))
+        if (!downloaded && !download(0))
             return giveUp(file);
 
-        if (sha256OfFile(dst) == file.sha256) {
+        if (stagedHash() == file.sha256) {
             staged.append({dst, file.path});
             continue;
         }
@@ -192,8 +210,7 @@ bool downloadToStaging(UpdateSession& session, const QList<ManifestFile>& change
         if (!part.isEmpty())
             removeOwnPath(part);
         removeOwnPath(dst);
-        if (!httpGetToFile(session.network, url, dst, 0, bound, &transfer.bodyBytes)
-            || sha256OfFile(dst) != file.sha256) {
+        if (!download(0) || stagedHash() != file.sha256) {
             qWarning() << "[Update] hash van lech" << file.path << "-> huy";
             removeOwnPath(staging);
             return false;

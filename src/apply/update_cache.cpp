@@ -137,7 +137,7 @@ bool writeCacheState(const CacheState& state, qint64* size)
     if (size)
         *size = json.size();
     tmp.write(json);
-    tmp.flush();
+    syncWrittenFile(tmp);
     tmp.close();
     // A crash leaves the old state.json or the new one, never a torn file.
     return moveFileWriteThrough(tmpPath, finalPath);

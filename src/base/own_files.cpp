@@ -2,6 +2,7 @@
 
 #include "base/installation_dir.h"
 #include "platform/file_access.h"
+#include "platform/file_replace.h"
 
 #include <QDir>
 #include <QFile>
@@ -65,6 +66,11 @@ bool removeOwnPath(const QString& path)
     std::string base;
     std::string relPath;
     return splitOwnPath(path, &base, &relPath) && corv::platform::removeOwnPath(base, relPath);
+}
+
+bool syncWrittenFile(QFile& file)
+{
+    return file.flush() && corv::platform::syncFileData(file.handle());
 }
 
 bool openRegularFile(QFile& file, const QString& path)

@@ -19,6 +19,9 @@ qint64 ownFileSize(const QString& path);
 bool makeOwnDirectory(const QString& path);
 // Removes a file or a tree; a link is removed as a link.
 bool removeOwnPath(const QString& path);
+// Writes out what the open `file` buffers and makes its data durable: a file that is to be moved
+// under a name that others read is synced so before it is closed (platform/file_replace.h).
+bool syncWrittenFile(QFile& file);
 
 // Files the user may have placed, links included (installed files, updater.conf): `path` is
 // opened for reading only when it leads to a regular file, so that a FIFO or a device under such

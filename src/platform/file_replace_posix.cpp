@@ -3,6 +3,8 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <initializer_list>
+#include <set>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -11,6 +13,9 @@ namespace corv::platform {
 namespace {
 
 thread_local unsigned long lastErrorCode = 0;
+// The directories that moves of the current batch changed, synced by syncDeferredDirectories().
+thread_local bool deferringSyncs = false;
+thread_local std::set<std::string> deferredDirectories;
 
 // Callers log Windows error codes; errno values are reported as the code of the matching
 // Windows failure so that a log line means the same on every platform.
@@ -72,25 +77,22 @@ int syncPath(const std::string& path)
     return error == EINVAL ? 0 : error;
 }
 
-// The moved entry's data must be on disk before the new name can point at it.
-int syncBeforeMove(const std::string& path, const struct stat& info)
+// Makes the names that moves gave and took durable: the directories of `paths`, each once,
+// at once or at the end of the batch. A journalling file system would commit a rename's removal
+// from the directory it left with the directory it entered; that is not counted on.
+int syncDirectories(std::initializer_list<std::string> paths)
 {
-    return S_ISREG(info.st_mode) || S_ISDIR(info.st_mode) ? syncPath(path) : 0;
-}
-
-// Makes the new names durable: the directories they entered. A rename is one metadata
-// transaction of a journalling file system, so syncing the directory a name entered also
-// commits its removal from the directory it left; that one needs no fsync of its own.
-int syncDirectories(const std::string& a, const std::string& b = std::string())
-{
-    const std::string dirA = parentDir(a);
-    if (const int error = syncPath(dirA))
-        return error;
-    if (!b.empty()) {
-        const std::string dirB = parentDir(b);
-        if (dirB != dirA)
-            return syncPath(dirB);
+    std::set<std::string> directories;
+    for (const std::string& path : paths)
+        if (!path.empty())
+            directories.insert(parentDir(path));
+    if (deferringSyncs) {
+        deferredDirectories.insert(directories.begin(), directories.end());
+        return 0;
     }
+    for (const std::string& directory : directories)
+        if (const int error = syncPath(directory))
+            return error;
     return 0;
 }
 
@@ -98,6 +100,11 @@ int syncDirectories(const std::string& a, const std::string& b = std::string())
 // `name`, so an existing file under `name` is replaced atomically and is never missing either.
 int linkOver(const std::string& existing, const std::string& name, const std::string& temporary)
 {
+    // The usual case: nothing has the name yet.
+    if (::link(existing.c_str(), name.c_str()) == 0)
+        return 0;
+    if (errno != EEXIST)
+        return errno;
     ::unlink(temporary.c_str());
     if (::link(existing.c_str(), temporary.c_str()) != 0)
         return errno;
@@ -131,10 +138,8 @@ bool replaceFile(const std::string& replaced, const std::string& replacement, co
     // The new content takes over the replaced file's permission bits (an installed program
     // stays executable), as the in-place replacement on Windows keeps attributes; like there,
     // a failure to carry them over is ignored.
-    if (S_ISREG(oldInfo.st_mode) && S_ISREG(newInfo.st_mode))
+    if (S_ISREG(oldInfo.st_mode) && S_ISREG(newInfo.st_mode) && (oldInfo.st_mode & 07777) != (newInfo.st_mode & 07777))
         (void)::chmod(replacement.c_str(), oldInfo.st_mode & 07777);
-    if (const int error = syncBeforeMove(replacement, newInfo))
-        return fail(error);
     if (!backup.empty())
         if (const int error = linkOver(replaced, backup, backupLinkName(replacement)))
             return fail(error);
@@ -143,7 +148,7 @@ bool replaceFile(const std::string& replaced, const std::string& replacement, co
     unsigned long injected = 0;
     const int syncError = injectedFileFailure(FileCall::ReplaceFileAfterRename, replacement, injected)
                               ? EIO
-                              : syncDirectories(replaced, backup);
+                              : syncDirectories({replaced, backup, replacement});
     if (syncError != 0) {
         // A failure means what it means on Windows: the old content under the installed name,
         // the new one still staged. Otherwise a caller's fallback would move the new file over
@@ -169,11 +174,9 @@ bool moveWriteThrough(const std::string& from, const std::string& to, bool repla
     struct stat toInfo {};
     if (::lstat(to.c_str(), &toInfo) == 0 && (!replace || S_ISDIR(toInfo.st_mode)))
         return fail(replace ? EACCES : EEXIST);
-    if (const int error = syncBeforeMove(from, fromInfo))
-        return fail(error);
     if (::rename(from.c_str(), to.c_str()) != 0)
         return fail(errno);
-    if (const int error = syncDirectories(to))
+    if (const int error = syncDirectories({to, from}))
         return fail(error);
     return true;
 }
@@ -188,6 +191,40 @@ bool moveFileReplaceWriteThrough(const std::string& from, const std::string& to)
 bool moveWriteThrough(const std::string& from, const std::string& to)
 {
     return moveWriteThrough(from, to, false);
+}
+
+bool syncFileData(int fd)
+{
+    // A file system that cannot sync answers EINVAL, which is no failure either.
+    return ::fsync(fd) == 0 || errno == EINVAL || fail(errno);
+}
+
+void deferDirectorySyncs()
+{
+    deferringSyncs = true;
+}
+
+bool syncDeferredDirectories(std::string* failedDirectory)
+{
+    deferringSyncs = false;
+    unsigned long firstError = 0;
+    // Every directory is synced even after a failure: the more of the batch is durable, the less
+    // a power loss during the rollback can undo.
+    for (const std::string& directory : deferredDirectories) {
+        unsigned long error = 0;
+        if (!injectedFileFailure(FileCall::DirectorySync, directory, error))
+            if (const int syncError = syncPath(directory))
+                error = windowsErrorFor(syncError);
+        if (error != 0 && firstError == 0) {
+            firstError = error;
+            *failedDirectory = directory;
+        }
+    }
+    deferredDirectories.clear();
+    if (firstError == 0)
+        return true;
+    lastErrorCode = firstError;
+    return false;
 }
 
 unsigned long lastError()

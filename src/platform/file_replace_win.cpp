@@ -6,6 +6,8 @@
 #undef MoveFile
 #undef ReplaceFile
 
+#include <io.h>
+
 #include <climits>
 #include <string>
 
@@ -78,6 +80,20 @@ bool moveWriteThrough(const std::string& from, const std::string& to)
     if (!toWide(from, wideFrom) || !toWide(to, wideTo))
         return false;
     return MoveFileExW(wideFrom.c_str(), wideTo.c_str(), MOVEFILE_WRITE_THROUGH) != FALSE;
+}
+
+bool syncFileData(int fd)
+{
+    const auto handle = reinterpret_cast<HANDLE>(_get_osfhandle(fd));
+    return handle != INVALID_HANDLE_VALUE && FlushFileBuffers(handle) != FALSE;
+}
+
+// Every move is MOVEFILE_WRITE_THROUGH on its own; there is nothing to defer.
+void deferDirectorySyncs() {}
+
+bool syncDeferredDirectories(std::string*)
+{
+    return true;
 }
 
 unsigned long lastError()

@@ -1,6 +1,7 @@
 #include "update/http_fetch.h"
 
 #include "base/own_files.h"
+#include "base/sha256.h"
 #include "update/slow_transfer.h"
 
 #include <QDebug>
@@ -26,6 +27,8 @@ struct FileSink {
     qint64 received = 0; // body bytes of this response written to the file
     qint64 read = 0;     // body bytes taken from the reply, also those refused
     QByteArray encoding; // a refused Content-Encoding
+    Sha256 hash;         // of everything written, when the file was started from byte 0
+    bool fromStart = false;
     bool opened = false;
     bool writeFailed = false;
     bool tooLarge = false;
@@ -69,6 +72,7 @@ struct FileSink {
             }
             opened = true;
             length = file.size();
+            fromStart = length == 0;
         }
         while (reply->bytesAvailable() > 0) {
             const QByteArray chunk = reply->read(kHttpReadChunkBytes);
@@ -84,6 +88,7 @@ struct FileSink {
                 fail();
                 return;
             }
+            hash.addData(chunk);
             length += chunk.size();
             received += chunk.size();
         }
@@ -225,7 +230,7 @@ QByteArray httpGetWithRetry(BoundedNetworkAccessManager& network, const QString&
 }
 
 bool httpGetToFile(BoundedNetworkAccessManager& network, const QString& url, const QString& filePath,
-                   qint64 offset, qint64 maxLength, qint64* bodyBytes)
+                   qint64 offset, qint64 maxLength, qint64* bodyBytes, QString* stagedSha256)
 {
     QNetworkRequest request = makeUpdateRequest(url);
     if (offset > 0)
@@ -263,9 +268,12 @@ bool httpGetToFile(BoundedNetworkAccessManager& network, const QString& url, con
     if (bodyBytes)
         *bodyBytes += sink.read;
     if (sink.opened) {
-        if (!sink.file.flush())
+        // A staged file's data is on disk before any name in the installation can point at it.
+        if (!(stagedSha256 && !failed ? syncWrittenFile(sink.file) : sink.file.flush()))
             sink.writeFailed = true;
         sink.file.close();
     }
+    if (stagedSha256)
+        *stagedSha256 = sink.fromStart ? sink.hash.hexResult() : QString();
     return !failed && sink.opened && !sink.writeFailed;
 }

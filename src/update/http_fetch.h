@@ -42,6 +42,10 @@ QString bodyRefusal(const QNetworkReply& reply, qint64 maxBytes);
 // is appended, a 200 answer rewrites the file from byte 0. The transfer is aborted and fails as
 // soon as the file would grow beyond maxLength bytes (0: only an empty body is accepted).
 // bodyBytes, when given, grows by the body bytes read from the server, failed transfers
-// included: what the file cost on the wire.
+// included: what the file cost on the wire. stagedSha256, when given, makes the file one that is
+// moved into place as it is: it is synced to disk before it is closed, and stagedSha256 receives
+// the SHA-256 of its whole content, hashed on the way (or "" when the body was appended to bytes
+// already there: the caller hashes the file then).
 bool httpGetToFile(BoundedNetworkAccessManager& network, const QString& url, const QString& filePath,
-                   qint64 offset, qint64 maxLength = kUnsizedFileLimit, qint64* bodyBytes = nullptr);
+                   qint64 offset, qint64 maxLength = kUnsizedFileLimit, qint64* bodyBytes = nullptr,
+                   QString* stagedSha256 = nullptr);

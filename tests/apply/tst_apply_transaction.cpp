@@ -32,7 +32,7 @@ void ApplyTransactionTest::apply_data()
 {
     // Trees and staged files are blank-separated "path=content", "path" (content "old" when
     // installed, "new" when staged), "path->link target" or "path/" (an empty directory), the
-    // expected tree in sorted order; staged files lie flat in .staging. Faults: "replace|move|renamed
+    // expected tree in sorted order; staged files lie flat in .staging. Faults: "replace|move|renamed|synced
     // PATH CODE", PATH installed or "@path", the staged file of that path; "link" swaps .staging
     // for a link to a directory outside the installation. Updater.exe, the updater, is always there.
     QTest::addColumn<QString>("before");
@@ -65,6 +65,9 @@ void ApplyTransactionTest::apply_data()
         {"renamed @b.dll 0", "move @c.dll 5"},
         {"W [Update] ReplaceFile hong err= 536870917 -> da lui ve doi ten hai buoc, OK", refused.arg("c.dll"), rollback},
         ".staging/c.dll=new a.dll=old b.dll=old");
+    row("a directory not synced after the moves: all undone", "a.dll sub/b.dll", "a.dll sub/b.dll c.dll",
+        {"synced sub 5"}, {"W [Update] dong bo thu muc \"sub\" that bai, GetLastError= 5", rollback},
+        ".staging/ a.dll=old sub/b.dll=old");
     row("updater's own new version refused: no failure", "a.dll", "updater.exe=next a.dll", {"move @updater.exe 5"},
         {"W [Update] ghi \"Updater.exe.new\" that bai (bo qua self-update)"}, ".staging/updater.exe=next a.dll=new");
     // Renamed out of a link, the files would come from anywhere.
@@ -123,7 +126,7 @@ void ApplyTransactionTest::apply()
         }
         const QStringList parts = fault.split(' ');
         const QString source = parts[1].startsWith('@') ? stagedPath(parts[1].mid(1)) : dir + '/' + parts[1];
-        const auto call = FileCall(QStringList{"replace", "move", "renamed"}.indexOf(parts[0]));  // in FileCall's order
+        const auto call = FileCall(QStringList{"replace", "move", "renamed", "synced"}.indexOf(parts[0]));  // in FileCall's order
         corv::platform::injectFileFailure(call, QDir::toNativeSeparators(source).toStdString(), parts[2].toULong());
     }
     UpdateSession session;

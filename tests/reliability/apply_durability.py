@@ -10,9 +10,10 @@ else is there, and the next run leaves exactly build 2. One kill at least lands 
 
 trace: in strace's record of real runs, every rename or link into the installation (not into
 ".staging", into ".update-cache" only of state.json) follows an fsync of the moved file when the
-run wrote it, and an fsync of its directory follows before the next move (moves without an fsync
-between them are one group) or the end; exactly the row's final names are moved in. The
-checker's own rows show that it flags what breaks a rule.
+run wrote it, and every directory that such a move gave or took a name is synced after its last
+move and before the record of the build (manifest.json) is moved in, the run's last log line is
+written and the run ends; exactly the row's final names are moved in. The checker's own rows show
+that it flags what breaks a rule.
 """
 
 import argparse
@@ -172,9 +173,9 @@ CALL = re.compile(r"^\d+\s+(\w+)\((.*)\)\s+=\s+(-?\d+)(?:<(.*)>)?")
 NAMED = re.compile(r'(?:<([^>]*)>, )?"((?:[^"\\]|\\.)*)"')  # a name below the descriptor's directory before it
 
 
-def events_of(trace, cwd):
-    """The record of strace -f -y as ("write", path), ("sync", path) and ("move", source,
-    destination, renamed) events."""
+def events_of(trace, cwd, done):
+    """The record of strace -f -y as ("write", path), ("sync", path), ("move", source,
+    destination, renamed) and ("done",) events, the last where the log line done is written."""
     pending, events = {}, []
     for line in trace.splitlines():
         pid = line.split(" ", 1)[0]
@@ -193,6 +194,8 @@ def events_of(trace, cwd):
         elif call.startswith(("rename", "link")):
             paths = [os.path.normpath(os.path.join(d or cwd, n)) for d, n in NAMED.findall(args)]
             events.append(("move", *paths, call.startswith("rename")))
+        elif call == "write" and "/updater.log>" in args and done.replace('"', '\\"') in args:
+            events.append(("done",))
     return events
 
 
@@ -202,42 +205,59 @@ def write_through_problems(events, inst):
         rel = os.path.relpath(path, inst)
         return not rel.startswith(("..", ".staging/")) and (not rel.startswith(".update-cache/")
                                                             or rel.endswith("/state.json"))
-    problems, moved, unsynced = [], [], set()
-    for i, (kind, path, *move) in enumerate(events):
+    problems, moved, unsynced, unsynced_dirs = [], [], set(), {}  # directory -> a move that changed it
+
+    def all_synced(before):
+        problems.extend(f"{move} not followed by an fsync of {d} before {before}" for d, move in unsynced_dirs.items())
+        unsynced_dirs.clear()
+    for kind, *args in events:
+        if kind == "done":
+            all_synced("the last log line")
+        elif kind == "write":
+            unsynced.add(args[0])
+        elif kind == "sync":
+            unsynced.discard(args[0])
+            unsynced_dirs.pop(args[0], None)
         if kind != "move":
-            (unsynced.add if kind == "write" else unsynced.discard)(path)
             continue
-        target, renamed = move
+        path, target, renamed = args
         written = path in unsynced
         (unsynced.add if written else unsynced.discard)(target)
         if renamed:
             unsynced.discard(path)
         if not in_scope(target):
             continue
+        if target == os.path.join(inst, "manifest.json"):
+            all_synced("the record of the build")
         moved.append(os.path.relpath(target, inst))
         if written:
             problems.append(f"{path} -> {moved[-1]} without an fsync of the file after it was written")
-        group_end = next((j for j in range(i + 1, len(events)) if events[j][0] == "move" and in_scope(events[j][2])
-                          and any(e[0] == "sync" for e in events[i + 1:j])), len(events))
-        if not any(e == ("sync", os.path.dirname(target)) for e in events[i + 1:group_end]):
-            problems.append(f"{path} -> {moved[-1]} not followed by an fsync of {os.path.dirname(target)}")
+        for directory in {os.path.dirname(target), os.path.dirname(path) if renamed else os.path.dirname(target)}:
+            unsynced_dirs[directory] = f"{path} -> {moved[-1]}"
+    all_synced("the end")
     return problems, moved
 
 
 # The checker on hand-written records of an installation in /i: (record, how many broken rules).
 WRITTEN = '1 openat(AT_FDCWD</>, "/i/.staging/a", O_WRONLY|O_CREAT|O_TRUNC, 0666) = 5</i/.staging/a>\n'
-FILE_SYNC = '1 openat(AT_FDCWD</>, "/i/.staging/a", O_RDONLY) = 6</i/.staging/a>\n1 fsync(6</i/.staging/a>) = 0\n'
-REPLACE = ('1 link("/i/a", "/i/a.bak.link") = 0\n1 rename("/i/a.bak.link", "/i/a.bak") = 0\n'
-           '1 rename("/i/.staging/a" <unfinished ...>\n2 openat(AT_FDCWD</>, "/etc/hosts", O_RDWR) = 9</etc/hosts>\n'
-           '1 <... rename resumed>, "/i/a") = 0\n1 rename("/i/x", "/i/y") = -1 EACCES (Permission denied)\n')
-DIR_SYNC = '1 openat(AT_FDCWD</>, "/i", O_RDONLY|O_DIRECTORY) = 7</i>\n1 fsync(7</i>) = 0\n'
+FILE_SYNC = '1 fsync(5</i/.staging/a>) = 0\n'
+REPLACE = ('1 link("/i/a", "/i/a.bak") = 0\n1 rename("/i/.staging/a" <unfinished ...>\n'
+           '2 openat(AT_FDCWD</>, "/etc/hosts", O_RDWR) = 9</etc/hosts>\n1 <... rename resumed>, "/i/a") = 0\n'
+           '1 rename("/i/x", "/i/y") = -1 EACCES (Permission denied)\n')
 SECOND = ('1 openat(3</i/.staging>, "b", O_WRONLY|O_CREAT, 0666) = 5</i/.staging/b>\n1 fsync(5</i/.staging/b>) = 0\n'
           '1 renameat2(3</i/.staging>, "b", 4</i>, "b", 0) = 0\n')
+DIR_SYNC = '1 fsync(7</i>) = 0\n'
+STAGING_SYNC = '1 fsync(8</i/.staging>) = 0\n'
+RECORD = ('1 openat(AT_FDCWD</>, "/i/.staging/manifest.json", O_WRONLY|O_CREAT, 0666) = 5</i/.staging/manifest.json>\n'
+          '1 fsync(5</i/.staging/manifest.json>) = 0\n1 rename("/i/.staging/manifest.json", "/i/manifest.json") = 0\n')
+DONE = '1 write(2</i/updater.log>, "... [I] [apply] [Update] CAP NHAT THANH CONG -> \\"2.0\\"\\n", 60) = 60\n'
 CHECKER_ROWS = [
-    (WRITTEN + FILE_SYNC + REPLACE + DIR_SYNC, 0),
-    (WRITTEN + REPLACE + DIR_SYNC, 1),
-    (FILE_SYNC + WRITTEN + REPLACE + DIR_SYNC, 1),
-    (WRITTEN + FILE_SYNC + REPLACE + SECOND + DIR_SYNC, 3),
+    (WRITTEN + FILE_SYNC + REPLACE + SECOND + DIR_SYNC + STAGING_SYNC + RECORD + DIR_SYNC + STAGING_SYNC + DONE, 0),
+    (WRITTEN + REPLACE + DIR_SYNC + STAGING_SYNC + DONE, 1),  # the data not synced
+    (FILE_SYNC + WRITTEN + REPLACE + DIR_SYNC + STAGING_SYNC + DONE, 1),
+    (WRITTEN + FILE_SYNC + REPLACE + SECOND + STAGING_SYNC + DONE, 1),  # the directory not synced
+    (WRITTEN + FILE_SYNC + REPLACE + STAGING_SYNC + RECORD + DIR_SYNC + STAGING_SYNC + DONE, 1),  # the record first
+    (WRITTEN + FILE_SYNC + REPLACE + STAGING_SYNC + DONE + DIR_SYNC, 1),  # the success line before the sync
     ('1 openat(AT_FDCWD</>, "/i/.update-cache/v/files/x.part", O_WRONLY|O_CREAT, 0666) = 5</i/.update-cache/v/files/x.part>\n'
      '1 rename("/i/.update-cache/v/files/x.part", "/i/.update-cache/v/files/x") = 0\n'
      '1 openat(3</i/.update-cache/v>, "state.json.tmp", O_WRONLY|O_CREAT, 0666) = 5</i/.update-cache/v/state.json.tmp>\n'
@@ -260,7 +280,8 @@ TRACE_ROWS = [
     ("small", None, ["--prefetch-only"], [".update-cache/2.0/state.json"],
      "[UpdatePrefetch] xong toan bo - 80 file ok, 0 bo lai cho updater"),
 ]
-STRACE = ["strace", "-f", "-y", "-s", "4096", "-e", "trace=fsync,fdatasync,rename,renameat,renameat2,link,linkat,openat", "-o"]
+STRACE = ["strace", "-f", "-y", "-s", "4096", "-e", "trace=fsync,fdatasync,rename,renameat,renameat2,link,linkat,openat,write",
+          "-o"]
 
 
 def trace(site, options):
@@ -270,7 +291,7 @@ def trace(site, options):
 
     def traced(r, _):
         if "text" in r:
-            found = write_through_problems(events_of(r["text"], "/"), "/i")[0]
+            found = write_through_problems(events_of(r["text"], "/", UPDATED), "/i")[0]
             return [] if len(found) == r["broken"] else [f"{len(found)} broken rules, not {r['broken']}: {found}"]
         served, first, args, moved_in, last = r["row"]
         inst = site.install(installed, served)
@@ -280,7 +301,7 @@ def trace(site, options):
         record, began = os.path.join(inst, "..", "trace"), time.monotonic()
         site.run(inst, args, STRACE + [record])
         seconds = time.monotonic() - began
-        found, moved = write_through_problems(events_of(read(record).decode("latin-1"), inst), inst)
+        found, moved = write_through_problems(events_of(read(record).decode("latin-1"), inst, last), inst)
         found += [] if sorted(set(moved)) == moved_in else [f"moved in {sorted(set(moved))}, not {moved_in}"]
         found += [] if bare(log_lines(inst)[-1]) == last else [f"last log line {log_lines(inst)[-1]!r}"]
         if "--prefetch-only" in args:

@@ -1,6 +1,7 @@
 #include "published_file.h"
 
 #include "apply/file_replacement.h"
+#include "base/own_files.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -49,7 +50,8 @@ bool PublishedFile::write(const char* data, qint64 length, QString* error)
 
 bool PublishedFile::finishWriting(QString* error)
 {
-    if (!temp.flush())
+    // Synced before it is moved into place: the move makes the name durable, not the data.
+    if (!syncWrittenFile(temp))
         return fail(QStringLiteral("cannot write"), error);
     temp.close();
     return true;
