@@ -92,13 +92,13 @@ void UpdatePrefetcher::requestRange()
     // server can then send no faster than the cap, however much the socket buffers would take.
     // Without budget the next pump tick asks.
     const ManifestFile& file = plan.at(currentIndex);
-    if (file.size > 0 && writeBudget <= 0)
+    if (file.size > 0 && writeBudget <= kPrefetchAnswerHeaderBytes)
         return;
     QNetworkRequest request = makeUpdateRequest(baseUrl + file.path);
     paidLeft = 0;
     if (file.size > 0) {
-        paidLeft = qMin(writeBudget, file.size - bytesHave);
-        writeBudget -= paidLeft;
+        paidLeft = qMin(writeBudget - kPrefetchAnswerHeaderBytes, file.size - bytesHave);
+        spend(paidLeft + kPrefetchAnswerHeaderBytes);
         request.setRawHeader("Range", "bytes=" + QByteArray::number(bytesHave) + '-'
                                           + QByteArray::number(bytesHave + paidLeft - 1));
     } else if (bytesHave >= 1) {
@@ -145,7 +145,7 @@ bool UpdatePrefetcher::acceptResponse()
     bounded = status == 206 && paidLeft > 0;
     if (!bounded) {
         paidLeft = 0;
-        writeBudget = qMin<qint64>(writeBudget, 0);
+        spend(qMax<qint64>(writeBudget, 0));
     }
 
     const QString part = cachePartPath(manifest.fullVersion, file.path);
@@ -210,7 +210,14 @@ void UpdatePrefetcher::charge(qint64 bytes)
 {
     const qint64 paid = qMin(bytes, paidLeft);
     paidLeft -= paid;
-    writeBudget -= bytes - paid;
+    spend(bytes - paid);
+}
+
+void UpdatePrefetcher::spend(qint64 bytes)
+{
+    if (writeBudget >= kPrefetchBudgetCeiling)
+        budgetClock.start();
+    writeBudget -= bytes;
 }
 
 void UpdatePrefetcher::onPumpTick()
@@ -218,7 +225,11 @@ void UpdatePrefetcher::onPumpTick()
     if (stopping || (phase != Downloading && phase != Hashing))
         return;
     // The budget fills on while a file is hashed, so the next file's first range need not wait.
-    writeBudget = qMin(writeBudget + kPrefetchBudgetPerTick, kPrefetchBudgetCeiling);
+    const qint64 tick = qint64(kPrefetchPumpIntervalMs) * 1000000;
+    const qint64 earned = budgetClock.isValid() ? qMin(budgetClock.nsecsElapsed(), tick) * kPrefetchBudgetPerTick / tick
+                                                : kPrefetchBudgetPerTick;
+    writeBudget = qMin(writeBudget + earned, kPrefetchBudgetCeiling);
+    budgetClock.start();
     if (phase == Hashing)
         hashStep();
     else if (reply)

@@ -24,10 +24,14 @@ constexpr int kPrefetchStallTimeoutMs = 20000;
 // The pump writes and hashes on every tick of this interval.
 constexpr int kPrefetchPumpIntervalMs = 100;
 // 102400 bytes per 100 ms tick is 1,024,000 bytes a second; an idle tick or two may be saved
-// up, but never more than the ceiling. The budget pays for the bytes a request asks for, when
-// it is sent: in any 2 s the server sends at most 2 x 1,024,000 + 204,800 bytes.
+// up, but never more than the ceiling. A tick adds only what the time since the budget last grew
+// (or was last full) earned, so a tick that comes early after a late one adds less. The budget
+// pays for the bytes a request asks for when it is sent, and for the headers of its answer
+// (nginx sends about 300 bytes): in any 2 s the server sends at most 2 x 1,024,000 + 204,800
+// bytes, headers included.
 constexpr qint64 kPrefetchBudgetPerTick = 102400;
 constexpr qint64 kPrefetchBudgetCeiling = 204800;
+constexpr qint64 kPrefetchAnswerHeaderBytes = 1024;
 // Qt stops reading from the socket once this much is buffered, so a server that sends more than
 // it was asked for is slowed down instead of the file piling up in memory.
 constexpr qint64 kPrefetchReadBufferBytes = 262144;
@@ -116,6 +120,8 @@ private:
     // Takes bytes read from the reply out of what their request paid for, the rest out of the
     // budget.
     void charge(qint64 bytes);
+    // Takes bytes out of the budget; time spent full earns nothing.
+    void spend(qint64 bytes);
     void onPumpTick();
     void onFileReplyFinished();
     // After a reply that brought its bytes without a network error: the next range of the file,
@@ -159,6 +165,7 @@ private:
     qint32 retryCount = 0;
     qint32 retryIndex = -2;
     qint64 writeBudget = 0;
+    QElapsedTimer budgetClock;  // since the budget last grew, or was last full
     qint64 paidLeft = 0;   // bytes the current request asked and paid for, not read yet
     bool bounded = false;  // the current reply answers a bounded range: nothing beyond it is taken
     QFile* hashFile = nullptr;
