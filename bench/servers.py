@@ -1,13 +1,16 @@
-"""nginx and an rsync daemon on 127.0.0.1, each in its own prefix, as plain child processes."""
+"""nginx and an rsync daemon on 127.0.0.1, each in its own prefix, as plain child processes, and
+a counting proxy in front of nginx."""
 
 import os
 import shutil
 import socket
 import subprocess
+import threading
 import time
 
 # Tab-separated, so that paths with blanks stay one field. $connection tells which requests
-# shared a TCP connection; $body_bytes_sent is what left nginx for the body.
+# shared a TCP connection; $body_bytes_sent is what left nginx for the body; $msec is when the
+# request ended.
 _NGINX_CONF = """\
 daemon off;
 master_process off;
@@ -21,7 +24,7 @@ http {{
     sendfile on;
     tcp_nopush on;
     log_format bench escape=none
-        '$connection\\t$connection_requests\\t$request_method\\t$uri\\t$status\\t$body_bytes_sent\\t$bytes_sent\\t$http_range\\t$request_time';
+        '$connection\\t$connection_requests\\t$request_method\\t$uri\\t$status\\t$body_bytes_sent\\t$bytes_sent\\t$http_range\\t$request_time\\t$msec';
     access_log "{prefix}/access.log" bench;
     client_body_temp_path "{prefix}/tmp/body";
     proxy_temp_path "{prefix}/tmp/proxy";
@@ -70,7 +73,7 @@ def _wait_for_port(port, process, log):
 
 class Request:
     __slots__ = ("connection", "connection_request", "method", "uri", "status", "body_bytes", "bytes",
-                 "range", "request_time")
+                 "range", "request_time", "msec")
 
     def __init__(self, fields):
         self.connection = int(fields[0])
@@ -82,6 +85,7 @@ class Request:
         self.bytes = int(fields[6])
         self.range = "" if fields[7] == "-" else fields[7]
         self.request_time = float(fields[8])
+        self.msec = float(fields[9])
 
 
 class _Daemon:
@@ -150,7 +154,88 @@ class Nginx(_Daemon):
         with open(os.path.join(self.prefix, "access.log"), "rb") as f:
             f.seek(mark)
             lines = f.read().decode("utf-8").splitlines()
-        return [Request(line.split("\t")) for line in lines if line.count("\t") == 8]
+        return [Request(line.split("\t")) for line in lines if line.count("\t") == 9]
+
+
+class CountingProxy:
+    """Passes TCP connections from a free loopback port on to `upstream_port` and notes the time
+    and size of every block it passes back to the client: what the server sent, counted at the
+    client's socket. Its own socket buffers are small (BUFFER), so it runs ahead of what the
+    client's socket accepts by no more than that, however much the server has already written."""
+
+    BUFFER = 16384
+
+    def __init__(self, upstream_port):
+        self.upstream_port = upstream_port
+        self.events = []  # (time.monotonic(), bytes) of every block passed to a client
+        self.lock = threading.Lock()
+        self.listener = socket.socket()
+        self.listener.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, self.BUFFER)
+        self.listener.setsockopt(socket.SOL_SOCKET, socket.SO_SNDBUF, self.BUFFER)
+        self.listener.bind(("127.0.0.1", 0))
+        self.listener.listen(16)
+        self.port = self.listener.getsockname()[1]
+        threading.Thread(target=self._accept, daemon=True).start()
+
+    def url(self, path):
+        return f"http://127.0.0.1:{self.port}/{path}"
+
+    def take_events(self):
+        with self.lock:
+            events, self.events = self.events, []
+        return events
+
+    def stop(self):
+        self.listener.close()
+
+    def _accept(self):
+        while True:
+            try:
+                client, _ = self.listener.accept()
+            except OSError:
+                return
+            upstream = socket.socket()
+            upstream.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, self.BUFFER)
+            upstream.setsockopt(socket.SOL_SOCKET, socket.SO_SNDBUF, self.BUFFER)
+            try:
+                upstream.connect(("127.0.0.1", self.upstream_port))
+            except OSError:
+                client.close()
+                continue
+            threading.Thread(target=self._pipe, args=(client, upstream, False), daemon=True).start()
+            threading.Thread(target=self._pipe, args=(upstream, client, True), daemon=True).start()
+
+    def _pipe(self, source, target, counted):
+        try:
+            while True:
+                data = source.recv(self.BUFFER)
+                if not data:
+                    break
+                target.sendall(data)
+                if counted:
+                    with self.lock:
+                        self.events.append((time.monotonic(), len(data)))
+        except OSError:
+            pass
+        # Either side's end ends the connection; the other direction's thread then ends too.
+        for s in (source, target):
+            try:
+                s.shutdown(socket.SHUT_RDWR)
+            except OSError:
+                pass
+            s.close()
+
+
+def most_in_window(events, seconds):
+    """The most bytes of (time, bytes) events, in time order, within any `seconds` long window."""
+    most, total, first = 0, 0, 0
+    for t, n in events:
+        total += n
+        while events[first][0] <= t - seconds:
+            total -= events[first][1]
+            first += 1
+        most = max(most, total)
+    return most
 
 
 class RsyncDaemon(_Daemon):

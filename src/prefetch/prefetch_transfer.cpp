@@ -12,7 +12,20 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QNetworkReply>
+#include <QRegularExpression>
 #include <QTimer>
+
+namespace {
+
+// The full length that a 206's "Content-Range: bytes first-last/length" names; -1 without one.
+qint64 contentRangeTotal(const QNetworkReply& reply)
+{
+    static const QRegularExpression form(QStringLiteral("^bytes \\d+-\\d+/(\\d{1,18})$"));
+    const QRegularExpressionMatch match = form.match(QString::fromLatin1(reply.rawHeader("Content-Range")).trimmed());
+    return match.hasMatch() ? match.captured(1).toLongLong() : -1;
+}
+
+} // namespace
 
 namespace corv {
 
@@ -54,7 +67,6 @@ void UpdatePrefetcher::startNextFile()
     bytesHave = have;
     bytesSinceSave = 0;
     receiving = false;
-    writeBudget = 0;
     if (file.size > 0 && have == file.size) {
         qInfo().noquote() << "[UpdatePrefetch]" << file.path << "da du byte tu luot truoc -> chi verify";
         completeFile();
@@ -66,18 +78,37 @@ void UpdatePrefetcher::startNextFile()
         bytesHave = 0;
     }
 
-    QNetworkRequest request = makeUpdateRequest(baseUrl + file.path);
-    if (have >= 1) {
-        request.setRawHeader("Range", "bytes=" + QByteArray::number(have) + '-');
+    if (have >= 1)
         qInfo().noquote() << "[UpdatePrefetch]" << file.path << "resume tu" << have << "byte";
-    } else {
+    else
         qInfo().noquote() << "[UpdatePrefetch]" << file.path << "tai tu dau" << qMax<qint64>(file.size, 0) / 1024 << "KB";
+    pumpTimer->start();
+    requestRange();
+}
+
+void UpdatePrefetcher::requestRange()
+{
+    // A file is asked for in ranges of at most what the budget holds, paid from it at once: the
+    // server can then send no faster than the cap, however much the socket buffers would take.
+    // Without budget the next pump tick asks.
+    const ManifestFile& file = plan.at(currentIndex);
+    if (file.size > 0 && writeBudget <= kPrefetchAnswerHeaderBytes)
+        return;
+    QNetworkRequest request = makeUpdateRequest(baseUrl + file.path);
+    paidLeft = 0;
+    if (file.size > 0) {
+        paidLeft = qMin(writeBudget - kPrefetchAnswerHeaderBytes, file.size - bytesHave);
+        spend(paidLeft + kPrefetchAnswerHeaderBytes);
+        request.setRawHeader("Range", "bytes=" + QByteArray::number(bytesHave) + '-'
+                                          + QByteArray::number(bytesHave + paidLeft - 1));
+    } else if (bytesHave >= 1) {
+        // No size, no end to ask for: the rest comes in one answer, read at the budget's pace.
+        request.setRawHeader("Range", "bytes=" + QByteArray::number(bytesHave) + '-');
     }
     setReadBufferLimit(request, kPrefetchReadBufferBytes);
     sendGet(request);
     connect(reply, &QNetworkReply::readyRead, this, &UpdatePrefetcher::onReadyRead);
     connect(reply, &QNetworkReply::finished, this, &UpdatePrefetcher::onFileReplyFinished);
-    pumpTimer->start();
 }
 
 // Decides, once the status line is known, whether and how the body goes into the ".part"
@@ -103,6 +134,18 @@ bool UpdatePrefetcher::acceptResponse()
         qWarning() << "[UpdatePrefetch]" << file.path << "Content-Encoding" << encoding.constData() << "-> bo file nay";
         advance(false);
         return false;
+    }
+    // A range of a longer file than the manifest's is a range of another file.
+    if (status == 206 && exceedsManifestSize(contentRangeTotal(*reply)))
+        return false;
+    // A 206 to a bounded range brings that range and no more. Any other answer (a 200 with the
+    // whole file from a server that ignored the range, the open rest of a file without a size)
+    // is read at the budget's pace from the next tick on, the range it paid for forfeited: of a
+    // fast body longer than the file, the first tick's read already finds the excess.
+    bounded = status == 206 && paidLeft > 0;
+    if (!bounded) {
+        paidLeft = 0;
+        spend(qMax<qint64>(writeBudget, 0));
     }
 
     const QString part = cachePartPath(manifest.fullVersion, file.path);
@@ -134,35 +177,65 @@ void UpdatePrefetcher::onReadyRead()
     if (!receiving && !acceptResponse())
         return;
 
-    while (writeBudget > 0 && reply && reply->bytesAvailable() > 0) {
-        const QByteArray chunk = reply->read(qMin(writeBudget, reply->bytesAvailable()));
+    bool beyondRange = false;
+    while (reply && reply->bytesAvailable() > 0) {
+        beyondRange = bounded && paidLeft == 0;
+        const qint64 allowed = bounded ? paidLeft : paidLeft + qMax<qint64>(writeBudget, 0);
+        if (allowed <= 0)
+            break;
+        const QByteArray chunk = reply->read(qMin(allowed, reply->bytesAvailable()));
         if (chunk.isEmpty())
             break;
-        if (exceedsManifestSize(chunk.size()))
+        if (exceedsManifestSize(bytesHave + chunk.size()))
             return;
         if (partFile->write(chunk) < chunk.size()) {
             qWarning() << "[UpdatePrefetch] ghi dia hong -> bo file nay";
             advance(false);
             return;
         }
-        writeBudget -= chunk.size();
+        charge(chunk.size());
         bytesHave += chunk.size();
         bytesSinceSave += chunk.size();
         stallTimer->start(kPrefetchStallTimeoutMs);
     }
     saveState(false);
+    if (beyondRange) {
+        // More than the range asked for: the rest of this answer is not taken.
+        abortReply();
+        replyDone();
+    }
+}
+
+void UpdatePrefetcher::charge(qint64 bytes)
+{
+    const qint64 paid = qMin(bytes, paidLeft);
+    paidLeft -= paid;
+    spend(bytes - paid);
+}
+
+void UpdatePrefetcher::spend(qint64 bytes)
+{
+    if (writeBudget >= kPrefetchBudgetCeiling)
+        budgetClock.start();
+    writeBudget -= bytes;
 }
 
 void UpdatePrefetcher::onPumpTick()
 {
-    if (stopping)
+    if (stopping || (phase != Downloading && phase != Hashing))
         return;
-    if (phase == Hashing) {
+    // The budget fills on while a file is hashed, so the next file's first range need not wait.
+    const qint64 tick = qint64(kPrefetchPumpIntervalMs) * 1000000;
+    const qint64 earned = budgetClock.isValid() ? qMin(budgetClock.nsecsElapsed(), tick) * kPrefetchBudgetPerTick / tick
+                                                : kPrefetchBudgetPerTick;
+    writeBudget = qMin(writeBudget + earned, kPrefetchBudgetCeiling);
+    budgetClock.start();
+    if (phase == Hashing)
         hashStep();
-    } else if (phase == Downloading) {
-        writeBudget = qMin(writeBudget + kPrefetchBudgetPerTick, kPrefetchBudgetCeiling);
+    else if (reply)
         onReadyRead();
-    }
+    else
+        requestRange();
 }
 
 void UpdatePrefetcher::onFileReplyFinished()
@@ -175,15 +248,18 @@ void UpdatePrefetcher::onFileReplyFinished()
         && reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).isValid()
         && !acceptResponse())
         return;
-    // What is left is bounded by the read buffer, so it is written regardless of the budget.
+    // What is left is bounded by the read buffer, so it is written regardless of the budget;
+    // what its request did not pay for comes out of the next ticks' budget.
     if (receiving && partFile && partFile->isOpen()) {
-        while (reply->bytesAvailable() > 0) {
-            const QByteArray chunk = reply->read(kPrefetchDrainChunkBytes);
+        while (reply->bytesAvailable() > 0 && (!bounded || paidLeft > 0)) {
+            const QByteArray chunk = reply->read(bounded ? qMin(paidLeft, kPrefetchDrainChunkBytes)
+                                                         : kPrefetchDrainChunkBytes);
             if (chunk.isEmpty())
                 break;
-            if (exceedsManifestSize(chunk.size()))
+            if (exceedsManifestSize(bytesHave + chunk.size()))
                 return;
             partFile->write(chunk);
+            charge(chunk.size());
             bytesHave += chunk.size();
         }
     }
@@ -194,7 +270,7 @@ void UpdatePrefetcher::onFileReplyFinished()
     if (stopping)
         return;
     if (finishedReply->error() == QNetworkReply::NoError) {
-        completeFile();
+        replyDone();
         return;
     }
     qWarning().noquote() << "[UpdatePrefetch]" << plan.at(currentIndex).path << "dut o" << bytesHave
@@ -202,10 +278,22 @@ void UpdatePrefetcher::onFileReplyFinished()
     advance(false);
 }
 
-bool UpdatePrefetcher::exceedsManifestSize(qint64 chunkBytes)
+void UpdatePrefetcher::replyDone()
+{
+    stallTimer->stop();
+    // A whole range in and more of the file to come: the next range, when the budget allows.
+    if (bounded && paidLeft == 0 && bytesHave < plan.at(currentIndex).size) {
+        closePartFile();
+        requestRange();
+        return;
+    }
+    completeFile();
+}
+
+bool UpdatePrefetcher::exceedsManifestSize(qint64 length)
 {
     const ManifestFile& file = plan.at(currentIndex);
-    if (bytesHave + chunkBytes <= fileSizeBound(file))
+    if (length <= fileSizeBound(file))
         return false;
     // More bytes than the file has: a broken or hostile server, which could fill the disk.
     qWarning() << "[UpdatePrefetch]" << file.path << "vuot qua" << fileSizeBound(file) << "byte cua manifest -> bo file nay";

@@ -82,6 +82,9 @@ bool UpdatePrefetcher::start()
     }
     filesOk = 0;
     filesLeft = 0;
+    // One budget for the whole run: it is the run's rate, and it goes on from file to file.
+    writeBudget = 0;
+    budgetClock.invalidate();
     state = CacheState();
     // A reused prefetcher must not report the previous run's plan as remaining work.
     plan.clear();

@@ -24,11 +24,16 @@ constexpr int kPrefetchStallTimeoutMs = 20000;
 // The pump writes and hashes on every tick of this interval.
 constexpr int kPrefetchPumpIntervalMs = 100;
 // 102400 bytes per 100 ms tick is 1,024,000 bytes a second; an idle tick or two may be saved
-// up, but never more than the ceiling.
+// up, but never more than the ceiling. A tick adds only what the time since the budget last grew
+// (or was last full) earned, so a tick that comes early after a late one adds less. The budget
+// pays for the bytes a request asks for when it is sent, and for the headers of its answer
+// (nginx sends about 300 bytes): in any 2 s the server sends at most 2 x 1,024,000 + 204,800
+// bytes, headers included.
 constexpr qint64 kPrefetchBudgetPerTick = 102400;
 constexpr qint64 kPrefetchBudgetCeiling = 204800;
-// Qt stops reading from the socket once this much is buffered, so a fast server is slowed
-// down instead of the file piling up in memory.
+constexpr qint64 kPrefetchAnswerHeaderBytes = 1024;
+// Qt stops reading from the socket once this much is buffered, so a server that sends more than
+// it was asked for is slowed down instead of the file piling up in memory.
 constexpr qint64 kPrefetchReadBufferBytes = 262144;
 constexpr qint64 kPrefetchDrainChunkBytes = 102400;
 constexpr qint64 kPrefetchHashChunkBytes = 4194304;
@@ -107,13 +112,24 @@ private:
 
     // The transfer of each planned file.
     void startNextFile();
+    // Asks for the current file's next bytes, a range of at most what the budget holds (the
+    // rest of a file without a size), or leaves it to the next pump tick when there is none.
+    void requestRange();
     bool acceptResponse();
     void onReadyRead();
+    // Takes bytes read from the reply out of what their request paid for, the rest out of the
+    // budget.
+    void charge(qint64 bytes);
+    // Takes bytes out of the budget; time spent full earns nothing.
+    void spend(qint64 bytes);
     void onPumpTick();
     void onFileReplyFinished();
-    // True, after failing the attempt, when chunkBytes more would make the file longer than
-    // its manifest size (0 included), or than kUnsizedFileLimit for an entry without one.
-    bool exceedsManifestSize(qint64 chunkBytes);
+    // After a reply that brought its bytes without a network error: the next range of the file,
+    // or the checks once nothing more is due.
+    void replyDone();
+    // True, after failing the attempt, when a file of `length` bytes would be longer than its
+    // manifest size (0 included), or than kUnsizedFileLimit for an entry without one.
+    bool exceedsManifestSize(qint64 length);
     void completeFile();
     void hashStep();
     void advance(bool ok);
@@ -149,6 +165,9 @@ private:
     qint32 retryCount = 0;
     qint32 retryIndex = -2;
     qint64 writeBudget = 0;
+    QElapsedTimer budgetClock;  // since the budget last grew, or was last full
+    qint64 paidLeft = 0;   // bytes the current request asked and paid for, not read yet
+    bool bounded = false;  // the current reply answers a bounded range: nothing beyond it is taken
     QFile* hashFile = nullptr;
     Sha256* hash = nullptr;
     CacheState state;

@@ -37,7 +37,9 @@ Each row is a dict:
   tree       what the installation holds afterwards besides the updater, updater.conf and
              updater.log, byte for byte: "installed" (the installed build as it was before any
              `damage`) or a published build; `tree_extra` adds files
-  requests   the exact paths requested from the server below /<name>/, in order
+  requests   the exact paths requested from the server below /<name>/, in order; "path+" is one
+             request of path or more in a row (a prefetch asks for a larger file in ranges, as
+             many as the timing of its budget makes)
   wine_adds  lines that only the run under Wine writes after `lines`, for a shortcoming of Wine
   waits      True: the first log line comes after the "live" helper ended
   windows    natively, the top-level windows mapped and unmapped during the runs, in order:
@@ -386,7 +388,7 @@ ROWS = [
             '[I] [apply] [Update] khong co updater.conf -> bo qua update',
         ]),
     row("prefetch-then-apply", runs=[{"args": ["--prefetch-only"]}, {"args": []}],
-        requests=DOCUMENTS + CHANGED + DOCUMENTS, lines=[
+        requests=DOCUMENTS + [CHANGED[0] + "+"] + CHANGED[1:] + DOCUMENTS, lines=[
             '[I] [prefetch] [UpdatePrefetch] bat dau 2.0 - 4 file, 0 MB',
             '[I] [prefetch] [UpdatePrefetch] Corvanta.exe tai tu dau 205 KB',
             '[I] [prefetch] [UpdatePrefetch] Corvanta.exe xong ( 1 / 4 )',

@@ -71,7 +71,7 @@ class Handler(BaseHTTPRequestHandler):
             return self.send_endless(rule)
         if rule.get("gzipBytes", 0) > 0:
             return self.send_short(200, gzip_of_zeros(int(rule["gzipBytes"])), **{"Content-Encoding": "gzip"})
-        # The updater asks for "bytes=N-" only.
+        # The updater asks for "bytes=N-" or "bytes=N-M"; extraBytes more, not of the file, follow a 206.
         size = os.path.getsize(full)
         status, first, last = 200, 0, size - 1
         asked = re.fullmatch(r"bytes=(\d+)-(\d*)", self.headers.get("Range", "").strip())
@@ -82,16 +82,18 @@ class Handler(BaseHTTPRequestHandler):
                 status, first, last = 206, int(asked[1]), min(int(asked[2] or size - 1), size - 1)
         elif "Range" not in self.headers and rule.get("partialWithoutRange"):
             status = 206
+        extra = rule.get("extraBytes", 0) if status == 206 else 0
         self.send_response(status)
         self.send_header("Content-Type", "application/octet-stream")
-        self.send_header("Content-Length", str(last - first + 1))
+        self.send_header("Content-Length", str(last - first + 1 + extra))
         self.send_header("Accept-Ranges", "bytes")
         if status == 206:
-            self.send_header("Content-Range", "bytes %d-%d/%d" % (first, last, size))
+            self.send_header("Content-Range", rule.get("contentRange") or "bytes %d-%d/%d" % (first, last + extra, size))
         self.end_headers()
         with open(full, "rb") as f:
             f.seek(first)
             self.send_body(f, last - first + 1, rule)
+        self.wfile.write(b"\x5a" * extra)
 
     def send_short(self, status, body, **headers):
         self.send_response(status)
