@@ -473,7 +473,6 @@ PREFETCH = [
              START + [FRESH, P + '"lib/c.bin" thieu byte sau khi tai xong -> bo']
              + [P + "lib/c.bin resume tu 30000 byte", P + '"lib/c.bin" HTTP 416 -> bo file nay'] * 3 + [LEFT],
              publish={"serve": {F: C2[:30000]}}),
-    prefetch("file 206 without a range", START + [FRESH] + DONE, rules={F: {"partialWithoutRange": True}}),
     prefetch("file redirected once to a mirror", START + [FRESH] + DONE, rules={F: {"redirectTo": "mirror/c.bin"}}),
     prefetch("file 200 for a range",
              START + [P + "lib/c.bin resume tu 1000 byte",
