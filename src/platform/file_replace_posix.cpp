@@ -61,9 +61,15 @@ std::string parentDir(const std::string& path)
     return slash == 0 ? "/" : path.substr(0, slash);
 }
 
-// fsync of a file or directory: 0 or an errno value. What cannot be opened (no read
-// permission) is left to the kernel; a file system that cannot sync a directory answers
-// EINVAL, which is no failure either.
+// fsync of an open file or directory: 0 or an errno value. A file system that cannot sync
+// answers EINVAL, which is no failure.
+int syncDescriptor(int fd)
+{
+    return ::fsync(fd) == 0 || errno == EINVAL ? 0 : errno;
+}
+
+// fsync of a file or directory by its path. What cannot be opened (no read permission) is left
+// to the kernel.
 int syncPath(const std::string& path)
 {
     int fd = -1;
@@ -72,9 +78,9 @@ int syncPath(const std::string& path)
     } while (fd < 0 && errno == EINTR);
     if (fd < 0)
         return 0;
-    const int error = ::fsync(fd) == 0 ? 0 : errno;
+    const int error = syncDescriptor(fd);
     ::close(fd);
-    return error == EINVAL ? 0 : error;
+    return error;
 }
 
 // Makes the names that moves gave and took durable: the directories of `paths`, each once,
@@ -195,8 +201,8 @@ bool moveWriteThrough(const std::string& from, const std::string& to)
 
 bool syncFileData(int fd)
 {
-    // A file system that cannot sync answers EINVAL, which is no failure either.
-    return ::fsync(fd) == 0 || errno == EINVAL || fail(errno);
+    const int error = syncDescriptor(fd);
+    return error == 0 || fail(error);
 }
 
 void deferDirectorySyncs()
