@@ -31,8 +31,8 @@ struct Transaction {
     // becomes a directory. The obstacle is moved aside to "<name>.bak" like a backup:
     // (asidePath, originalPath), in order.
     QList<QPair<QString, QString>> movedAside;
-    QSet<QString> directoriesChecked;  // each directory is looked at once, not once per file
-    QSet<QString> parentsReady;        // directories that files may be moved into
+    // Directories that files may be moved into: each is cleared and made once, not once per file.
+    QSet<QString> directoriesChecked;
     // The error of the move that failed, taken at once: on Windows the Qt calls made before it
     // is logged (thread-local lookups) reset GetLastError() to 0.
     unsigned long moveError = 0;
@@ -63,7 +63,8 @@ struct Transaction {
         return true;
     }
 
-    // Every directory above `target` that is a file in the installation is moved aside.
+    // Every directory above `target` that is a file in the installation is moved aside, and
+    // the directories are made.
     bool clearParents(const QString& appDir, const QString& relPath)
     {
         const QStringList parts = relPath.split(QLatin1Char('/'));
@@ -74,6 +75,7 @@ struct Transaction {
                 continue;
             if (!clearShapeObstacle(path, true))
                 return false;
+            QDir().mkpath(path);
             directoriesChecked.insert(path);
         }
         return true;
@@ -173,17 +175,11 @@ bool applyStagedFiles(UpdateSession& session, const QList<StagedFile>& staged)
             continue;
         }
 
-        const QString parent = QFileInfo(target).path();
         bool present = false;
-        if ((!transaction.parentsReady.contains(parent) && !transaction.clearParents(session.appDir, relPath))
-            || !transaction.clearShapeObstacle(target, false, &present)) {
+        if (!transaction.clearParents(session.appDir, relPath) || !transaction.clearShapeObstacle(target, false, &present)) {
             qWarning() << "[Update] them moi" << file.relPath << "that bai, GetLastError=" << transaction.moveError;
             ok = false;
             break;
-        }
-        if (!transaction.parentsReady.contains(parent)) {
-            QDir().mkpath(parent);
-            transaction.parentsReady.insert(parent);
         }
         if (!present) {
             if (!moveFileWriteThrough(file.stagedPath, target)) {

@@ -11,7 +11,6 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QSet>
 
 #include <algorithm>
 
@@ -68,7 +67,6 @@ bool stageFromArtifact(Transfer& transfer, const ManifestFile& file, const Manif
     const bool cached = !input.isEmpty();
     const QString staged = transfer.staging + QLatin1Char('/') + packed.path;
     if (input.isEmpty()) {
-        makeOwnDirectory(QFileInfo(staged).path());
         const QString url = transfer.baseUrl + packed.path;
         const QString part = cachePartPath(transfer.version, packed.path);
         const qint64 have = cachePartSize(transfer.version, packed.path);
@@ -124,7 +122,6 @@ bool downloadToStaging(UpdateSession& session, const QList<ManifestFile>& change
     // rather than by a few opens per file.
     const QString cacheDir = cacheVersionDir(version);
     const bool cacheHeld = !cacheDir.isEmpty() && QFileInfo(cacheDir + QStringLiteral("/files")).isDir();
-    QSet<QString> madeDirectories;
 
     auto giveUp = [&](const ManifestFile& file) {
         qWarning() << "[Update] tai" << file.path << "that bai -> huy, chay ban hien tai";
@@ -139,11 +136,6 @@ bool downloadToStaging(UpdateSession& session, const QList<ManifestFile>& change
         if (safePath.isEmpty())
             return giveUp(file);
         const QString dst = staging + QLatin1Char('/') + safePath;
-        const QString dstDir = QFileInfo(dst).path();
-        if (!madeDirectories.contains(dstDir)) {
-            makeOwnDirectory(dstDir);
-            madeDirectories.insert(dstDir);
-        }
         // Every download is bounded by the manifest size (0 admits only an empty body): a
         // server that sends without end cannot fill the disk.
         const QString url = baseUrl + file.path;
