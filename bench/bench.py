@@ -25,6 +25,8 @@ PREFETCH_CAP = 524288000          # the largest prefetch the updater accepts
 PREFETCH_RATE_CAP = 1024000       # bytes a second
 # The cap as a server sees it: in any 2 s, two seconds' worth plus the budget's burst.
 CAP_WINDOW, CAP_WINDOW_BYTES = 2.0, 2 * PREFETCH_RATE_CAP + 204800
+LATENCY = 0.050                   # seconds the delaying proxy adds before every answer
+CURL_PARALLEL = 6                 # curl --parallel-max, the connections a browser opens to a host
 UPDATER_TIMEOUT = 900
 
 
@@ -37,6 +39,7 @@ class Sizes:
             self.reps = 1
             self.real_bytes, self.real_files = 8 * MIB, 60
             self.small_counts = [10, 50]
+            self.latency_counts = [10, 50]
             self.big_bytes = 16 * MIB
             self.prefetch_bytes, self.prefetch_window = 8 * MIB, 1.0
             self.prefetch_small_files = 6
@@ -48,6 +51,7 @@ class Sizes:
             self.reps = 5
             self.real_bytes, self.real_files = tree.GIB, 2000
             self.small_counts = [100, 1000, 10000]
+            self.latency_counts = [100, 10000]
             self.big_bytes = 2 * tree.GIB
             self.prefetch_bytes, self.prefetch_window = PREFETCH_CAP, 25.0
             self.prefetch_small_files = 70
@@ -250,9 +254,7 @@ class Bench:
         install = os.path.join(self.work, "install-small")
         out = []
         for count in self.sizes.small_counts:
-            build1 = tree.small_files_tree(count, seed=10 + count)
-            ds = self.dataset(f"small{count}", build1,
-                              tree.change(build1, [e.path for e in build1], seed=20 + count))
+            ds = self.small_dataset(count)
             apply_s, curl_s, apply_conns, curl_conns, phases = [], [], [], [], []
             for rep in range(self.sizes.reps):
                 ds.install(install)
@@ -274,6 +276,53 @@ class Bench:
             if count == self.sizes.small_counts[-1]:
                 out[-1]["syscalls"] = self.syscall_profile(ds, install)
         self.results["scaling"] = out
+
+    # ---------------------------------------------------------------- 3l. latency
+
+    def small_dataset(self, count):
+        build1 = tree.small_files_tree(count, seed=10 + count)
+        return self.dataset(f"small{count}", build1, tree.change(build1, [e.path for e in build1], seed=20 + count))
+
+    def bench_latency(self):
+        """The small-files applies of item 3 with a round trip of LATENCY before every answer
+        (a delaying proxy in front of nginx), beside curl --parallel over as many connections as
+        a browser opens, through the same proxy."""
+        self.say(f"3l. small changed files, {LATENCY * 1000:.0f} ms before every answer, beside "
+                 f"curl --parallel --parallel-max {CURL_PARALLEL}")
+        install = os.path.join(self.work, "install-latency")
+        proxy = CountingProxy(self.nginx.port, delay=LATENCY)
+        out = []
+        try:
+            for count in self.sizes.latency_counts:
+                ds = self.small_dataset(count)
+                apply_s, curl_s, apply_conns = [], [], []
+                for rep in range(self.sizes.reps):
+                    ds.install(install)
+                    with open(os.path.join(install, "updater.conf"), "w") as f:
+                        json.dump({"manifestUrl": proxy.url(f"{ds.name}/manifest.json")}, f)
+                    mark = self.nginx.log_mark()
+                    run = self.run_updater(install, expect_line='[Update] CAP NHAT THANH CONG -> "2.0.0"')
+                    files = self.file_requests(self.nginx.requests(mark), ds)
+                    self.expect(len(files) == count and sum(r.body_bytes for r in files) == ds.changed_bytes(),
+                                f"{count} files fetched once each through the delaying proxy")
+                    apply_s.append(run.wall)
+                    apply_conns.append(len({r.connection for r in files}))
+                    out_dir = os.path.join(self.work, "curl-out")
+                    shutil.rmtree(out_dir, ignore_errors=True)
+                    config = os.path.join(self.work, f"curl-latency-{ds.name}.cfg")
+                    with open(config, "w") as f:
+                        for e in ds.changed:
+                            f.write(f'url = "{proxy.url(f"{ds.name}/{e.path}")}"\n'
+                                    f'output = "{os.path.join(out_dir, e.path)}"\n')
+                    curl_s.append(run_plain(["curl", "--silent", "--show-error", "--fail", "--create-dirs",
+                                             "--parallel", "--parallel-max", str(CURL_PARALLEL), "--config", config]))
+                    self.say(f"   {count} files, rep {rep + 1}: apply {run.wall:.2f} s "
+                             f"({apply_conns[-1]} connections), curl --parallel {curl_s[-1]:.2f} s")
+                out.append(dict(count=count, bytes=ds.changed_bytes(), apply=apply_s, curl=curl_s,
+                                apply_connections=apply_conns))
+        finally:
+            proxy.stop()
+        self.results["latency"] = dict(seconds=LATENCY, curl_parallel=CURL_PARALLEL, sets=out)
 
     def syscall_profile(self, ds, install):
         """strace -c -w of the main thread of one apply run (not timed): which system calls its
@@ -605,9 +654,8 @@ class Bench:
         """Generates and publishes every data set of the run without measuring anything."""
         s = self.sizes
         self.real_dataset()
-        for count in s.small_counts:
-            build1 = tree.small_files_tree(count, seed=10 + count)
-            self.dataset(f"small{count}", build1, tree.change(build1, [e.path for e in build1], seed=20 + count))
+        for count in sorted(set(s.small_counts + s.latency_counts)):
+            self.small_dataset(count)
         build1 = tree.one_big_file_tree("data/world.pak", s.big_bytes, seed=30)
         self.dataset("big", build1, tree.change_with_size(build1, "data/world.pak", s.big_bytes, seed=31))
         self.prefetch_dataset()
@@ -638,7 +686,7 @@ class Bench:
             real = self.real_dataset() if only is None or only & {"1", "2", "7"} or self.args.profile else None
             self.nginx.start()
             steps = [("1", lambda: self.bench_apply(real)), ("2", lambda: self.bench_noop(real)),
-                     ("7", lambda: self.bench_rsync(real)), ("3", self.bench_scaling),
+                     ("7", lambda: self.bench_rsync(real)), ("3", self.bench_scaling), ("3l", self.bench_latency),
                      ("4", self.bench_streaming), ("5", self.bench_prefetch), ("5c", self.bench_prefetch_cap),
                      ("6", self.bench_resume)]
             for key, step in steps:

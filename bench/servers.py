@@ -161,12 +161,17 @@ class CountingProxy:
     """Passes TCP connections from a free loopback port on to `upstream_port` and notes the time
     and size of every block it passes back to the client: what the server sent, counted at the
     client's socket. Its own socket buffers are small (BUFFER), so it runs ahead of what the
-    client's socket accepts by no more than that, however much the server has already written."""
+    client's socket accepts by no more than that, however much the server has already written.
+
+    With `delay`, every block from the client (a request: clients here send one request at a
+    time on a connection) waits that many seconds before it goes on, as if the server stood a
+    round trip away; the kernel here has no netem."""
 
     BUFFER = 16384
 
-    def __init__(self, upstream_port):
+    def __init__(self, upstream_port, delay=0.0):
         self.upstream_port = upstream_port
+        self.delay = delay
         self.events = []  # (time.monotonic(), bytes) of every block passed to a client
         self.lock = threading.Lock()
         self.listener = socket.socket()
@@ -211,6 +216,8 @@ class CountingProxy:
                 data = source.recv(self.BUFFER)
                 if not data:
                     break
+                if not counted and self.delay:
+                    time.sleep(self.delay)
                 target.sendall(data)
                 if counted:
                     with self.lock:

@@ -4,7 +4,7 @@
 #include "apply/update_cache.h"
 #include "base/own_files.h"
 #include "base/sha256.h"
-#include "update/http_fetch.h"
+#include "update/fetch_ahead.h"
 #include "update/update_session.h"
 
 #include <QDebug>
@@ -43,6 +43,7 @@ struct Transfer {
     QString version;
     qint64 bodyBytes = 0;
     int fromCache = 0;  // files staged from the cache, whole or from a finished artifact
+    FetchAhead ahead{session.network, &bodyBytes};
 };
 
 // Stages `file` at dst from one of its artifacts: taken finished from the cache, or downloaded
@@ -74,8 +75,7 @@ bool stageFromArtifact(Transfer& transfer, const ManifestFile& file, const Manif
         const bool resumed = have > 0 && have < packed.size && copyReplacing(part, staged, Copy::ToResume);
         if (resumed)
             qInfo() << "[Update]" << packed.path << "noi tiep tu kho tam:" << have << "byte";
-        if (!httpGetToFile(transfer.session.network, url, staged, resumed ? have : 0, packed.size,
-                           &transfer.bodyBytes)) {
+        if (!transfer.ahead.getToFile(url, staged, resumed ? have : 0, packed.size, &transfer.bodyBytes, nullptr)) {
             removeOwnPath(staged);
             return fallBack(QStringLiteral("tai that bai"));
         }
@@ -101,6 +101,36 @@ bool stageFromArtifact(Transfer& transfer, const ManifestFile& file, const Manif
     return true;
 }
 
+// Starts the first GET of every file that will take one, in the order of the files (see
+// FetchAhead): the whole file, or its first artifact. A file with anything of its own in the
+// cache is left to its turn, which looks at the cache as it is then.
+void fetchAhead(Transfer& transfer, const QList<ManifestFile>& changed, bool cacheHeld,
+                const QHash<QString, QString>& installedHashes)
+{
+    const auto inCache = [&](const ManifestFile& file) {
+        return cacheHeld && (QFileInfo::exists(cacheFilePath(transfer.version, file.path))
+                             || QFileInfo::exists(cachePartPath(transfer.version, file.path)));
+    };
+    for (const ManifestFile& file : changed) {
+        const QString safePath = safeRelativePath(file.path);
+        if (safePath.isEmpty())
+            return;  // the download gives up at this file
+        const QList<ManifestArtifact> options = usableArtifacts(file, installedHashes.value(file.path));
+        if (inCache(file) || std::any_of(options.begin(), options.end(), [&](const ManifestArtifact& artifact) {
+                return inCache(artifactAsFile(file, artifact));
+            }))
+            continue;
+        if (options.isEmpty()) {
+            transfer.ahead.add(transfer.baseUrl + file.path, transfer.staging + QLatin1Char('/') + safePath,
+                               fileSizeBound(file), true);
+        } else {
+            const ManifestFile packed = artifactAsFile(file, options.first());
+            transfer.ahead.add(transfer.baseUrl + packed.path, transfer.staging + QLatin1Char('/') + packed.path,
+                               packed.size, false);
+        }
+    }
+}
+
 } // namespace
 
 QString stagingDir(const UpdateSession& session)
@@ -122,11 +152,17 @@ bool downloadToStaging(UpdateSession& session, const QList<ManifestFile>& change
     // rather than by a few opens per file.
     const QString cacheDir = cacheVersionDir(version);
     const bool cacheHeld = !cacheDir.isEmpty() && QFileInfo(cacheDir + QStringLiteral("/files")).isDir();
+    fetchAhead(transfer, changed, cacheHeld, installedHashes);
 
-    auto giveUp = [&](const ManifestFile& file) {
-        qWarning() << "[Update] tai" << file.path << "that bai -> huy, chay ban hien tai";
+    // The fetches still under way write into staging: they end before it goes.
+    const auto abandon = [&] {
+        transfer.ahead.dropAll();
         removeOwnPath(staging);
         return false;
+    };
+    auto giveUp = [&](const ManifestFile& file) {
+        qWarning() << "[Update] tai" << file.path << "that bai -> huy, chay ban hien tai";
+        return abandon();
     };
 
     for (const ManifestFile& file : changed) {
@@ -175,7 +211,7 @@ bool downloadToStaging(UpdateSession& session, const QList<ManifestFile>& change
         // partial one is read again.
         QString digest;
         const auto download = [&](qint64 offset) {
-            return httpGetToFile(session.network, url, dst, offset, bound, &transfer.bodyBytes, &digest);
+            return transfer.ahead.getToFile(url, dst, offset, bound, &transfer.bodyBytes, &digest);
         };
         const auto stagedHash = [&] { return digest.isEmpty() ? sha256OfFile(dst) : digest; };
         const QString part = cachePartPath(version, file.path);
@@ -204,8 +240,7 @@ bool downloadToStaging(UpdateSession& session, const QList<ManifestFile>& change
         removeOwnPath(dst);
         if (!download(0) || stagedHash() != file.sha256) {
             qWarning() << "[Update] hash van lech" << file.path << "-> huy";
-            removeOwnPath(staging);
-            return false;
+            return abandon();
         }
         staged.append({dst, file.path});
     }

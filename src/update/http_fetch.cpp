@@ -12,9 +12,11 @@
 #include <QTimer>
 #include <QUrl>
 
-namespace {
+#include <memory>
 
+namespace {
 constexpr int kMaxGetAttempts = 2;
+}  // namespace
 
 // The body of one file fetch on its way to disk. The file is opened only once the status
 // is known, so an error answer never creates or truncates anything.
@@ -28,6 +30,7 @@ struct FileSink {
     qint64 read = 0;     // body bytes taken from the reply, also those refused
     QByteArray encoding; // a refused Content-Encoding
     Sha256 hash;         // of everything written, when the file was started from byte 0
+    qint64* sharedRead = nullptr;  // body bytes of a group of fetches
     bool fromStart = false;
     bool opened = false;
     bool writeFailed = false;
@@ -79,6 +82,8 @@ struct FileSink {
             if (chunk.isEmpty())
                 return;
             read += chunk.size();
+            if (sharedRead)
+                *sharedRead += chunk.size();
             if (length + chunk.size() > maxLength) {
                 tooLarge = true;
                 reply->abort();
@@ -103,20 +108,32 @@ struct FileSink {
     }
 };
 
-// Runs a nested event loop until the reply finishes; the timer aborts the reply after
-// kHttpInactivityTimeoutMs without progress (the caller restarts it on every sign of it), and
-// so does a transfer that stays too slow, with a line of its own.
-void waitForReply(QNetworkReply* reply, QTimer& inactivity, const QString& url)
+namespace {
+
+// The timer aborts the reply after kHttpInactivityTimeoutMs without progress, counted from now;
+// the caller restarts it on every sign of progress.
+void armInactivity(QNetworkReply* reply, QTimer& inactivity)
 {
-    QEventLoop loop;
-    QObject::connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
     inactivity.setSingleShot(true);
     QObject::connect(&inactivity, &QTimer::timeout, reply, &QNetworkReply::abort);
     inactivity.start(kHttpInactivityTimeoutMs);
-    new SlowTransferWatch(reply, [reply, url] {
+}
+
+// Runs a nested event loop until the reply finishes; a transfer that stays too slow meanwhile
+// is aborted, with a line of its own. `received`, when given, counts the bytes that make the
+// pace instead of the reply's own.
+void waitForReply(QNetworkReply* reply, const QString& url, std::function<qint64()> received = {})
+{
+    QEventLoop loop;
+    QObject::connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
+    const auto onSlow = [reply, url] {
         qWarning() << "[Update] tai qua cham (duoi" << kSlowTransferMinBytesPerSecond << "byte/giay)" << url;
         reply->abort();
-    });
+    };
+    if (received)
+        new SlowTransferWatch(reply, onSlow, std::move(received));
+    else
+        new SlowTransferWatch(reply, onSlow);
     if (!reply->isFinished())
         loop.exec();
 }
@@ -198,7 +215,8 @@ QByteArray httpGet(BoundedNetworkAccessManager& network, const QString& url, boo
         }
     };
     QObject::connect(reply, &QNetworkReply::readyRead, reply, judge);
-    waitForReply(reply, inactivity, url);
+    armInactivity(reply, inactivity);
+    waitForReply(reply, url);
     // An empty body raises no readyRead.
     if (reply->error() == QNetworkReply::NoError)
         judge();
@@ -229,8 +247,9 @@ QByteArray httpGetWithRetry(BoundedNetworkAccessManager& network, const QString&
     return QByteArray();
 }
 
-bool httpGetToFile(BoundedNetworkAccessManager& network, const QString& url, const QString& filePath,
-                   qint64 offset, qint64 maxLength, qint64* bodyBytes, QString* stagedSha256)
+FileFetch::FileFetch(BoundedNetworkAccessManager& network, const QString& url, const QString& filePath,
+                     qint64 offset, qint64 maxLength, bool staged)
+    : url(url), staged(staged)
 {
     QNetworkRequest request = makeUpdateRequest(url);
     if (offset > 0)
@@ -239,41 +258,81 @@ bool httpGetToFile(BoundedNetworkAccessManager& network, const QString& url, con
     // Back-pressure: the manager's read buffer (kDefaultReadBufferBytes) stops Qt reading from
     // the socket while that much waits unread, so a slow disk or a busy GUI thread never lets
     // the body pile up in memory.
-    QNetworkReply* reply = network.get(request);
-    FileSink sink(reply, filePath, offset, maxLength);
-    QTimer inactivity;
-    QObject::connect(reply, &QNetworkReply::readyRead, &inactivity, [&inactivity, &sink] {
+    reply = network.get(request);
+    sink = std::make_unique<FileSink>(reply, filePath, offset, maxLength);
+    QObject::connect(reply, &QNetworkReply::readyRead, &context, [this] {
         inactivity.start(kHttpInactivityTimeoutMs);
-        sink.drain();
+        sink->drain();
     });
-    waitForReply(reply, inactivity, url);
-    // Data that came with the finished signal, or the open of an empty successful body.
-    sink.drain();
+    QObject::connect(reply, &QNetworkReply::finished, &context, [this] { end(); });
+    armInactivity(reply, inactivity);
+}
 
+FileFetch::~FileFetch()
+{
+    if (!ended) {
+        QObject::disconnect(reply, nullptr, &context, nullptr);
+        reply->abort();
+        sink->file.close();
+    }
+    reply->deleteLater();
+}
+
+void FileFetch::end()
+{
+    // Data that came with the finished signal, or the open of an empty successful body.
+    sink->drain();
     const bool networkError = reply->error() != QNetworkReply::NoError;
-    const bool endedShort = !networkError && sink.endedShort();
-    const bool failed = sink.tooLarge || !sink.encoding.isEmpty() || networkError || endedShort;
-    if (sink.tooLarge)
-        qWarning() << "[Update] GET(file) loi" << url << QStringLiteral("file larger than %1 bytes").arg(maxLength);
-    else if (!sink.encoding.isEmpty())
-        qWarning() << "[Update] GET(file) loi" << url << refusedEncodingText(sink.encoding);
-    else if (endedShort)
+    failed = sink->tooLarge || !sink->encoding.isEmpty() || networkError || (!networkError && sink->endedShort());
+    if (sink->opened) {
+        // A staged file's data is on disk before any name in the installation can point at it.
+        if (!(staged && !failed ? syncWrittenFile(sink->file) : sink->file.flush()))
+            sink->writeFailed = true;
+        sink->file.close();
+    }
+    ended = true;
+    if (onEnded)
+        onEnded();
+}
+
+bool FileFetch::wait(qint64* bodyBytes, QString* stagedSha256)
+{
+    if (!ended)
+        waitForReply(reply, url, sharedRead ? std::function<qint64()>([this] { return *sharedRead; })
+                                            : std::function<qint64()>());
+    const bool networkError = reply->error() != QNetworkReply::NoError;
+    if (sink->tooLarge)
+        qWarning() << "[Update] GET(file) loi" << url
+                   << QStringLiteral("file larger than %1 bytes").arg(sink->maxLength);
+    else if (!sink->encoding.isEmpty())
+        qWarning() << "[Update] GET(file) loi" << url << refusedEncodingText(sink->encoding);
+    else if (!networkError && sink->endedShort())
         qWarning() << "[Update] GET(file) loi" << url
                    << QStringLiteral("body ended after %1 of %2 bytes")
-                          .arg(sink.received)
+                          .arg(sink->received)
                           .arg(reply->header(QNetworkRequest::ContentLengthHeader).toLongLong());
     else if (failed)
         qWarning() << "[Update] GET(file) loi" << url << reply->errorString();
-    reply->deleteLater();
     if (bodyBytes)
-        *bodyBytes += sink.read;
-    if (sink.opened) {
-        // A staged file's data is on disk before any name in the installation can point at it.
-        if (!(stagedSha256 && !failed ? syncWrittenFile(sink.file) : sink.file.flush()))
-            sink.writeFailed = true;
-        sink.file.close();
-    }
+        *bodyBytes += sink->read;
     if (stagedSha256)
-        *stagedSha256 = sink.fromStart ? sink.hash.hexResult() : QString();
-    return !failed && sink.opened && !sink.writeFailed;
+        *stagedSha256 = sink->fromStart ? sink->hash.hexResult() : QString();
+    return !failed && sink->opened && !sink->writeFailed;
+}
+
+qint64 FileFetch::bodyBytesRead() const
+{
+    return sink->read;
+}
+
+void FileFetch::shareProgress(qint64* groupRead)
+{
+    sharedRead = groupRead;
+    sink->sharedRead = groupRead;
+}
+
+bool httpGetToFile(BoundedNetworkAccessManager& network, const QString& url, const QString& filePath,
+                   qint64 offset, qint64 maxLength, qint64* bodyBytes, QString* stagedSha256)
+{
+    return FileFetch(network, url, filePath, offset, maxLength, stagedSha256 != nullptr).wait(bodyBytes, stagedSha256);
 }

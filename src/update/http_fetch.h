@@ -4,10 +4,16 @@
 
 #include <QByteArray>
 #include <QNetworkRequest>
+#include <QObject>
 #include <QString>
+#include <QTimer>
+
+#include <functional>
+#include <memory>
 
 class QNetworkAccessManager;
 class QNetworkReply;
+struct FileSink;
 
 constexpr int kHttpInactivityTimeoutMs = 10000;
 constexpr qint64 kHttpReadChunkBytes = 262144;
@@ -49,3 +55,41 @@ QString bodyRefusal(const QNetworkReply& reply, qint64 maxBytes);
 bool httpGetToFile(BoundedNetworkAccessManager& network, const QString& url, const QString& filePath,
                    qint64 offset, qint64 maxLength = kUnsizedFileLimit, qint64* bodyBytes = nullptr,
                    QString* stagedSha256 = nullptr);
+
+// One file GET of httpGetToFile, under way from its construction: its body goes to the file
+// whenever the event loop runs, 10 s without progress abort it from then on, and the file is
+// closed (synced first when `staged`) as soon as the reply ends. wait() blocks until then and
+// reports the outcome, its log line included, as httpGetToFile does: a fetch started early
+// reports in the order it is waited for. Destroyed before it ended, it aborts the request and
+// closes the file.
+class FileFetch {
+public:
+    FileFetch(BoundedNetworkAccessManager& network, const QString& url, const QString& filePath, qint64 offset,
+              qint64 maxLength, bool staged);
+    ~FileFetch();
+    FileFetch(const FileFetch&) = delete;
+    FileFetch& operator=(const FileFetch&) = delete;
+
+    bool wait(qint64* bodyBytes, QString* stagedSha256);
+    bool hasEnded() const { return ended; }
+    qint64 bodyBytesRead() const;
+    // Fetches that share the link: each adds its body bytes to *groupRead, and a wait for one of
+    // them judges the pace by that sum, so that a link shared a few ways is not taken for a slow
+    // one while the group as a whole moves.
+    void shareProgress(qint64* groupRead);
+    // Called once, when the reply has ended and the file is closed.
+    std::function<void()> onEnded;
+
+private:
+    void end();
+
+    QString url;
+    bool staged;
+    QNetworkReply* reply = nullptr;
+    std::unique_ptr<FileSink> sink;
+    QTimer inactivity;
+    qint64* sharedRead = nullptr;
+    QObject context;  // receiver of the reply's signals: gone with this fetch
+    bool ended = false;
+    bool failed = false;
+};

@@ -18,9 +18,19 @@ SlowTransferWatch::SlowTransferWatch(QNetworkReply* reply, std::function<void()>
     ticker.start(kSlowTransferCheckMs);
 }
 
+SlowTransferWatch::SlowTransferWatch(QNetworkReply* reply, std::function<void()> onSlow,
+                                     std::function<qint64()> received)
+    : SlowTransferWatch(reply, std::move(onSlow))
+{
+    counted = std::move(received);
+    samples.first().bytes = this->received = counted();
+}
+
 void SlowTransferWatch::check()
 {
     const qint64 now = clock.elapsed();
+    if (counted)
+        received = counted();
     samples.append({now, received});
     // The oldest sample kept is the last one at or before the start of the window.
     while (samples.size() > 2 && samples.at(1).ms <= now - kSlowTransferWindowMs)

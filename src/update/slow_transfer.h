@@ -22,6 +22,8 @@ constexpr qint64 kSlowTransferMinBytesPerSecond = 1024;
 class SlowTransferWatch : public QObject {
 public:
     SlowTransferWatch(QNetworkReply* reply, std::function<void()> onSlow);
+    // The same, counting the bytes `received` gives at each check rather than the reply's own.
+    SlowTransferWatch(QNetworkReply* reply, std::function<void()> onSlow, std::function<qint64()> received);
 
 private:
     struct Sample {
@@ -31,6 +33,7 @@ private:
     void check();
 
     std::function<void()> onSlow;
+    std::function<qint64()> counted;  // when set, polled at each check
     QElapsedTimer clock;
     QTimer ticker;
     qint64 received = 0;

@@ -46,6 +46,21 @@ BOX_TITLE = "Corvanta — Cập nhật"
 STATUS_WINDOW = ((1024 - 1) // 2 - (360 - 1) // 2, (768 - 1) // 2 - (90 - 1) // 2, 360, 90)
 
 
+def files_in_any_order(paths):
+    """The requests with each run of file requests between two document requests sorted: files
+    are fetched several at a time, the manifest and its signature one after the other."""
+    out, files = [], []
+    for p in paths + [None]:
+        if p is None or p.rstrip("+") in ("manifest.json", "manifest.json.sig"):
+            out += sorted(files)
+            files = []
+            if p is not None:
+                out.append(p)
+        else:
+            files.append(p)
+    return out
+
+
 def sh(argv, **kwargs):
     return subprocess.run(argv, check=True, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, **kwargs).stdout
 
@@ -431,8 +446,9 @@ class Harness:
         problems += tree_problems(inst, self.expected_tree(r, installed),
                                   lambda path: path in ("updater.conf", "updater.log"))
         problems += written_beside(row_dir, ["inst", "locks"])
-        requests = [q.uri[len(r["name"]) + 2:] for q in self.nginx.requests(mark) if q.uri.startswith(f"/{r['name']}/")]
-        expected_requests = [self.own_name(p) for p in r["requests"]]
+        requests = files_in_any_order(
+            [q.uri[len(r["name"]) + 2:] for q in self.nginx.requests(mark) if q.uri.startswith(f"/{r['name']}/")])
+        expected_requests = files_in_any_order([self.own_name(p) for p in r["requests"]])
         one_or_more = (re.escape(p[:-1]) + f"(?:\n{re.escape(p[:-1])})*" if p.endswith("+") else re.escape(p)
                        for p in expected_requests)
         if not re.fullmatch("\n".join(one_or_more), "\n".join(requests)):

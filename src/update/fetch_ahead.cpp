@@ -1,0 +1,73 @@
+#include "update/fetch_ahead.h"
+
+FetchAhead::FetchAhead(BoundedNetworkAccessManager& network, qint64* droppedBodyBytes)
+    : network(network), droppedBodyBytes(droppedBodyBytes)
+{
+}
+
+FetchAhead::~FetchAhead()
+{
+    dropAll();
+}
+
+void FetchAhead::add(const QString& url, const QString& filePath, qint64 maxLength, bool staged)
+{
+    if (!added.emplace(filePath, Ahead{url, maxLength, staged, nullptr}).second)
+        return;
+    notStarted.push_back(filePath);
+    startMore();
+}
+
+void FetchAhead::startMore()
+{
+    while (underWay < kFetchAheadRequests && !notStarted.empty()) {
+        const auto it = added.find(notStarted.front());
+        notStarted.pop_front();
+        if (it == added.end() || it->second.fetch)
+            continue;  // asked for, or dropped, before its turn
+        Ahead& ahead = it->second;
+        ahead.fetch = std::make_unique<FileFetch>(aheadNetwork, ahead.url, it->first, 0, ahead.maxLength, ahead.staged);
+        ahead.fetch->shareProgress(&groupRead);
+        ++underWay;
+        ahead.fetch->onEnded = [this] {
+            --underWay;
+            startMore();
+        };
+    }
+}
+
+void FetchAhead::drop(Ahead& ahead)
+{
+    if (!ahead.fetch)
+        return;
+    if (!ahead.fetch->hasEnded())
+        --underWay;
+    if (droppedBodyBytes)
+        *droppedBodyBytes += ahead.fetch->bodyBytesRead();
+    ahead.fetch.reset();
+}
+
+bool FetchAhead::getToFile(const QString& url, const QString& filePath, qint64 offset, qint64 maxLength,
+                           qint64* bodyBytes, QString* stagedSha256)
+{
+    const auto it = added.find(filePath);
+    if (it != added.end()) {
+        Ahead ahead = std::move(it->second);
+        added.erase(it);
+        if (ahead.fetch && ahead.url == url && offset == 0 && ahead.maxLength == maxLength
+            && ahead.staged == (stagedSha256 != nullptr)) {
+            return ahead.fetch->wait(bodyBytes, stagedSha256);
+        }
+        drop(ahead);
+        startMore();
+    }
+    return httpGetToFile(network, url, filePath, offset, maxLength, bodyBytes, stagedSha256);
+}
+
+void FetchAhead::dropAll()
+{
+    notStarted.clear();
+    for (auto& entry : added)
+        drop(entry.second);
+    added.clear();
+}
