@@ -149,6 +149,19 @@ def render(r):
         w("")
         syscall_table(w, last.get("syscalls"), f"the apply of {last['count']} files")
 
+    if "latency" in r:
+        lat = r["latency"]
+        w(f"## 3l. Small changed files at {lat['seconds'] * 1000:.0f} ms per request\n")
+        w(f"The data sets of item 3 through a proxy in front of nginx that holds every request back for "
+          f"{lat['seconds'] * 1000:.0f} ms, a modest real round trip (the kernel here has no netem). curl fetches "
+          f"the same files with `--parallel --parallel-max {lat['curl_parallel']}`, through the same proxy.\n")
+        w("| N | changed | apply (wall) | curl --parallel | ratio | connections of the apply |")
+        w("|---|---|---|---|---|---|")
+        for x in lat["sets"]:
+            w(f"| {x['count']} | {mib(x['bytes'])} | {fig(x['apply'])} s | {fig(x['curl'])} s | "
+              f"{ratio(x['apply'], x['curl'])} | {med(x['apply_connections']):.0f} |")
+        w("")
+
     if "streaming" in r:
         s = r["streaming"]
         w("## 4. Streaming: memory of a 2 GiB apply and of a prefetch\n")

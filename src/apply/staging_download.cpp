@@ -13,6 +13,7 @@
 #include <QFileInfo>
 
 #include <algorithm>
+#include <memory>
 
 namespace {
 
@@ -35,15 +36,16 @@ bool copyReplacing(const QString& from, const QString& to, Copy purpose)
     }
 }
 
-// One staging download: where it goes, and the body bytes it has taken from the network.
+// One staging download: where it goes, its GETs, and the body bytes it has taken from the
+// network.
 struct Transfer {
     UpdateSession& session;
     QString staging;
     QString baseUrl;
     QString version;
-    qint64 bodyBytes = 0;
+    FetchAhead& ahead;
+    qint64& bodyBytes;
     int fromCache = 0;  // files staged from the cache, whole or from a finished artifact
-    FetchAhead ahead{session.network, &bodyBytes};
 };
 
 // Stages `file` at dst from one of its artifacts: taken finished from the cache, or downloaded
@@ -101,36 +103,6 @@ bool stageFromArtifact(Transfer& transfer, const ManifestFile& file, const Manif
     return true;
 }
 
-// Starts the first GET of every file that will take one, in the order of the files (see
-// FetchAhead): the whole file, or its first artifact. A file with anything of its own in the
-// cache is left to its turn, which looks at the cache as it is then.
-void fetchAhead(Transfer& transfer, const QList<ManifestFile>& changed, bool cacheHeld,
-                const QHash<QString, QString>& installedHashes)
-{
-    const auto inCache = [&](const ManifestFile& file) {
-        return cacheHeld && (QFileInfo::exists(cacheFilePath(transfer.version, file.path))
-                             || QFileInfo::exists(cachePartPath(transfer.version, file.path)));
-    };
-    for (const ManifestFile& file : changed) {
-        const QString safePath = safeRelativePath(file.path);
-        if (safePath.isEmpty())
-            return;  // the download gives up at this file
-        const QList<ManifestArtifact> options = usableArtifacts(file, installedHashes.value(file.path));
-        if (inCache(file) || std::any_of(options.begin(), options.end(), [&](const ManifestArtifact& artifact) {
-                return inCache(artifactAsFile(file, artifact));
-            }))
-            continue;
-        if (options.isEmpty()) {
-            transfer.ahead.add(transfer.baseUrl + file.path, transfer.staging + QLatin1Char('/') + safePath,
-                               fileSizeBound(file), true);
-        } else {
-            const ManifestFile packed = artifactAsFile(file, options.first());
-            transfer.ahead.add(transfer.baseUrl + packed.path, transfer.staging + QLatin1Char('/') + packed.path,
-                               packed.size, false);
-        }
-    }
-}
-
 } // namespace
 
 QString stagingDir(const UpdateSession& session)
@@ -138,21 +110,69 @@ QString stagingDir(const UpdateSession& session)
     return session.appDir + QStringLiteral("/.staging");
 }
 
-bool downloadToStaging(UpdateSession& session, const QList<ManifestFile>& changed, const QString& baseUrl,
-                       const QString& version, QList<StagedFile>& staged,
-                       const QHash<QString, QString>& installedHashes)
+StagingFetches::StagingFetches(UpdateSession& session, const QString& baseUrl, const QString& version)
+    : session(session), staging(stagingDir(session)), baseUrl(baseUrl), version(version),
+      ahead(session.network, &bodyBytes)
 {
-    const QString staging = stagingDir(session);
-    // Whatever an earlier run left here is discarded, never reused.
-    removeOwnPath(staging);
-    makeOwnDirectory(staging);
-    Transfer transfer{session, staging, baseUrl, version};
-    qint64 wholeBytes = 0;
     // Nothing can come from a cache without a directory for this build: looked at once here
     // rather than by a few opens per file.
     const QString cacheDir = cacheVersionDir(version);
-    const bool cacheHeld = !cacheDir.isEmpty() && QFileInfo(cacheDir + QStringLiteral("/files")).isDir();
-    fetchAhead(transfer, changed, cacheHeld, installedHashes);
+    cacheHeld = !cacheDir.isEmpty() && QFileInfo(cacheDir + QStringLiteral("/files")).isDir();
+}
+
+void StagingFetches::prepare()
+{
+    if (prepared)
+        return;
+    // Whatever an earlier run left here is discarded, never reused.
+    removeOwnPath(staging);
+    makeOwnDirectory(staging);
+    prepared = true;
+}
+
+void StagingFetches::fileChanged(const ManifestFile& file, const QString& installedSha256)
+{
+    prepare();
+    // The download gives up at a path that is not safe, and fetches nothing after it.
+    const QString safePath = safeRelativePath(file.path);
+    stopped = stopped || safePath.isEmpty();
+    if (stopped)
+        return;
+    // A file with anything of its own in the cache is left to its turn, which looks at the
+    // cache as it is then.
+    const auto inCache = [&](const ManifestFile& f) {
+        return cacheHeld && (QFileInfo::exists(cacheFilePath(version, f.path))
+                             || QFileInfo::exists(cachePartPath(version, f.path)));
+    };
+    const QList<ManifestArtifact> options = usableArtifacts(file, installedSha256);
+    if (inCache(file) || std::any_of(options.begin(), options.end(), [&](const ManifestArtifact& artifact) {
+            return inCache(artifactAsFile(file, artifact));
+        }))
+        return;
+    if (options.isEmpty()) {
+        ahead.add(baseUrl + file.path, staging + QLatin1Char('/') + safePath, fileSizeBound(file), true);
+    } else {
+        const ManifestFile packed = artifactAsFile(file, options.first());
+        ahead.add(baseUrl + packed.path, staging + QLatin1Char('/') + packed.path, packed.size, false);
+    }
+}
+
+bool downloadToStaging(UpdateSession& session, const QList<ManifestFile>& changed, const QString& baseUrl,
+                       const QString& version, QList<StagedFile>& staged,
+                       const QHash<QString, QString>& installedHashes, StagingFetches* started)
+{
+    std::unique_ptr<StagingFetches> own;
+    if (!started) {
+        own = std::make_unique<StagingFetches>(session, baseUrl, version);
+        started = own.get();
+        for (const ManifestFile& file : changed)
+            started->fileChanged(file, installedHashes.value(file.path));
+    }
+    started->prepare();
+    const QString staging = started->staging;
+    const bool cacheHeld = started->cacheHeld;
+    Transfer transfer{session, staging, baseUrl, version, started->ahead, started->bodyBytes};
+    qint64 wholeBytes = 0;
 
     // The fetches still under way write into staging: they end before it goes.
     const auto abandon = [&] {

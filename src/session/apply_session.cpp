@@ -10,7 +10,11 @@
 #include "update/updater_config.h"
 
 #include <QDir>
+#include <QEventLoop>
+#include <QThread>
 #include <QtDebug>
+
+#include <memory>
 
 namespace {
 
@@ -63,8 +67,13 @@ UpdateOutcome runUpdateSession(UpdateSession& session)
         return UpToDate;
     }
 
+    // Each changed file's GET starts as soon as its installed copy is found to differ.
+    StagingFetches fetches(session, baseUrl, version);
     QHash<QString, QString> installedHashes;
-    const QList<ManifestFile> plan = changedFiles(remote, session.appDir, &installedHashes);
+    const QList<ManifestFile> plan = changedFiles(remote, session.appDir, &installedHashes,
+                                                  [&fetches](const ManifestFile& file, const QString& installed) {
+                                                      fetches.fileChanged(file, installed);
+                                                  });
     if (plan.isEmpty()) {
         // Every file already has the published content: only the record is missing or stale.
         writeInstalledManifest(session, rawBytes);
@@ -75,7 +84,7 @@ UpdateOutcome runUpdateSession(UpdateSession& session)
 
     reportStatus(session, QString::fromUtf8("Đang tải bản cập nhật (%1 tệp)…").arg(plan.size()));
     QList<StagedFile> staged;
-    if (!downloadToStaging(session, plan, baseUrl, version, staged, installedHashes))
+    if (!downloadToStaging(session, plan, baseUrl, version, staged, installedHashes, &fetches))
         return Failed;
 
     reportStatus(session, QString::fromUtf8("Đang áp bản cập nhật…"));
@@ -92,18 +101,36 @@ UpdateOutcome runUpdateSession(UpdateSession& session)
 }
 
 QList<ManifestFile> changedFiles(const Manifest& manifest, const QString& appDir,
-                                 QHash<QString, QString>* installedHashes)
+                                 QHash<QString, QString>* installedHashes, const OnFileChanged& onChanged)
 {
     const QDir dir(appDir);
     QList<ManifestFile> changed;
-    for (const ManifestFile& file : manifest.files) {
+    // The files are hashed on a thread of their own while this one runs its event loop: the
+    // network and the disk writes of the first changed files go on beside the reads of the
+    // rest, and the status window keeps repainting. Each result comes back here in manifest
+    // order, as a queued call.
+    QObject receiver;
+    QEventLoop loop;
+    const auto found = [&](int index, const QString& installed) {
+        const ManifestFile& file = manifest.files.at(index);
         // An unreadable or missing file hashes to "" and therefore always lands in the plan.
-        const QString installed = sha256OfFile(dir.filePath(file.path)).toLower();
         if (installed == file.sha256)
-            continue;
+            return;
         changed.append(file);
         if (installedHashes)
             installedHashes->insert(file.path, installed);
-    }
+        if (onChanged)
+            onChanged(file, installed);
+    };
+    std::unique_ptr<QThread> hashing(QThread::create([&] {
+        for (int i = 0; i < manifest.files.size(); ++i) {
+            const QString installed = sha256OfFile(dir.filePath(manifest.files.at(i).path)).toLower();
+            QMetaObject::invokeMethod(&receiver, [&found, i, installed] { found(i, installed); }, Qt::QueuedConnection);
+        }
+        QMetaObject::invokeMethod(&loop, &QEventLoop::quit, Qt::QueuedConnection);
+    }));
+    hashing->start();
+    loop.exec();
+    hashing->wait();
     return changed;
 }
