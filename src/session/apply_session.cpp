@@ -12,6 +12,7 @@
 #include <QDir>
 #include <QEventLoop>
 #include <QThread>
+#include <QVector>
 #include <QtDebug>
 
 #include <memory>
@@ -104,33 +105,38 @@ QList<ManifestFile> changedFiles(const Manifest& manifest, const QString& appDir
                                  QHash<QString, QString>* installedHashes, const OnFileChanged& onChanged)
 {
     const QDir dir(appDir);
-    QList<ManifestFile> changed;
     // The files are hashed on a thread of their own while this one runs its event loop: the
     // network and the disk writes of the first changed files go on beside the reads of the
-    // rest, and the status window keeps repainting. Each result comes back here in manifest
-    // order, as a queued call.
+    // rest, and the status window keeps repainting. Each hash is also sent here as a queued
+    // call, in manifest order, for onChanged; the plan itself is made from all of them once
+    // the thread has ended, so an event loop that ends early cannot shorten it.
+    QVector<QString> installed(manifest.files.size());
     QObject receiver;
     QEventLoop loop;
-    const auto found = [&](int index, const QString& installed) {
-        const ManifestFile& file = manifest.files.at(index);
-        // An unreadable or missing file hashes to "" and therefore always lands in the plan.
-        if (installed == file.sha256)
-            return;
-        changed.append(file);
-        if (installedHashes)
-            installedHashes->insert(file.path, installed);
-        if (onChanged)
-            onChanged(file, installed);
-    };
     std::unique_ptr<QThread> hashing(QThread::create([&] {
         for (int i = 0; i < manifest.files.size(); ++i) {
-            const QString installed = sha256OfFile(dir.filePath(manifest.files.at(i).path)).toLower();
-            QMetaObject::invokeMethod(&receiver, [&found, i, installed] { found(i, installed); }, Qt::QueuedConnection);
+            // An unreadable or missing file hashes to "" and therefore always lands in the plan.
+            installed[i] = sha256OfFile(dir.filePath(manifest.files.at(i).path)).toLower();
+            const QString hash = installed[i];
+            if (onChanged && hash != manifest.files.at(i).sha256)
+                QMetaObject::invokeMethod(&receiver, [&manifest, &onChanged, i, hash] {
+                    onChanged(manifest.files.at(i), hash);
+                }, Qt::QueuedConnection);
         }
         QMetaObject::invokeMethod(&loop, &QEventLoop::quit, Qt::QueuedConnection);
     }));
     hashing->start();
     loop.exec();
     hashing->wait();
+
+    QList<ManifestFile> changed;
+    for (int i = 0; i < manifest.files.size(); ++i) {
+        const ManifestFile& file = manifest.files.at(i);
+        if (installed.at(i) == file.sha256)
+            continue;
+        changed.append(file);
+        if (installedHashes)
+            installedHashes->insert(file.path, installed.at(i));
+    }
     return changed;
 }
