@@ -61,7 +61,10 @@ bool FetchAhead::getToFile(const QString& url, const QString& filePath, qint64 o
         drop(ahead);
         startMore();
     }
-    return httpGetToFile(network, url, filePath, offset, maxLength, bodyBytes, stagedSha256);
+    // It shares the link with the fetches ahead, and is judged with them.
+    FileFetch fetch(network, url, filePath, offset, maxLength, stagedSha256 != nullptr);
+    fetch.shareProgress(&groupRead);
+    return fetch.wait(bodyBytes, stagedSha256);
 }
 
 void FetchAhead::dropAll()
