@@ -65,6 +65,8 @@ class Bench:
         self.sizes = Sizes(args.smoke)
         if args.reps:
             self.sizes.reps = self.sizes.cap_runs = args.reps
+        if args.latency_counts:
+            self.sizes.latency_counts = [int(n) for n in args.latency_counts.split(",")]
         self.data_dir = os.path.abspath(args.data_dir)
         self.work = os.path.join(self.data_dir, "work")
         self.updater = os.path.abspath(args.updater)
@@ -816,6 +818,7 @@ def main():
     parser.add_argument("--prepare-only", action="store_true", help="only generate and publish the data")
     parser.add_argument("--source", default="unknown", help="which sources the programs were built from")
     parser.add_argument("--cap-json", help="keep item 5c's measurements in this file, one entry per source")
+    parser.add_argument("--latency-counts", help="item 3l's set sizes, comma-separated, instead of 100,10000")
     args = parser.parse_args()
     # A stopped run still stops nginx and removes its installations (the finally blocks).
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))

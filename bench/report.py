@@ -80,6 +80,9 @@ def render(r):
       "(the machine's memory holds every data set); every apply starts from a fresh copy of build 1 "
       "that has been written to disk (`sync`), so no step pays for an earlier step's write-back.\n")
 
+    if r.get("before"):
+        render_before_after(w, r["before"], r)
+
     if "apply" in r:
         a = r["apply"]
         rows = a["rows"]
@@ -273,6 +276,53 @@ def render(r):
     return "\n".join(out) + "\n"
 
 
+def render_before_after(w, before, r):
+    """The performance targets, from one run of the commit before the work on them and one run of
+    this commit."""
+    def scaling(res, count):
+        return next((x for x in res.get("scaling", []) if x["count"] == count), None)
+
+    def latency(res, count):
+        return next((x for x in (res.get("latency") or {}).get("sets", []) if x["count"] == count), None)
+
+    def per_file_ratio(res, count):
+        x = scaling(res, count)
+        return ratio(x["apply"], x["curl"]) if x else "n/a"
+
+    def apply_ratio(res):
+        rows = (res.get("apply") or {}).get("rows")
+        return ratio([x["updater"] for x in rows], [x["limit"] for x in rows]) if rows else "n/a"
+
+    def lat_wall(res, count):
+        x = latency(res, count)
+        return f"{fig(x['apply'])} s" if x else "n/a"
+
+    def lat_ratio(res, count):
+        x = latency(res, count)
+        return ratio(x["apply"], x["curl"]) if x else "n/a"
+
+    w("## Before and after\n")
+    later = (f" The rows at 50 ms per request, before: {before['latency_source']}, the commit before requests "
+             f"were kept in flight (the earlier run had no such item)." if before.get("latency_source") else "")
+    w(f"Before: {before.get('source', 'unknown')} ({before.get('started', '?')}); after: this run. Each figure is "
+      f"the median over the repetitions of its item below, with the range.{later}\n")
+    w("| figure | target | before | after |\n|---|---|---|---|")
+    w(f"| 10,000 changed small files, apply / curl over one connection | at most 1.5 | "
+      f"{per_file_ratio(before, 10000)} | {per_file_ratio(r, 10000)} |")
+    w(f"| 100 changed small files, apply / curl over one connection | at most 3 | "
+      f"{per_file_ratio(before, 100)} | {per_file_ratio(r, 100)} |")
+    w(f"| 100 small files at 50 ms per request, apply | under 2 s | {lat_wall(before, 100)} | {lat_wall(r, 100)} |")
+    w(f"| 10,000 small files at 50 ms per request, apply / curl --parallel | at most 1.5 | "
+      f"{lat_ratio(before, 10000)} | {lat_ratio(r, 10000)} |")
+    w(f"| realistic apply / limit (curl + openssl dgst + cp) | at most 1.10 | {apply_ratio(before)} | {apply_ratio(r)} |")
+    caps = r.get("prefetch_cap") or []
+    if len(caps) >= 2:
+        held = lambda cap: f"{sum(1 for x in cap['sets'] for y in x['runs'] if y['held'])} of " \
+                           f"{sum(len(x['runs']) for x in cap['sets'])} ({cap['source']})"
+        w(f"| prefetch cap at the server, runs that held (item 5c) | all | {held(caps[0])} | {held(caps[-1])} |")
+    w("")
+
+
 def render_cap(w, caps):
     """Item 5c: the cap as nginx's side sees it, every run of each source measured."""
     if not caps:
@@ -379,11 +429,18 @@ def main():
     # The small-updates benchmark keeps its own measurements beside the main ones, one file a pair.
     for key, name in (("small_updates", "results-small-updates.json"),
                       ("small_updates_firefox", "results-small-updates-firefox.json"),
-                      ("prefetch_cap", "results-prefetch-cap.json")):
+                      ("prefetch_cap", "results-prefetch-cap.json"), ("before", "results-before.json")):
         small = os.path.join(os.path.dirname(os.path.abspath(source)), name)
         if os.path.exists(small):
             with open(small) as f:
                 results[key] = json.load(f)
+    # The commit before the work on the latency figures had no item 3l: measured on its own.
+    latency_before = os.path.join(os.path.dirname(os.path.abspath(source)), "results-latency-before.json")
+    if results.get("before") is not None and os.path.exists(latency_before):
+        with open(latency_before) as f:
+            extra = json.load(f)
+        results["before"]["latency"] = extra.get("latency")
+        results["before"]["latency_source"] = f"{extra.get('source', 'unknown')} ({extra.get('started', '?')})"
     analysis = ""
     if os.path.exists(target):
         text = open(target, encoding="utf-8").read()
