@@ -111,7 +111,7 @@ QString stagingDir(const UpdateSession& session)
 }
 
 StagingFetches::StagingFetches(UpdateSession& session, const QString& baseUrl, const QString& version)
-    : session(session), staging(stagingDir(session)), baseUrl(baseUrl), version(version),
+    : staging(stagingDir(session)), baseUrl(baseUrl), version(version),
       ahead(session.network, &bodyBytes)
 {
     // Nothing can come from a cache without a directory for this build: looked at once here

@@ -31,7 +31,6 @@ private:
                                   QList<StagedFile>&, const QHash<QString, QString>&, StagingFetches*);
     void prepare();
 
-    UpdateSession& session;
     QString staging;
     QString baseUrl;
     QString version;
