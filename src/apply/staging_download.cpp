@@ -4,6 +4,7 @@
 #include "apply/update_cache.h"
 #include "base/own_files.h"
 #include "base/sha256.h"
+#include "platform/file_replace.h"
 #include "update/fetch_ahead.h"
 #include "update/update_session.h"
 
@@ -118,6 +119,14 @@ StagingFetches::StagingFetches(UpdateSession& session, const QString& baseUrl, c
     // rather than by a few opens per file.
     const QString cacheDir = cacheVersionDir(version);
     cacheHeld = !cacheDir.isEmpty() && QFileInfo(cacheDir + QStringLiteral("/files")).isDir();
+    deferWrittenFileSyncs();
+}
+
+StagingFetches::~StagingFetches()
+{
+    // Whatever ended the download, later writes are synced one by one again.
+    if (syncsOwed)
+        syncDeferredWrittenFiles();
 }
 
 void StagingFetches::prepare()
@@ -265,6 +274,15 @@ bool downloadToStaging(UpdateSession& session, const QList<ManifestFile>& change
         staged.append({dst, file.path});
     }
 
+    // Every staged file is on disk before the first of them is moved into the installation.
+    started->ahead.dropAll();
+    started->syncsOwed = false;
+    if (!syncDeferredWrittenFiles()) {
+        qWarning() << "[Update] dong bo cac file da tai that bai, GetLastError=" << corv::platform::lastError()
+                   << "-> huy, chay ban hien tai";
+        removeOwnPath(staging);
+        return false;
+    }
     qInfo() << "[Update] dung" << transfer.fromCache << "/" << changed.size() << "file tu kho tam";
     qInfo() << "[Update] da tai qua mang" << transfer.bodyBytes << "byte (ca file:" << wholeBytes << "byte)";
     return true;

@@ -24,6 +24,7 @@ QString stagingDir(const UpdateSession& session);
 class StagingFetches {
 public:
     StagingFetches(UpdateSession& session, const QString& baseUrl, const QString& version);
+    ~StagingFetches();
     void fileChanged(const ManifestFile& file, const QString& installedSha256);
 
 private:
@@ -37,6 +38,7 @@ private:
     bool cacheHeld = false;
     bool prepared = false;
     bool stopped = false;
+    bool syncsOwed = true;  // the staged files are synced together, once all are written
     qint64 bodyBytes = 0;
     FetchAhead ahead;
 };

@@ -73,6 +73,16 @@ bool syncWrittenFile(QFile& file)
     return file.flush() && corv::platform::syncFileData(file.handle());
 }
 
+void deferWrittenFileSyncs()
+{
+    corv::platform::deferFileDataSyncs();
+}
+
+bool syncDeferredWrittenFiles()
+{
+    return corv::platform::syncDeferredFileData();
+}
+
 bool openRegularFile(QFile& file, const QString& path)
 {
     if (file.isOpen() || !QFileInfo(path).isFile())

@@ -22,6 +22,10 @@ bool removeOwnPath(const QString& path);
 // Writes out what the open `file` buffers and makes its data durable: a file that is to be moved
 // under a name that others read is synced so before it is closed (platform/file_replace.h).
 bool syncWrittenFile(QFile& file);
+// Between these two, syncWrittenFile() leaves the sync to the second, which makes every file
+// written meanwhile durable at once (platform/file_replace.h: deferFileDataSyncs).
+void deferWrittenFileSyncs();
+bool syncDeferredWrittenFiles();
 
 // Files the user may have placed, links included (installed files, updater.conf): `path` is
 // opened for reading only when it leads to a regular file, so that a FIFO or a device under such

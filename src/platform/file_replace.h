@@ -42,6 +42,16 @@ bool syncFileData(int fd);
 void deferDirectorySyncs();
 bool syncDeferredDirectories(std::string* failedDirectory);
 
+// A batch of written files, such as the staged files of one apply: between
+// deferFileDataSyncs() and syncDeferredFileData(), syncFileData() notes the file's filesystem
+// instead of syncing the file, and syncDeferredFileData() syncs each such filesystem once
+// (syncfs) and ends the batch: thousands of small files cost one journal commit instead of one
+// each. A file written in the batch is durable only once that returned true, so it must come
+// before any name that others read points at one of them. Windows flushes each file at once:
+// there both calls do nothing.
+void deferFileDataSyncs();
+bool syncDeferredFileData();
+
 // GetLastError() of this thread: the Windows error code of the last failed call above.
 unsigned long lastError();
 

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <initializer_list>
+#include <map>
 #include <set>
 #include <string>
 #include <sys/stat.h>
@@ -16,6 +17,9 @@ thread_local unsigned long lastErrorCode = 0;
 // The directories that moves of the current batch changed, synced by syncDeferredDirectories().
 thread_local bool deferringSyncs = false;
 thread_local std::set<std::string> deferredDirectories;
+// The filesystems that files of the current batch were written to, one open descriptor each.
+thread_local bool deferringFileSyncs = false;
+thread_local std::map<dev_t, int> deferredFileSystems;
 
 // Callers log Windows error codes; errno values are reported as the code of the matching
 // Windows failure so that a log line means the same on every platform.
@@ -201,8 +205,36 @@ bool moveWriteThrough(const std::string& from, const std::string& to)
 
 bool syncFileData(int fd)
 {
+    struct stat info {};
+    if (deferringFileSyncs && ::fstat(fd, &info) == 0) {
+        if (deferredFileSystems.count(info.st_dev))
+            return true;
+        const int kept = ::fcntl(fd, F_DUPFD_CLOEXEC, 0);
+        if (kept >= 0) {
+            deferredFileSystems[info.st_dev] = kept;
+            return true;
+        }
+    }
     const int error = syncDescriptor(fd);
     return error == 0 || fail(error);
+}
+
+void deferFileDataSyncs()
+{
+    deferringFileSyncs = true;
+}
+
+bool syncDeferredFileData()
+{
+    deferringFileSyncs = false;
+    int firstError = 0;
+    for (const auto& fileSystem : deferredFileSystems) {
+        if (::syncfs(fileSystem.second) != 0 && firstError == 0)
+            firstError = errno;
+        ::close(fileSystem.second);
+    }
+    deferredFileSystems.clear();
+    return firstError == 0 || fail(firstError);
 }
 
 void deferDirectorySyncs()

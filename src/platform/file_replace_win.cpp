@@ -88,6 +88,14 @@ bool syncFileData(int fd)
     return handle != INVALID_HANDLE_VALUE && FlushFileBuffers(handle) != FALSE;
 }
 
+// Every file is flushed on its own; there is nothing to defer.
+void deferFileDataSyncs() {}
+
+bool syncDeferredFileData()
+{
+    return true;
+}
+
 // Every move is MOVEFILE_WRITE_THROUGH on its own; there is nothing to defer.
 void deferDirectorySyncs() {}
 

@@ -10,7 +10,7 @@ else is there, and the next run leaves exactly build 2. One kill at least lands 
 
 trace: in strace's record of real runs, every rename or link into the installation (not into
 ".staging", into ".update-cache" only of state.json) follows an fsync of the moved file when the
-run wrote it, and every directory that such a move gave or took a name is synced after its last
+run wrote it (or a syncfs, which syncs everything written before it), and every directory that such a move gave or took a name is synced after its last
 move and before the record of the build (manifest.json) is moved in, the run's last log line is
 written and the run ends; exactly the row's final names are moved in. The checker's own rows show
 that it flags what breaks a rule.
@@ -191,6 +191,8 @@ def events_of(trace, cwd, done):
             events.append(("write", opened))
         elif call in ("fsync", "fdatasync"):
             events.append(("sync", re.search(r"<(.*)>", args).group(1)))
+        elif call == "syncfs":  # everything written before it, data and names
+            events.append(("syncfs",))
         elif call.startswith(("rename", "link")):
             paths = [os.path.normpath(os.path.join(d or cwd, n)) for d, n in NAMED.findall(args)]
             events.append(("move", *paths, call.startswith("rename")))
@@ -218,6 +220,9 @@ def write_through_problems(events, inst):
         elif kind == "sync":
             unsynced.discard(args[0])
             unsynced_dirs.pop(args[0], None)
+        elif kind == "syncfs":
+            unsynced.clear()
+            unsynced_dirs.clear()
         if kind != "move":
             continue
         path, target, renamed = args
@@ -247,6 +252,7 @@ REPLACE = ('1 link("/i/a", "/i/a.bak") = 0\n1 rename("/i/.staging/a" <unfinished
 SECOND = ('1 openat(3</i/.staging>, "b", O_WRONLY|O_CREAT, 0666) = 5</i/.staging/b>\n1 fsync(5</i/.staging/b>) = 0\n'
           '1 renameat2(3</i/.staging>, "b", 4</i>, "b", 0) = 0\n')
 DIR_SYNC = '1 fsync(7</i>) = 0\n'
+SYNCFS = '1 syncfs(6</i/.staging/a>) = 0\n'
 STAGING_SYNC = '1 fsync(8</i/.staging>) = 0\n'
 RECORD = ('1 openat(AT_FDCWD</>, "/i/.staging/manifest.json", O_WRONLY|O_CREAT, 0666) = 5</i/.staging/manifest.json>\n'
           '1 fsync(5</i/.staging/manifest.json>) = 0\n1 rename("/i/.staging/manifest.json", "/i/manifest.json") = 0\n')
@@ -254,6 +260,8 @@ DONE = '1 write(2</i/updater.log>, "... [I] [apply] [Update] CAP NHAT THANH CONG
 CHECKER_ROWS = [
     (WRITTEN + FILE_SYNC + REPLACE + SECOND + DIR_SYNC + STAGING_SYNC + RECORD + DIR_SYNC + STAGING_SYNC + DONE, 0),
     (WRITTEN + REPLACE + DIR_SYNC + STAGING_SYNC + DONE, 1),  # the data not synced
+    (WRITTEN + SYNCFS + REPLACE + SECOND + DIR_SYNC + STAGING_SYNC + RECORD + DIR_SYNC + STAGING_SYNC + DONE, 0),
+    (WRITTEN + REPLACE + SYNCFS + DIR_SYNC + STAGING_SYNC + DONE, 1),  # the filesystem synced after the move
     (FILE_SYNC + WRITTEN + REPLACE + DIR_SYNC + STAGING_SYNC + DONE, 1),
     (WRITTEN + FILE_SYNC + REPLACE + SECOND + STAGING_SYNC + DONE, 1),  # the directory not synced
     (WRITTEN + FILE_SYNC + REPLACE + STAGING_SYNC + RECORD + DIR_SYNC + STAGING_SYNC + DONE, 1),  # the record first
@@ -280,7 +288,7 @@ TRACE_ROWS = [
     ("small", None, ["--prefetch-only"], [".update-cache/2.0/state.json"],
      "[UpdatePrefetch] xong toan bo - 80 file ok, 0 bo lai cho updater"),
 ]
-STRACE = ["strace", "-f", "-y", "-s", "4096", "-e", "trace=fsync,fdatasync,rename,renameat,renameat2,link,linkat,openat,write",
+STRACE = ["strace", "-f", "-y", "-s", "4096", "-e", "trace=fsync,fdatasync,syncfs,rename,renameat,renameat2,link,linkat,openat,write",
           "-o"]
 
 
