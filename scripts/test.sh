@@ -16,7 +16,9 @@ step() { echo "==== $1 (at $((SECONDS / 60))m$((SECONDS % 60))s)"; }
 # On the way out, also when a step failed: the builds still running in the background stop.
 finish() {
   local status=$?
-  [[ -n ${background_pid:-} ]] && kill -- "-$background_pid" 2>/dev/null
+  if [[ -n ${background_pid:-} ]]; then
+    kill -- "-$background_pid" 2>/dev/null || true
+  fi
   step "end, exit status $status"
 }
 trap finish EXIT
