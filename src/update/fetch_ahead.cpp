@@ -12,7 +12,7 @@ FetchAhead::~FetchAhead()
 
 void FetchAhead::add(const QString& url, const QString& filePath, qint64 maxLength, bool staged)
 {
-    if (!added.emplace(filePath, Ahead{url, maxLength, staged, nullptr}).second)
+    if (stopped || !added.emplace(filePath, Ahead{url, maxLength, staged, nullptr}).second)
         return;
     notStarted.push_back(filePath);
     startMore();
@@ -20,15 +20,16 @@ void FetchAhead::add(const QString& url, const QString& filePath, qint64 maxLeng
 
 void FetchAhead::startMore()
 {
-    while (underWay < kFetchAheadRequests && !notStarted.empty()) {
+    while (underWay < kFetchAheadRequests && kept < kFetchAheadAnswers && !notStarted.empty()) {
         const auto it = added.find(notStarted.front());
         notStarted.pop_front();
         if (it == added.end() || it->second.fetch)
             continue;  // asked for, or dropped, before its turn
         Ahead& ahead = it->second;
         ahead.fetch = std::make_unique<FileFetch>(aheadNetwork, ahead.url, it->first, 0, ahead.maxLength, ahead.staged);
-        ahead.fetch->shareProgress(&groupRead);
+        ahead.fetch->shareProgress(&group);
         ++underWay;
+        ++kept;
         ahead.fetch->onEnded = [this] {
             --underWay;
             startMore();
@@ -40,6 +41,7 @@ void FetchAhead::drop(Ahead& ahead)
 {
     if (!ahead.fetch)
         return;
+    --kept;
     if (!ahead.fetch->hasEnded())
         --underWay;
     if (droppedBodyBytes)
@@ -56,14 +58,23 @@ bool FetchAhead::getToFile(const QString& url, const QString& filePath, qint64 o
         added.erase(it);
         if (ahead.fetch && ahead.url == url && offset == 0 && ahead.maxLength == maxLength
             && ahead.staged == (stagedSha256 != nullptr)) {
-            return ahead.fetch->wait(bodyBytes, stagedSha256);
+            --kept;
+            startMore();
+            if (ahead.fetch->waitQuietly())
+                return ahead.fetch->wait(bodyBytes, stagedSha256);
+            // Whatever turned it away is met again below, alone.
+            if (droppedBodyBytes)
+                *droppedBodyBytes += ahead.fetch->bodyBytesRead();
+            stopped = true;
+            dropAll();
+        } else {
+            drop(ahead);
+            startMore();
         }
-        drop(ahead);
-        startMore();
     }
     // It shares the link with the fetches ahead, and is judged with them.
     FileFetch fetch(network, url, filePath, offset, maxLength, stagedSha256 != nullptr);
-    fetch.shareProgress(&groupRead);
+    fetch.shareProgress(&group);
     return fetch.wait(bodyBytes, stagedSha256);
 }
 

@@ -30,7 +30,7 @@ struct FileSink {
     qint64 read = 0;     // body bytes taken from the reply, also those refused
     QByteArray encoding; // a refused Content-Encoding
     Sha256 hash;         // of everything written, when the file was started from byte 0
-    qint64* sharedRead = nullptr;  // body bytes of a group of fetches
+    FetchGroup* group = nullptr;
     bool fromStart = false;
     bool opened = false;
     bool writeFailed = false;
@@ -82,8 +82,10 @@ struct FileSink {
             if (chunk.isEmpty())
                 return;
             read += chunk.size();
-            if (sharedRead)
-                *sharedRead += chunk.size();
+            if (group) {
+                group->bodyBytes += chunk.size();
+                group->sinceProgress.start();
+            }
             if (length + chunk.size() > maxLength) {
                 tooLarge = true;
                 reply->abort();
@@ -119,15 +121,24 @@ void armInactivity(QNetworkReply* reply, QTimer& inactivity)
     inactivity.start(kHttpInactivityTimeoutMs);
 }
 
+void logTooSlow(const QString& url)
+{
+    qWarning() << "[Update] tai qua cham (duoi" << kSlowTransferMinBytesPerSecond << "byte/giay)" << url;
+}
+
 // Runs a nested event loop until the reply finishes; a transfer that stays too slow meanwhile
-// is aborted, with a line of its own. `received`, when given, counts the bytes that make the
-// pace instead of the reply's own.
-void waitForReply(QNetworkReply* reply, const QString& url, std::function<qint64()> received = {})
+// is aborted, with a line of its own (or, with `tooSlow`, noted there for a line later).
+// `received`, when given, counts the bytes that make the pace instead of the reply's own.
+void waitForReply(QNetworkReply* reply, const QString& url, std::function<qint64()> received = {},
+                  bool* tooSlow = nullptr)
 {
     QEventLoop loop;
     QObject::connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
-    const auto onSlow = [reply, url] {
-        qWarning() << "[Update] tai qua cham (duoi" << kSlowTransferMinBytesPerSecond << "byte/giay)" << url;
+    const auto onSlow = [reply, url, tooSlow] {
+        if (tooSlow)
+            *tooSlow = true;
+        else
+            logTooSlow(url);
         reply->abort();
     };
     if (received)
@@ -265,7 +276,17 @@ FileFetch::FileFetch(BoundedNetworkAccessManager& network, const QString& url, c
         sink->drain();
     });
     QObject::connect(reply, &QNetworkReply::finished, &context, [this] { end(); });
-    armInactivity(reply, inactivity);
+    // Silent only when the whole group has been: otherwise wait out the rest of the limit.
+    inactivity.setSingleShot(true);
+    QObject::connect(&inactivity, &QTimer::timeout, &context, [this] {
+        const qint64 quiet = group && group->sinceProgress.isValid() ? group->sinceProgress.elapsed()
+                                                                     : kHttpInactivityTimeoutMs;
+        if (quiet < kHttpInactivityTimeoutMs)
+            inactivity.start(int(kHttpInactivityTimeoutMs - quiet));
+        else
+            reply->abort();
+    });
+    inactivity.start(kHttpInactivityTimeoutMs);
 }
 
 FileFetch::~FileFetch()
@@ -274,8 +295,8 @@ FileFetch::~FileFetch()
         QObject::disconnect(reply, nullptr, &context, nullptr);
         reply->abort();
         sink->file.close();
+        reply->deleteLater();
     }
-    reply->deleteLater();
 }
 
 void FileFetch::end()
@@ -283,41 +304,52 @@ void FileFetch::end()
     // Data that came with the finished signal, or the open of an empty successful body.
     sink->drain();
     const bool networkError = reply->error() != QNetworkReply::NoError;
-    failed = sink->tooLarge || !sink->encoding.isEmpty() || networkError || (!networkError && sink->endedShort());
+    if (sink->tooLarge)
+        failure = QStringLiteral("file larger than %1 bytes").arg(sink->maxLength);
+    else if (!sink->encoding.isEmpty())
+        failure = refusedEncodingText(sink->encoding);
+    else if (!networkError && sink->endedShort())
+        failure = QStringLiteral("body ended after %1 of %2 bytes")
+                      .arg(sink->received)
+                      .arg(reply->header(QNetworkRequest::ContentLengthHeader).toLongLong());
+    else if (networkError)
+        failure = reply->errorString();
+    const bool failed = !failure.isEmpty();
     if (sink->opened) {
         // A staged file's data is on disk before any name in the installation can point at it.
         if (!(staged && !failed ? syncWrittenFile(sink->file) : sink->file.flush()))
             sink->writeFailed = true;
         sink->file.close();
     }
+    succeeded = !failed && sink->opened && !sink->writeFailed;
+    // An answer kept until its file's turn holds no reply, socket buffer or open file.
+    QObject::disconnect(reply, nullptr, &context, nullptr);
+    reply->deleteLater();
     ended = true;
     if (onEnded)
         onEnded();
 }
 
-bool FileFetch::wait(qint64* bodyBytes, QString* stagedSha256)
+bool FileFetch::waitQuietly()
 {
     if (!ended)
-        waitForReply(reply, url, sharedRead ? std::function<qint64()>([this] { return *sharedRead; })
-                                            : std::function<qint64()>());
-    const bool networkError = reply->error() != QNetworkReply::NoError;
-    if (sink->tooLarge)
-        qWarning() << "[Update] GET(file) loi" << url
-                   << QStringLiteral("file larger than %1 bytes").arg(sink->maxLength);
-    else if (!sink->encoding.isEmpty())
-        qWarning() << "[Update] GET(file) loi" << url << refusedEncodingText(sink->encoding);
-    else if (!networkError && sink->endedShort())
-        qWarning() << "[Update] GET(file) loi" << url
-                   << QStringLiteral("body ended after %1 of %2 bytes")
-                          .arg(sink->received)
-                          .arg(reply->header(QNetworkRequest::ContentLengthHeader).toLongLong());
-    else if (failed)
-        qWarning() << "[Update] GET(file) loi" << url << reply->errorString();
+        waitForReply(reply, url, group ? std::function<qint64()>([this] { return group->bodyBytes; })
+                                       : std::function<qint64()>(), &tooSlow);
+    return succeeded;
+}
+
+bool FileFetch::wait(qint64* bodyBytes, QString* stagedSha256)
+{
+    waitQuietly();
+    if (tooSlow)
+        logTooSlow(url);
+    if (!failure.isEmpty())
+        qWarning() << "[Update] GET(file) loi" << url << failure;
     if (bodyBytes)
         *bodyBytes += sink->read;
     if (stagedSha256)
         *stagedSha256 = sink->fromStart ? sink->hash.hexResult() : QString();
-    return !failed && sink->opened && !sink->writeFailed;
+    return succeeded;
 }
 
 qint64 FileFetch::bodyBytesRead() const
@@ -325,10 +357,10 @@ qint64 FileFetch::bodyBytesRead() const
     return sink->read;
 }
 
-void FileFetch::shareProgress(qint64* groupRead)
+void FileFetch::shareProgress(FetchGroup* shared)
 {
-    sharedRead = groupRead;
-    sink->sharedRead = groupRead;
+    group = shared;
+    sink->group = shared;
 }
 
 bool httpGetToFile(BoundedNetworkAccessManager& network, const QString& url, const QString& filePath,

@@ -3,6 +3,7 @@
 #include "update/manifest.h"
 
 #include <QByteArray>
+#include <QElapsedTimer>
 #include <QNetworkRequest>
 #include <QObject>
 #include <QString>
@@ -56,6 +57,12 @@ bool httpGetToFile(BoundedNetworkAccessManager& network, const QString& url, con
                    qint64 offset, qint64 maxLength = kUnsizedFileLimit, qint64* bodyBytes = nullptr,
                    QString* stagedSha256 = nullptr);
 
+// File GETs that share one link: the body bytes of all of them, and the time since the last.
+struct FetchGroup {
+    qint64 bodyBytes = 0;
+    QElapsedTimer sinceProgress;  // invalid until the first byte
+};
+
 // One file GET of httpGetToFile, under way from its construction: its body goes to the file
 // whenever the event loop runs, 10 s without progress abort it from then on, and the file is
 // closed (synced first when `staged`) as soon as the reply ends. wait() blocks until then and
@@ -71,12 +78,15 @@ public:
     FileFetch& operator=(const FileFetch&) = delete;
 
     bool wait(qint64* bodyBytes, QString* stagedSha256);
+    // The same, reporting nothing: whether the file is complete.
+    bool waitQuietly();
     bool hasEnded() const { return ended; }
     qint64 bodyBytesRead() const;
-    // Fetches that share the link: each adds its body bytes to *groupRead, and a wait for one of
-    // them judges the pace by that sum, so that a link shared a few ways is not taken for a slow
-    // one while the group as a whole moves.
-    void shareProgress(qint64* groupRead);
+    // Fetches that share the link: each adds its body bytes to the group, a wait for one of them
+    // judges the pace by the group's sum, and none is aborted as silent while the group moves.
+    // On a thin link one answer may wait behind the others' bytes for longer than the inactivity
+    // limit: the link is neither slow nor silent while the group as a whole moves.
+    void shareProgress(FetchGroup* shared);
     // Called once, when the reply has ended and the file is closed.
     std::function<void()> onEnded;
 
@@ -88,8 +98,10 @@ private:
     QNetworkReply* reply = nullptr;
     std::unique_ptr<FileSink> sink;
     QTimer inactivity;
-    qint64* sharedRead = nullptr;
+    FetchGroup* group = nullptr;
     QObject context;  // receiver of the reply's signals: gone with this fetch
     bool ended = false;
-    bool failed = false;
+    bool succeeded = false;
+    bool tooSlow = false;
+    QString failure;  // the reason for the log line of a failed GET
 };

@@ -40,7 +40,7 @@ Each row is a dict:
   requests   the exact paths requested from the server below /<name>/: the manifest and its
              signature in order, then the files in any order (an apply has the next few files'
              requests under way while it writes one, so even files after one that fails are
-             asked for); "path+" is one request of path or more (a prefetch asks for a larger
+             asked for, and a file whose GET ahead failed is asked for again in its turn); "path+" is one request of path or more (a prefetch asks for a larger
              file in ranges, as many as the timing of its budget makes)
   wine_adds  lines that only the run under Wine writes after `lines`, for a shortcoming of Wine
   waits      True: the first log line comes after the "live" helper ended
@@ -301,7 +301,7 @@ ROWS = [
     row("box-update-failed", unpublish=["lib/added.dll"], runs=[{"args": ["--proactive"], "box": (
         "warning", "Cập nhật thất bại — đã khôi phục bản cũ.\n\n"
         "Mở lại Corvanta để tiếp tục dùng bản hiện tại, hoặc thử cập nhật lại sau.")}],
-        windows=STATUS + BOX, tree="installed", requests=DOCUMENTS + CHANGED, lines=[
+        windows=STATUS + BOX, tree="installed", requests=DOCUMENTS + CHANGED + ["lib/added.dll"], lines=[
             '[W] [apply] [Update] GET(file) loi "{url}lib/added.dll" '
             '"Error transferring {url}lib/added.dll - server replied: Not Found"',
             '[W] [apply] [Update] tai "lib/added.dll" that bai -> huy, chay ban hien tai',
@@ -365,7 +365,7 @@ ROWS = [
     # A file the server does not have gives the update up; other builds' cache goes.
     row("file-not-found", unpublish=["lib/added.dll"], cache=EARLIER_CACHE, tree="installed",
         cache_after={"2.0/files/unrelated.bin": EARLIER_CACHE["2.0/files/unrelated.bin"]},
-        requests=DOCUMENTS + CHANGED, lines=[
+        requests=DOCUMENTS + CHANGED + ["lib/added.dll"], lines=[
             '[W] [apply] [Update] GET(file) loi "{url}lib/added.dll" '
             '"Error transferring {url}lib/added.dll - server replied: Not Found"',
             '[W] [apply] [Update] tai "lib/added.dll" that bai -> huy, chay ban hien tai',

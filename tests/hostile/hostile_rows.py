@@ -135,6 +135,8 @@ def prefetch(name, lines, **fields):
     return dict(name="prefetch, " + name, mode="prefetch", lines=lines, **fields)
 
 
+SIX_MORE = dict(BUILD1, **{f"more/f{i}.bin": pattern(8192, 30 + i) for i in range(6)})
+
 HOSTILE_PATHS = ["../escape.txt", "lib/../../escape.txt", "..\\escape.txt", "/tmp/escape.txt", "C:/escape.txt",
                  "lib/./c.bin", "x:stream", "LIB/C.BIN", "lib/c.bin/x", "lib/c.bin.bak", "manifest.json", ".staging/x",
                  "updater.log", "manifest.json.", "lib/c.bin.", "lib/c.bin ", "lib/nul"]
@@ -211,9 +213,10 @@ APPLY = [
     apply("smaller: a patch made from another file, then the whole file",
           [choice("patch", len(OTHER_PATCH)), fell_back("patch", "zstd: Restored data doesn't match checksum")]
           + applied(OTHERS + len(OTHER_PATCH) + 60000), publish={"patch": OTHER_PATCH}, updates=True),
+    # Cut twice: fetched ahead, then again in its turn, alone, which alone is reported.
     apply("smaller: compressed copy cut off mid-body, then the whole file",
           [choice("ban nen", len(PACKED)), f'[Update] GET(file) loi "{{url}}{PACKED_PATH}" "*"',
-           fell_back("ban nen", "tai that bai")] + applied(OTHERS + len(PACKED) // 2 + 60000),
+           fell_back("ban nen", "tai that bai")] + applied(OTHERS + 2 * (len(PACKED) // 2) + 60000),
           publish={"zstd": PACKED}, rules={PACKED_PATH: {"closeAfterBytes": len(PACKED) // 2}}, updates=True),
     apply("smaller: a truncated compressed copy as published, then the whole file",
           [choice("ban nen", len(PACKED) // 2), fell_back("ban nen", "zstd: frame bi cat ngang")]
@@ -284,10 +287,17 @@ APPLY = [
     # Statuses that are neither 200 nor 206 write nothing, and are not taken for a download.
     apply("file 304", ['[Update] tai "lib/c.bin" that bai -> huy, chay ban hien tai'], rules={F: status(304)}),
     # The inactivity limit counts from the last progress: pauses of 6 s in the signature and in
-    # a.bin pass, 11 s of silence in lib/c.bin end it (unlabelled, unlike the stalls below).
-    apply("pauses of 6 s pass, 11 s of silence does not", file_fails(F, CANCELED),
-          rules={S: {"chunkBytes": 40, "chunkPauseSeconds": 6}, "a.bin": {"chunkBytes": 7000, "chunkPauseSeconds": 6},
-                 F: {"stallAfterBytes": 1000, "stallSeconds": 11}}),
+    # a.bin pass; lib/c.bin, silent after its first 1000 bytes, ends 10 s after a.bin's last
+    # bytes, when no GET has moved since (unlabelled, unlike the stalls below).
+    apply("pauses of 6 s pass, 10 s in which no GET moves do not", file_fails(F, CANCELED),
+          rules={S: {"chunkBytes": 40, "chunkPauseSeconds": 6}, "a.bin": {"chunkBytes": 10000, "chunkPauseSeconds": 6},
+                 F: {"stallAfterBytes": 1000, "stallSeconds": 17}}),
+    # A server that answers two GETs of a client at once and turns the others away as busy
+    # (nginx's limit_conn answers 503): served, as it is when asked one file at a time.
+    apply("six files from a server that answers two GETs at once",
+          ["[Update] dung 0 / 6 file tu kho tam", "[Update] da tai qua mang * byte (ca file: 49152 byte)", WHOLE[2]],
+          publish={"build": SIX_MORE}, rules={p: {"answersAtOnce": 2, "chunkBytes": 2048, "chunkPauseSeconds": 0.25}
+                                            for p in SIX_MORE}, updates=True),
     # Compressed copies that do not decode to exactly the listed file, then the whole file.
     *[apply(f"smaller: compressed copy {name}, then the whole file",
             [choice("ban nen", len(packed)), fell_back("ban nen", reason)] + applied(OTHERS + len(packed) + 60000),

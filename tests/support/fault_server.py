@@ -57,6 +57,19 @@ class Handler(BaseHTTPRequestHandler):
         self.server.record({"time": time.time(), "method": self.command, "target": self.path, "path": path,
                             "headers": [[k.lower(), v] for k, v in self.headers.items()]})
         rule = self.server.rule_for(path, file)
+        # A server that limits the answers to one client under way at once turns the others
+        # away as busy, as nginx's limit_conn does.
+        limit = rule.get("answersAtOnce", 0)
+        with self.server.lock:
+            self.server.answering += bool(limit)
+            busy = limit and self.server.answering > limit
+        try:
+            return self.send_short(503, b"busy\n") if busy else self.answer(rule, path, file)
+        finally:
+            with self.server.lock:
+                self.server.answering -= bool(limit)
+
+    def answer(self, rule, path, file):
         time.sleep(rule.get("stallBeforeSeconds", 0))
         full = os.path.realpath(os.path.join(self.server.root, file))
         if rule.get("redirectTo"):
@@ -143,6 +156,7 @@ class Server(ThreadingHTTPServer):
     def __init__(self, root, control):
         super().__init__(("127.0.0.1", 0), Handler)
         self.root, self.control, self.lock = os.path.realpath(root), control, threading.Lock()
+        self.answering = 0
         self.uses = {}  # (path, generation) -> requests the rule has matched so far
 
     def record(self, entry):
