@@ -288,10 +288,11 @@ APPLY = [
     apply("file 304", ['[Update] tai "lib/c.bin" that bai -> huy, chay ban hien tai'], rules={F: status(304)}),
     # The inactivity limit counts from the last progress: pauses of 6 s in the signature and in
     # a.bin pass; lib/c.bin, silent after its first 1000 bytes, ends 10 s after a.bin's last
-    # bytes, when no GET has moved since (unlabelled, unlike the stalls below).
+    # bytes, when no GET has moved since, and again 10 s into its second GET in its turn, which
+    # alone is reported (unlabelled, unlike the stalls below).
     apply("pauses of 6 s pass, 10 s in which no GET moves do not", file_fails(F, CANCELED),
           rules={S: {"chunkBytes": 40, "chunkPauseSeconds": 6}, "a.bin": {"chunkBytes": 10000, "chunkPauseSeconds": 6},
-                 F: {"stallAfterBytes": 1000, "stallSeconds": 17}}),
+                 F: {"stallAfterBytes": 1000, "stallSeconds": 20}}),
     # A server that answers two GETs of a client at once and turns the others away as busy
     # (nginx's limit_conn answers 503): served, as it is when asked one file at a time.
     apply("six files from a server that answers two GETs at once",
