@@ -1,8 +1,12 @@
 #include "update/fetch_ahead.h"
 
+#include "base/network_guard.h"
+
 FetchAhead::FetchAhead(BoundedNetworkAccessManager& network, qint64* droppedBodyBytes)
     : network(network), droppedBodyBytes(droppedBodyBytes)
 {
+    // Guarded like the session's own manager: Qt's belief that the network is gone refuses nothing.
+    forceNetworkAccessible(&aheadNetwork);
 }
 
 FetchAhead::~FetchAhead()
