@@ -119,7 +119,6 @@ StagingFetches::StagingFetches(UpdateSession& session, const QString& baseUrl, c
     // rather than by a few opens per file.
     const QString cacheDir = cacheVersionDir(version);
     cacheHeld = !cacheDir.isEmpty() && QFileInfo(cacheDir + QStringLiteral("/files")).isDir();
-    deferWrittenFileSyncs();
 }
 
 StagingFetches::~StagingFetches()
@@ -137,6 +136,10 @@ void StagingFetches::prepare()
     removeOwnPath(staging);
     makeOwnDirectory(staging);
     prepared = true;
+    // From the first staged file on, and only for the staged files: a run that stages nothing
+    // (every hash already matches) writes its record synced, as always.
+    deferWrittenFileSyncs();
+    syncsOwed = true;
 }
 
 void StagingFetches::fileChanged(const ManifestFile& file, const QString& installedSha256)

@@ -38,7 +38,7 @@ private:
     bool cacheHeld = false;
     bool prepared = false;
     bool stopped = false;
-    bool syncsOwed = true;  // the staged files are synced together, once all are written
+    bool syncsOwed = false;  // the staged files are synced together, once all are written
     qint64 bodyBytes = 0;
     FetchAhead ahead;
 };

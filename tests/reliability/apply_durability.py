@@ -280,20 +280,23 @@ SMALL = {f"small/file_{i:02}.txt": f"small {i}".encode() for i in range(80)}  # 
 APPLIED = ["bin/app.bin", "bin/app.bin.bak", "data/a.txt", "data/a.txt.bak", "manifest.json", "new/dir/c.txt",
            "top.txt", "top.txt.bak", "updater.new"]
 UPDATED = '[Update] CAP NHAT THANH CONG -> "2.0"'
-# (build served, arguments of an untraced run first, of the traced run, moved in, last log line)
+# (build served, arguments of an untraced run first, of the traced run, moved in, last log line,
+# whether build one is installed with its record)
 TRACE_ROWS = [
-    ("two", None, [], APPLIED, UPDATED),
-    ("two", ["--prefetch-only"], [], APPLIED, UPDATED),
+    ("two", None, [], APPLIED, UPDATED, True),
+    ("two", ["--prefetch-only"], [], APPLIED, UPDATED, True),
+    # Every file as served, the record missing: only the record is written.
+    ("one", None, [], ["manifest.json"], '[Update] hash khop het, dong bo manifest -> "1.0"', False),
     # state.json is rewritten whole, so at most once a second; the last save has every file done.
     ("small", None, ["--prefetch-only"], [".update-cache/2.0/state.json"],
-     "[UpdatePrefetch] xong toan bo - 80 file ok, 0 bo lai cho updater"),
+     "[UpdatePrefetch] xong toan bo - 80 file ok, 0 bo lai cho updater", True),
 ]
 STRACE = ["strace", "-f", "-y", "-s", "4096", "-e", "trace=fsync,fdatasync,syncfs,rename,renameat,renameat2,link,linkat,openat,write",
           "-o"]
 
 
 def trace(site, options):
-    installed = dict(ONE, **{"manifest.json": site.publish("one", ONE, "1.0", 1)})
+    record_one = site.publish("one", ONE, "1.0", 1)
     site.publish("two", TWO, "2.0", 2)
     site.publish("small", SMALL, "2.0", 2)
 
@@ -301,8 +304,8 @@ def trace(site, options):
         if "text" in r:
             found = write_through_problems(events_of(r["text"], "/", UPDATED), "/i")[0]
             return [] if len(found) == r["broken"] else [f"{len(found)} broken rules, not {r['broken']}: {found}"]
-        served, first, args, moved_in, last = r["row"]
-        inst = site.install(installed, served)
+        served, first, args, moved_in, last, recorded = r["row"]
+        inst = site.install(dict(ONE, **({"manifest.json": record_one} if recorded else {})), served)
         if first:
             site.run(inst, first)
             os.remove(os.path.join(inst, "updater.log"))
