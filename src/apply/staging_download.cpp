@@ -40,7 +40,6 @@ bool copyReplacing(const QString& from, const QString& to, Copy purpose)
 // One staging download: where it goes, its GETs, and the body bytes it has taken from the
 // network.
 struct Transfer {
-    UpdateSession& session;
     QString staging;
     QString baseUrl;
     QString version;
@@ -183,7 +182,7 @@ bool downloadToStaging(UpdateSession& session, const QList<ManifestFile>& change
     started->prepare();
     const QString staging = started->staging;
     const bool cacheHeld = started->cacheHeld;
-    Transfer transfer{session, staging, baseUrl, version, started->ahead, started->bodyBytes};
+    Transfer transfer{staging, baseUrl, version, started->ahead, started->bodyBytes};
     qint64 wholeBytes = 0;
 
     // The fetches still under way write into staging: they end before it goes.

@@ -279,6 +279,7 @@ FileFetch::FileFetch(BoundedNetworkAccessManager& network, const QString& url, c
     // Silent only when the whole group has been: otherwise wait out the rest of the limit.
     inactivity.setSingleShot(true);
     QObject::connect(&inactivity, &QTimer::timeout, &context, [this] {
+        const FetchGroup* group = sink->group;
         const qint64 quiet = group && group->sinceProgress.isValid() ? group->sinceProgress.elapsed()
                                                                      : kHttpInactivityTimeoutMs;
         if (quiet < kHttpInactivityTimeoutMs)
@@ -333,8 +334,8 @@ void FileFetch::end()
 bool FileFetch::waitQuietly()
 {
     if (!ended)
-        waitForReply(reply, url, group ? std::function<qint64()>([this] { return group->bodyBytes; })
-                                       : std::function<qint64()>(), &tooSlow);
+        waitForReply(reply, url, sink->group ? std::function<qint64()>([this] { return sink->group->bodyBytes; })
+                                             : std::function<qint64()>(), &tooSlow);
     return succeeded;
 }
 
@@ -359,7 +360,6 @@ qint64 FileFetch::bodyBytesRead() const
 
 void FileFetch::shareProgress(FetchGroup* shared)
 {
-    group = shared;
     sink->group = shared;
 }
 

@@ -98,7 +98,6 @@ private:
     QNetworkReply* reply = nullptr;
     std::unique_ptr<FileSink> sink;
     QTimer inactivity;
-    FetchGroup* group = nullptr;
     QObject context;  // receiver of the reply's signals: gone with this fetch
     bool ended = false;
     bool succeeded = false;
