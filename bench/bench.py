@@ -136,20 +136,21 @@ class Bench:
         changed = tree.pick_changed(build1, 0.10, ["bin/Corvanta.core.dll"], seed=2)
         return self.dataset("real", build1, tree.change(build1, changed, seed=3))
 
-    def curl_config(self, ds, entries, out_dir):
+    def curl_config(self, ds, entries, out_dir, url=None):
         path = os.path.join(self.work, f"curl-{ds.name}.cfg")
         with open(path, "w") as f:
             for e in entries:
-                f.write(f'url = "{ds.url(e.path)}"\noutput = "{os.path.join(out_dir, e.path)}"\n')
+                f.write(f'url = "{(url or ds.url)(e.path)}"\noutput = "{os.path.join(out_dir, e.path)}"\n')
         return path
 
-    def curl_fetch(self, ds, entries):
-        """One curl process fetching entries in order over one keep-alive connection."""
+    def curl_fetch(self, ds, entries, url=None, options=()):
+        """One curl process fetching entries in order over one keep-alive connection (unless
+        `options` say otherwise), from nginx or from `url(path)`."""
         out_dir = os.path.join(self.work, "curl-out")
         shutil.rmtree(out_dir, ignore_errors=True)
-        config = self.curl_config(ds, entries, out_dir)
+        config = self.curl_config(ds, entries, out_dir, url)
         mark = self.nginx.log_mark()
-        wall = run_plain(["curl", "--silent", "--show-error", "--fail", "--create-dirs", "--config", config])
+        wall = run_plain(["curl", "--silent", "--show-error", "--fail", "--create-dirs", *options, "--config", config])
         requests = self.nginx.requests(mark)
         return wall, out_dir, requests
 
@@ -260,11 +261,7 @@ class Bench:
             apply_s, curl_s, apply_conns, curl_conns, phases = [], [], [], [], []
             for rep in range(self.sizes.reps):
                 ds.install(install)
-                mark = self.nginx.log_mark()
-                run = self.run_updater(install, expect_line='[Update] CAP NHAT THANH CONG -> "2.0.0"')
-                files = self.file_requests(self.nginx.requests(mark), ds)
-                self.expect(len(files) == count and sum(r.body_bytes for r in files) == ds.changed_bytes(),
-                            f"{count} files fetched once each")
+                run, files = self.apply_small(ds, install)
                 apply_s.append(run.wall)
                 phases.append(run.phases)
                 apply_conns.append(len({r.connection for r in files}))
@@ -278,6 +275,16 @@ class Bench:
             if count == self.sizes.small_counts[-1]:
                 out[-1]["syscalls"] = self.syscall_profile(ds, install)
         self.results["scaling"] = out
+
+    def apply_small(self, ds, install):
+        """One apply of a small-files set, each changed file fetched once: the run and nginx's
+        records of the files."""
+        mark = self.nginx.log_mark()
+        run = self.run_updater(install, expect_line='[Update] CAP NHAT THANH CONG -> "2.0.0"')
+        files = self.file_requests(self.nginx.requests(mark), ds)
+        self.expect(len(files) == len(ds.changed) and sum(r.body_bytes for r in files) == ds.changed_bytes(),
+                    f"{len(ds.changed)} files of {ds.name} fetched once each")
+        return run, files
 
     # ---------------------------------------------------------------- 3l. latency
 
@@ -303,22 +310,12 @@ class Bench:
                     ds.install(install)
                     with open(os.path.join(install, "updater.conf"), "w") as f:
                         json.dump({"manifestUrl": proxy.url(f"{ds.name}/manifest.json")}, f)
-                    mark = self.nginx.log_mark()
-                    run = self.run_updater(install, expect_line='[Update] CAP NHAT THANH CONG -> "2.0.0"')
-                    files = self.file_requests(self.nginx.requests(mark), ds)
-                    self.expect(len(files) == count and sum(r.body_bytes for r in files) == ds.changed_bytes(),
-                                f"{count} files fetched once each through the delaying proxy")
+                    run, files = self.apply_small(ds, install)
                     apply_s.append(run.wall)
                     apply_conns.append(len({r.connection for r in files}))
-                    out_dir = os.path.join(self.work, "curl-out")
-                    shutil.rmtree(out_dir, ignore_errors=True)
-                    config = os.path.join(self.work, f"curl-latency-{ds.name}.cfg")
-                    with open(config, "w") as f:
-                        for e in ds.changed:
-                            f.write(f'url = "{proxy.url(f"{ds.name}/{e.path}")}"\n'
-                                    f'output = "{os.path.join(out_dir, e.path)}"\n')
-                    curl_s.append(run_plain(["curl", "--silent", "--show-error", "--fail", "--create-dirs",
-                                             "--parallel", "--parallel-max", str(CURL_PARALLEL), "--config", config]))
+                    url = lambda path, name=ds.name: proxy.url(f"{name}/{path}")
+                    curl_s.append(self.curl_fetch(ds, ds.changed, url,
+                                                  ["--parallel", "--parallel-max", str(CURL_PARALLEL)])[0])
                     self.say(f"   {count} files, rep {rep + 1}: apply {run.wall:.2f} s "
                              f"({apply_conns[-1]} connections), curl --parallel {curl_s[-1]:.2f} s")
                 out.append(dict(count=count, bytes=ds.changed_bytes(), apply=apply_s, curl=curl_s,
