@@ -140,11 +140,21 @@ def tree_differences(expected, actual):
                if expected[p] != actual[p]])
 
 
+def umask():
+    """This process's umask, read without changing it (other threads create files meanwhile)."""
+    with open("/proc/self/status") as f:
+        return next(int(line.split()[1], 8) for line in f if line.startswith("Umask:"))
+
+
 def tree_problems(inst, expected, ignored):
     """What differs between expected and the installation but its paths for which ignored holds,
-    and a ".staging" left."""
+    a ".staging" left, and a file that the umask would not have let others write (a file that
+    replaced a link must not take the link's permission bits)."""
     actual = {p: d for p, d in files_below(inst).items() if not ignored(p)}
-    return tree_differences(expected, actual) + ([".staging is left"] * os.path.lexists(os.path.join(inst, ".staging")))
+    loose = [p for p in sorted(actual) if not os.path.islink(os.path.join(inst, p))
+             and os.lstat(os.path.join(inst, p)).st_mode & 0o022 & umask()]
+    return (tree_differences(expected, actual) + [f"{p} may be written by other users" for p in loose]
+            + [".staging is left"] * os.path.lexists(os.path.join(inst, ".staging")))
 
 
 def log_problems(lines, expected):

@@ -124,9 +124,12 @@ void TestManifest::parse_data()
     for (const char* path : {"old.bak/x", "updater.exe.new", "a.part", "state.tmp", "Manifest.JSON", "manifest.json.sig",
                              ".update-cache", ".Staging", "tab\\there", "a/\\u007f", "lib/com1.txt", "a|b", ".Zstd/x/y"})
         row(qPrintable(QStringLiteral("reserved path %1").arg(path)), files(entry("ok") + "," + entry(path)), "rejected");
-    // Checking every entry's directories must not take the path's length times its depth.
-    row("a clash after a path 2,097,152 directories deep",
-        files(entry(QByteArray("d/").repeated(2097152) + "x") + "," + entry("z") + "," + entry("z/y")), "rejected");
+    // Checking every entry's directories must not take the path's length times its depth (hours
+    // for this path). The sanitizers make even the linear check take minutes, and find nothing
+    // in it that the shorter paths above do not reach.
+    if (!CORV_SANITIZED)
+        row("a clash after a path 2,097,152 directories deep",
+            files(entry(QByteArray("d/").repeated(2097152) + "x") + "," + entry("z") + "," + entry("z/y")), "rejected");
 
     const QByteArray good = files(R"({"path": "bin/a.dll", "size": 9, "sha256": "AA"})");
     const QStringList paths = {
