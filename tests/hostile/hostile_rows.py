@@ -503,7 +503,8 @@ PREFETCH = [
     prefetch("smaller: patch missing (404), then the whole file",
              START + [CHOOSE_PATCH] + four_times([PATCH_FRESH, f'{P}"{PATCH_PATH}" HTTP 404 -> bo file nay'])
              + [P + "patch cho lib/c.bin hong -> tai ca file", FRESH] + DONE,
-             publish={"patch": PATCH}, rules={PATCH_PATH: status(404)}),
+             publish={"patch": PATCH}, rules={PATCH_PATH: status(404)},
+             cache=cached(state=DONE_AB + [(F, 60000, True)])),
     prefetch("smaller: patch with wrong bytes, then the whole file",
              START + [CHOOSE_PATCH] + four_times([PATCH_FRESH, f"{P}{PATCH_PATH} hash lech -> xoa, tai lai"])
              + [P + "patch cho lib/c.bin hong -> tai ca file", FRESH] + DONE,
