@@ -505,6 +505,17 @@ PREFETCH = [
              + [P + "patch cho lib/c.bin hong -> tai ca file", FRESH] + DONE,
              publish={"patch": PATCH}, rules={PATCH_PATH: status(404)},
              cache=cached(state=DONE_AB + [(F, 60000, True)])),
+    # The cap holds for what a failed patch gives way to: here the whole file would pass it.
+    prefetch("smaller: patch missing, and the whole file would pass the cap",
+             [P + "bat dau 2.0 - 4 file, 500 MB", START[1], P + "a.bin xong ( 1 / 4 )", START[3],
+              P + "e.txt xong ( 2 / 4 )", CHOOSE_PATCH]
+             + four_times([PATCH_FRESH, f'{P}"{PATCH_PATH}" HTTP 404 -> bo file nay'])
+             + [P + "patch cho lib/c.bin hong -> de updater lo (vuot tran 500 MB)"]
+             + four_times([P + f"more/f0000.bin tai tu dau {(CAP - 20004 - len(PATCH)) // 1024} KB",
+                           P + '"more/f0000.bin" HTTP 404 -> bo file nay'])
+             + [P + "xong toan bo - 2 file ok, 2 bo lai cho updater"],
+             publish={"patch": PATCH, "extra_sizes": [CAP - 20004 - len(PATCH)]}, rules={PATCH_PATH: status(404)},
+             alternatives=[[P + "dia con it cho -> khong tai san"]]),
     prefetch("smaller: patch with wrong bytes, then the whole file",
              START + [CHOOSE_PATCH] + four_times([PATCH_FRESH, f"{P}{PATCH_PATH} hash lech -> xoa, tai lai"])
              + [P + "patch cho lib/c.bin hong -> tai ca file", FRESH] + DONE,
