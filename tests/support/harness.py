@@ -11,6 +11,7 @@ import os
 import queue
 import re
 import shutil
+import stat
 import subprocess
 import tempfile
 import threading
@@ -140,10 +141,13 @@ def tree_differences(expected, actual):
                if expected[p] != actual[p]])
 
 
-def umask():
+def read_umask():
     """This process's umask, read without changing it (other threads create files meanwhile)."""
     with open("/proc/self/status") as f:
         return next(int(line.split()[1], 8) for line in f if line.startswith("Umask:"))
+
+
+UMASK = read_umask()
 
 
 def tree_problems(inst, expected, ignored):
@@ -151,8 +155,8 @@ def tree_problems(inst, expected, ignored):
     a ".staging" left, and a file that the umask would not have let others write (a file that
     replaced a link must not take the link's permission bits)."""
     actual = {p: d for p, d in files_below(inst).items() if not ignored(p)}
-    loose = [p for p in sorted(actual) if not os.path.islink(os.path.join(inst, p))
-             and os.lstat(os.path.join(inst, p)).st_mode & 0o022 & umask()]
+    modes = {p: os.lstat(os.path.join(inst, p)).st_mode for p in sorted(actual)}
+    loose = [p for p, mode in modes.items() if not stat.S_ISLNK(mode) and mode & 0o022 & UMASK]
     return (tree_differences(expected, actual) + [f"{p} may be written by other users" for p in loose]
             + [".staging is left"] * os.path.lexists(os.path.join(inst, ".staging")))
 
