@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Installs what is missing (as root, with apt-get), builds, and runs the whole test suite: once
-# in the normal build, then the Windows pass (updater.exe under Wine, below), the fuzz targets,
-# then once more built with AddressSanitizer and UndefinedBehaviorSanitizer (SANITIZE=0 leaves
-# that pass out).
+# in the normal build, then the Windows pass (updater.exe under Wine, below), then once more
+# built with AddressSanitizer and UndefinedBehaviorSanitizer (SANITIZE=0 leaves that pass out),
+# and last the fuzz targets.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -66,11 +66,12 @@ set -m  # the background builds in a process group of their own, which finish() 
     stage windows bash -c "cmake -S . -B '$build-win' -G Ninja -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64-x86_64.cmake \
       -DBUILD_TESTING=OFF && cmake --build '$build-win'"
   fi
-  stage fuzz scripts/fuzz.sh --build-only
+  # The sanitizer build before the fuzz targets: its pass takes longest, the fuzzing comes last.
   if $sanitize; then
     stage sanitizer bash -c "cmake -S . -B '$build-asan' -G Ninja -DCORV_SANITIZE=ON ${CMAKE_ARGS:-} \
       && cmake --build '$build-asan'"
   fi
+  stage fuzz scripts/fuzz.sh --build-only
 ) </dev/null &
 background_pid=$!
 set +m
@@ -94,11 +95,6 @@ if $windows; then
 else
   echo "== Windows pass skipped: no toolchain in $toolchain (WINDOWS=1 scripts/test.sh builds it, 30-90 minutes once)"
 fi
-
-# Every libFuzzer target for a few seconds, from the seed corpora in tests/fuzz/corpus.
-step fuzzing
-await fuzz
-scripts/fuzz.sh --no-build "${FUZZ_SECONDS:-10}"
 
 # The same suite again, every program of it instrumented: a memory error, a leak of our own or
 # undefined behaviour ends the process that has it, and so fails its suite. Each report is also
@@ -131,5 +127,10 @@ if $sanitize; then
         echo "sanitizer reports with findings: $findings" >&2
         exit 1
     fi
-    exit "$status"
+    (( status == 0 )) || exit "$status"
 fi
+
+# Every libFuzzer target for a few seconds, from the seed corpora in tests/fuzz/corpus.
+step fuzzing
+await fuzz
+scripts/fuzz.sh --no-build "${FUZZ_SECONDS:-10}"
