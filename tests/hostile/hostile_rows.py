@@ -570,6 +570,10 @@ STALLS = [
     apply("manifest dripping a byte every 3 s, once", [SLOW_APPLY_LINE % M] + manifest_fails(M, CANCELED)[:2] + WHOLE,
           rules={M: dict(DRIP, times=1)}, updates=True),
     apply("file dripping a byte every 3 s", [SLOW_APPLY_LINE % F] + file_fails(F, CANCELED), rules={F: DRIP}),
+    # The pace counts from each attempt's start: the 60 KB that came before do not carry the
+    # dripping file (30 s ahead, 30 s more alone) past the 90 s a row may take.
+    apply("file dripping a byte every 3 s after 60 KB of other files", [SLOW_APPLY_LINE % F] + file_fails(F, CANCELED),
+          publish={"build": dict(BUILD2, **{"a.bin": pattern(60000, 11)})}, rules={F: DRIP}),
     prefetch("manifest silent for 21 s", [P + "dung im qua 20 giay", P + "mang dung im -> bo luot nay"],
              rules={M: {"stallBeforeSeconds": 21}}),
     # The attempt fails, the bytes stay, the retry resumes and completes.
