@@ -69,8 +69,7 @@ bool FetchAhead::getToFile(const QString& url, const QString& filePath, qint64 o
             // Whatever turned it away is met again below, alone.
             if (droppedBodyBytes)
                 *droppedBodyBytes += ahead.fetch->bodyBytesRead();
-            stopped = true;
-            dropAll();
+            stopAhead();
         } else {
             drop(ahead);
             startMore();
@@ -80,6 +79,19 @@ bool FetchAhead::getToFile(const QString& url, const QString& filePath, qint64 o
     FileFetch fetch(network, url, filePath, offset, maxLength, stagedSha256 != nullptr);
     fetch.shareProgress(&group);
     return fetch.wait(bodyBytes, stagedSha256);
+}
+
+void FetchAhead::stopAhead()
+{
+    stopped = true;
+    notStarted.clear();
+    // The GETs under way run to their end and are kept for their turn. Dropped, they would still
+    // count against a server's limit of answers at once until it noticed, and could turn the
+    // lone GET that follows away as busy.
+    for (auto& entry : added) {
+        if (entry.second.fetch && !entry.second.fetch->hasEnded())
+            entry.second.fetch->waitQuietly();
+    }
 }
 
 void FetchAhead::dropAll()

@@ -15,10 +15,10 @@
 // other: log lines, retries and hash checks keep the order of a fetch of one file at a time.
 //
 // A GET fetched ahead that fails is not reported. Fetching ahead stops for the rest of the run,
-// every GET still under way is dropped, and the file is fetched again in its turn, alone, with
-// its own log lines: a server that turns away GETs beyond the first one or two of a client
-// (nginx's limit_conn answers 503) or fails now and then is served as it was one file at a
-// time, at the price of one more request.
+// the GETs still under way are let end (their files are kept for their turn), and the file is
+// then fetched again, alone, with its own log lines: a server that turns away GETs beyond the
+// first one or two of a client (nginx's limit_conn answers 503) or fails now and then is served
+// as it was one file at a time, at the price of one more request.
 //
 // The fetches have a network manager of their own, and no more of them run than Qt opens
 // connections to a host: each is on the wire from its start, so its 10 s inactivity limit
@@ -56,6 +56,7 @@ private:
         std::unique_ptr<FileFetch> fetch;  // null until started
     };
     void startMore();
+    void stopAhead();
     void drop(Ahead& ahead);
 
     BoundedNetworkAccessManager& network;

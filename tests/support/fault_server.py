@@ -11,6 +11,7 @@ is appended as one JSON line to CONTROL_DIR/requests.jsonl, with its time (secon
 epoch), before it is answered.
 """
 
+import collections
 import functools
 import json
 import os
@@ -58,16 +59,19 @@ class Handler(BaseHTTPRequestHandler):
                             "headers": [[k.lower(), v] for k, v in self.headers.items()]})
         rule = self.server.rule_for(path, file)
         # A server that limits the answers to one client under way at once turns the others
-        # away as busy, as nginx's limit_conn does.
-        limit = rule.get("answersAtOnce", 0)
+        # away as busy, as nginx's limit_conn does; the first busyFirst GETs of a path too, after
+        # busySeconds. Each top directory is a client of its own.
+        limit, client = rule.get("answersAtOnce", 0), path.split("/", 1)[0]
+        turned_away = rule.get("busyFirst", 0) >= rule.get("use", 1)
+        time.sleep(rule.get("busySeconds", 0) if turned_away else 0)
         with self.server.lock:
-            self.server.answering += bool(limit)
-            busy = limit and self.server.answering > limit
+            self.server.answering[client] += bool(limit)
+            busy = limit and (self.server.answering[client] > limit or turned_away)
         try:
             return self.send_short(503, b"busy\n") if busy else self.answer(rule, path, file)
         finally:
             with self.server.lock:
-                self.server.answering -= bool(limit)
+                self.server.answering[client] -= bool(limit)
 
     def answer(self, rule, path, file):
         time.sleep(rule.get("stallBeforeSeconds", 0))
@@ -156,7 +160,7 @@ class Server(ThreadingHTTPServer):
     def __init__(self, root, control):
         super().__init__(("127.0.0.1", 0), Handler)
         self.root, self.control, self.lock = os.path.realpath(root), control, threading.Lock()
-        self.answering = 0
+        self.answering = collections.Counter()
         self.uses = {}  # (path, generation) -> requests the rule has matched so far
 
     def record(self, entry):
@@ -164,8 +168,9 @@ class Server(ThreadingHTTPServer):
             log.write(json.dumps(entry, separators=(",", ":")) + "\n")
 
     def rule_for(self, path, file):
-        """The rule for path (or for file, path without its query); {} when none applies, or
-        when it applied to its first `times` requests already."""
+        """The rule for path (or for file, path without its query), with the request's number
+        among those it met as "use"; {} when none applies, or when it applied to its first
+        `times` requests already."""
         try:
             with open(os.path.join(self.control, "rules.json"), encoding="utf-8") as f:
                 rules = json.load(f)
@@ -176,7 +181,8 @@ class Server(ThreadingHTTPServer):
         with self.lock:
             used = (key, rule.get("generation", 0))
             self.uses[used] = self.uses.get(used, 0) + 1
-        return rule if rule.get("times", -1) < 0 or self.uses[used] <= rule["times"] else {}
+            use = self.uses[used]
+        return dict(rule, use=use) if rule.get("times", -1) < 0 or use <= rule["times"] else {}
 
     def handle_error(self, request, client_address):
         # A client that hangs up mid-answer (abort, time-out) is normal in these tests.
