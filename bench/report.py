@@ -72,8 +72,8 @@ def render(r):
     w(f"| software | Qt {m['qt']}; {m['nginx']}; {m['curl'].split(' (')[0]}; {m['openssl']}; "
       f"{m['rsync']}; {m['coreutils']} |")
     w(f"| updater | {r.get('source', 'unknown')}, built RelWithDebInfo (-O2 -g) |")
-    w(f"| load average | {r['load_before'][0]:.2f} at the start, {r['load_after'][0]:.2f} at the end "
-      f"(other work ran on the machine) |\n")
+    busy = " (other work ran on the machine)" if max(r["load_before"][0], r["load_after"][0]) >= 1 else ""
+    w(f"| load average | {r['load_before'][0]:.2f} at the start, {r['load_after'][0]:.2f} at the end{busy} |\n")
     w("Everything runs on 127.0.0.1: nginx (one worker, `sendfile on`, default keep-alive of 1000 "
       "requests per connection) serves builds published with `corvanta-publish`; the data is "
       "generated from fixed seeds, so every run measures the same bytes. The page cache is warm "
