@@ -63,7 +63,8 @@ class Handler(BaseHTTPRequestHandler):
         # busySeconds. Each top directory is a client of its own.
         limit, client = rule.get("answersAtOnce", 0), path.split("/", 1)[0]
         turned_away = rule.get("busyFirst", 0) >= rule.get("use", 1)
-        time.sleep(rule.get("busySeconds", 0) if turned_away else 0)
+        if turned_away:
+            time.sleep(rule.get("busySeconds", 0))
         with self.server.lock:
             self.server.answering[client] += bool(limit)
             busy = limit and (self.server.answering[client] > limit or turned_away)
