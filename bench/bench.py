@@ -4,6 +4,7 @@ the same machine: curl over one keep-alive connection, openssl and sha256sum ove
 tree, cp, and rsync as a peer. Started by bench/run.sh, which builds the programs."""
 
 import argparse
+import ctypes
 import datetime
 import json
 import os
@@ -149,6 +150,8 @@ class Bench:
         out_dir = os.path.join(self.work, "curl-out")
         shutil.rmtree(out_dir, ignore_errors=True)
         config = self.curl_config(ds, entries, out_dir, url)
+        # Like every apply, curl starts with nothing of an earlier step left to write back.
+        os.sync()
         mark = self.nginx.log_mark()
         wall = run_plain(["curl", "--silent", "--show-error", "--fail", "--create-dirs", *options, "--config", config])
         requests = self.nginx.requests(mark)
@@ -258,7 +261,7 @@ class Bench:
         out = []
         for count in self.sizes.small_counts:
             ds = self.small_dataset(count)
-            apply_s, curl_s, apply_conns, curl_conns, phases = [], [], [], [], []
+            apply_s, curl_s, apply_conns, curl_conns, phases, manager, file_work = [], [], [], [], [], [], []
             for rep in range(self.sizes.reps):
                 ds.install(install)
                 run, files = self.apply_small(ds, install)
@@ -268,10 +271,14 @@ class Bench:
                 wall, _, requests = self.curl_fetch(ds, ds.changed)
                 curl_s.append(wall)
                 curl_conns.append(len({r.connection for r in requests}))
+                manager.append(self.manager_alone(ds))
+                file_work.append(self.file_work_alone(ds, install))
                 self.say(f"   {count} files, rep {rep + 1}: apply {run.wall:.2f} s, curl {wall:.2f} s, "
-                         f"connections {apply_conns[-1]} / {curl_conns[-1]}")
+                         f"connections {apply_conns[-1]} / {curl_conns[-1]}, Qt's manager alone "
+                         f"{manager[-1]['wall']:.2f} s, file work alone {sum(file_work[-1].values()):.2f} s")
             out.append(dict(count=count, bytes=ds.changed_bytes(), apply=apply_s, curl=curl_s, phases=phases,
-                            apply_connections=apply_conns, curl_connections=curl_conns))
+                            apply_connections=apply_conns, curl_connections=curl_conns, manager=manager,
+                            file_work=file_work))
             if count == self.sizes.small_counts[-1]:
                 out[-1]["syscalls"] = self.syscall_profile(ds, install)
         self.results["scaling"] = out
@@ -285,6 +292,63 @@ class Bench:
         self.expect(len(files) == len(ds.changed) and sum(r.body_bytes for r in files) == ds.changed_bytes(),
                     f"{len(ds.changed)} files of {ds.name} fetched once each")
         return run, files
+
+    def manager_alone(self, ds):
+        """Qt's network access manager with nothing else to do: the changed files fetched into
+        memory and dropped, six GETs in flight, as the updater keeps them (bench/qnam_fetch.cpp)."""
+        urls = os.path.join(self.work, f"urls-{ds.name}.txt")
+        with open(urls, "w") as f:
+            f.writelines(ds.url(e.path) + "\n" for e in ds.changed)
+        done = subprocess.run([self.args.qnam_fetch, urls, "6"], capture_output=True, text=True, check=True)
+        result = json.loads(done.stdout)
+        self.expect(result["files"] == len(ds.changed) and result["bytes"] == ds.changed_bytes(),
+                    f"Qt's manager alone fetched the {len(ds.changed)} files of {ds.name}")
+        return result
+
+    def file_work_alone(self, ds, install):
+        """The file work of an apply with nothing else around it, in seconds per step: build 2's
+        changed files written into a staging directory and synced, each installed file linked to a
+        backup and its staged file renamed over it, the directories synced, the backups removed."""
+        ds.install(install)
+        staging = os.path.join(install, ".staging")
+        bodies = {}
+        for e in ds.changed:
+            with open(os.path.join(ds.input2, e.path), "rb") as f:
+                bodies[e.path] = f.read()
+        dirs = sorted({os.path.dirname(e.path) for e in ds.changed})
+        for d in dirs:
+            os.makedirs(os.path.join(staging, d), exist_ok=True)
+        steps = {}
+        started = time.monotonic()
+
+        def step(name):
+            nonlocal started
+            now = time.monotonic()
+            steps[name] = now - started
+            started = now
+
+        for e in ds.changed:
+            fd = os.open(os.path.join(staging, e.path), os.O_WRONLY | os.O_CREAT | os.O_EXCL, 0o644)
+            os.write(fd, bodies[e.path])
+            os.close(fd)
+        step("write")
+        fd = os.open(staging, os.O_RDONLY)
+        ctypes.CDLL(None, use_errno=True).syncfs(fd)  # as the updater syncs its staged files
+        os.close(fd)
+        step("sync")
+        for e in ds.changed:
+            target = os.path.join(install, e.path)
+            os.link(target, target + ".bak")
+            os.rename(os.path.join(staging, e.path), target)
+        for d in dirs:
+            fd = os.open(os.path.join(install, d), os.O_RDONLY)
+            os.fsync(fd)
+            os.close(fd)
+        step("replace")
+        for e in ds.changed:
+            os.unlink(os.path.join(install, e.path) + ".bak")
+        step("remove_backups")
+        return steps
 
     # ---------------------------------------------------------------- 3l. latency
 
@@ -815,6 +879,7 @@ def main():
     parser.add_argument("--prepare-only", action="store_true", help="only generate and publish the data")
     parser.add_argument("--source", default="unknown", help="which sources the programs were built from")
     parser.add_argument("--cap-json", help="keep item 5c's measurements in this file, one entry per source")
+    parser.add_argument("--qnam-fetch", required=True, help="bench/qnam_fetch.cpp's program")
     parser.add_argument("--latency-counts", help="item 3l's set sizes, comma-separated, instead of 100,10000")
     args = parser.parse_args()
     # A stopped run still stops nginx and removes its installations (the finally blocks).

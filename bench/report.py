@@ -150,6 +150,25 @@ def render(r):
               f"{med(s['apply_connections']):.0f} / {med(s['curl_connections']):.0f} |")
         last = r["scaling"][-1]
         w("")
+        if all("manager" in s for s in r["scaling"]):
+            w("The two halves of the same work with nothing else around them, in each repetition beside the "
+              "apply. **Qt's manager alone** (`build/bin/bench/qnam_fetch`): the network access manager the "
+              "updater uses, fetching the same files into memory and dropping them, six GETs in flight, timed from the "
+              "first GET to the last answer (curl's time includes its start). "
+              "**File work alone** (Python, `os` calls): build 2's files written into a staging directory "
+              "and synced with `syncfs`, each installed file linked to a backup and its staged file renamed "
+              "over it, the directories synced, the backups removed.\n")
+            w("| N | Qt's manager alone | per file | / curl | its network thread's CPU per answer | "
+              "file work alone per file: write + sync + replace + remove backups |")
+            w("|---|---|---|---|---|---|")
+            for s in r["scaling"]:
+                n = s["count"]
+                walls = [m["wall"] for m in s["manager"]]
+                work = lambda key: fig([x[key] for x in s["file_work"]], 3, 1000 / n)
+                w(f"| {n} | {fig(walls, 3)} s | {fig(walls, 3, 1000 / n)} ms | {ratio(walls, s['curl'])} | "
+                  f"{fig([m['network_thread_cpu'] for m in s['manager']], 3, 1000 / n)} ms | "
+                  f"{work('write')} + {work('sync')} + {work('replace')} + {work('remove_backups')} ms |")
+            w("")
         syscall_table(w, last.get("syscalls"), f"the apply of {last['count']} files")
 
     if "latency" in r:
@@ -327,6 +346,8 @@ def render_cap(w, caps):
     """Item 5c: the cap as nginx's side sees it, every run of each source measured."""
     if not caps:
         return
+    if isinstance(caps, dict):  # one run's own measurements, not yet kept with other sources'
+        caps = [caps]
     w(f"**The cap in every run (item 5c, `bench/run.sh --prefetch-cap`).** Each prefetch runs to its end through "
       f"a proxy in front of nginx that counts the bytes it passes to the updater's socket (its own buffers "
       f"16 KiB). \"Most in {caps[0]['window']:.0f} s\" is the largest count in any {caps[0]['window']:.0f} s window, "

@@ -26,7 +26,8 @@
 # --out FILE (the Markdown report), --only 1,3 (items), --reps N (instead of 5),
 # --profile (perf profile of one apply),
 # --prepare-only (generate and publish the data sets, measure nothing),
-# --updater EXE --publish EXE (use these programs instead of building them in $BUILD_DIR).
+# --updater EXE --publish EXE --qnam-fetch EXE (use these programs instead of building them in
+# $BUILD_DIR).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source_dir=$PWD
@@ -44,6 +45,7 @@ profile=false
 prepare=false
 updater=
 publish=
+qnam_fetch=
 while (($#)); do
   case $1 in
     --smoke) smoke=true ;;
@@ -59,6 +61,7 @@ while (($#)); do
     --prepare-only) prepare=true ;;
     --updater) updater=$2; shift ;;
     --publish) publish=$2; shift ;;
+    --qnam-fetch) qnam_fetch=$2; shift ;;
     -h|--help) sed -n '2,/^set -euo/p' "$0" | sed '$d' | sed 's/^# \{0,1\}//'; exit 0 ;;
     *) echo "unknown option $1 (see --help)" >&2; exit 2 ;;
   esac
@@ -87,9 +90,15 @@ case $build in /*) ;; *) build=$source_dir/$build ;; esac
 if [ -z "$updater" ] || [ -z "$publish" ] || $small_updates; then
   echo "== building the updater and corvanta-publish in $build"
   cmake -S . -B "$build" -G Ninja ${CMAKE_ARGS:-} >/dev/null
-  cmake --build "$build" --target updater corvanta-publish decode_artifact | tail -n 1
+  cmake --build "$build" --target updater corvanta-publish decode_artifact qnam_fetch | tail -n 1
   updater=${updater:-$build/bin/updater}
   publish=${publish:-$build/bin/corvanta-publish}
+  qnam_fetch=${qnam_fetch:-$build/bin/bench/qnam_fetch}
+fi
+if [ -z "$qnam_fetch" ]; then
+  cmake -S . -B "$build" -G Ninja ${CMAKE_ARGS:-} >/dev/null
+  cmake --build "$build" --target qnam_fetch | tail -n 1
+  qnam_fetch=$build/bin/bench/qnam_fetch
 fi
 
 # Which sources were measured: the commit, and whether the checkout had changes to them.
@@ -98,7 +107,7 @@ if [ -z "${BENCH_SOURCE:-}" ] && git rev-parse --git-dir >/dev/null 2>&1; then
   source_state="commit $(git rev-parse --short HEAD)"
   git diff --quiet HEAD -- src CMakeLists.txt || source_state+=" with uncommitted changes in src/"
 fi
-args=(--updater "$updater" --publish "$publish" --key "$source_dir/keys/dev_private.pem" --source "$source_state")
+args=(--updater "$updater" --publish "$publish" --qnam-fetch "$qnam_fetch" --key "$source_dir/keys/dev_private.pem" --source "$source_state")
 $smoke || args+=(--cap-json "$source_dir/bench/results-prefetch-cap.json")
 [ -n "$only" ] && args+=(--only "$only")
 [ -n "$reps" ] && args+=(--reps "$reps")
