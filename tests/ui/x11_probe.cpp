@@ -78,6 +78,7 @@ QImage grabReferenceBox(QMessageBox::Icon icon, const QString& title, const QStr
 int main(int argc, char** argv)
 {
     qputenv("QT_QPA_PLATFORM", "xcb");
+    qputenv("QT_XCB_GL_INTEGRATION", "none"); // no OpenGL driver, like the updater
     QApplication app(argc, argv);
     const QStringList args = QApplication::arguments().mid(1);
 
