@@ -87,18 +87,13 @@ fi
 
 build=${BUILD_DIR:-build}
 case $build in /*) ;; *) build=$source_dir/$build ;; esac
-if [ -z "$updater" ] || [ -z "$publish" ] || $small_updates; then
-  echo "== building the updater and corvanta-publish in $build"
+if [ -z "$updater" ] || [ -z "$publish" ] || [ -z "$qnam_fetch" ] || $small_updates; then
+  echo "== building the updater, corvanta-publish and the bench programs in $build"
   cmake -S . -B "$build" -G Ninja ${CMAKE_ARGS:-} >/dev/null
   cmake --build "$build" --target updater corvanta-publish decode_artifact qnam_fetch | tail -n 1
   updater=${updater:-$build/bin/updater}
   publish=${publish:-$build/bin/corvanta-publish}
   qnam_fetch=${qnam_fetch:-$build/bin/bench/qnam_fetch}
-fi
-if [ -z "$qnam_fetch" ]; then
-  cmake -S . -B "$build" -G Ninja ${CMAKE_ARGS:-} >/dev/null
-  cmake --build "$build" --target qnam_fetch | tail -n 1
-  qnam_fetch=$build/bin/bench/qnam_fetch
 fi
 
 # Which sources were measured: the commit, and whether the checkout had changes to them.
